@@ -1,0 +1,138 @@
+#include "base/failure.h"
+
+#include "base/unique_handle.h"
+
+#include <cstdio>
+#include <cwchar>
+#include <new>
+
+namespace fibra::details {
+
+hresult_error::hresult_error(HRESULT code) noexcept : code_(code)
+{
+    std::snprintf(what_, sizeof what_, "HRESULT 0x%08lX", static_cast<unsigned long>(code));
+}
+
+}  // namespace fibra::details
+
+namespace tessel {
+namespace {
+
+// Path tails are enough to find the line and keep the report short.
+const char* file_name_of(const char* path) noexcept
+{
+    const char* name = path;
+    for (const char* p = path; *p; ++p)
+        if (*p == '/' || *p == '\\')
+            name = p + 1;
+    return name;
+}
+
+[[noreturn]] void fail_fast_impl(HRESULT code, bool has_code, std::wstring_view message,
+                                 const std::source_location& where) noexcept
+{
+    // No allocation: the heap may be what is broken.
+    wchar_t text[1024];
+    int length = std::swprintf(text, std::size(text), L"FAIL FAST: %.*ls [%hs(%u)]",
+                               static_cast<int>(message.size()), message.data(),
+                               file_name_of(where.file_name()), static_cast<unsigned>(where.line()));
+    if (length < 0)
+        length = 0;
+    if (has_code && static_cast<size_t>(length) < std::size(text))
+        std::swprintf(text + length, std::size(text) - length, L" (0x%08lX)", static_cast<unsigned long>(code));
+    debug_report(text);
+    // Ends the process at once, bypassing exception handlers and exit-time destructors.
+    ::RaiseFailFastException(nullptr, nullptr, 0);
+    ::TerminateProcess(::GetCurrentProcess(), 0xC0000602u /* STATUS_FAIL_FAST_EXCEPTION */);
+    __builtin_unreachable();
+}
+
+}  // namespace
+
+void debug_report(std::wstring_view message) noexcept
+{
+    wchar_t line[1100];
+    const size_t length = std::min(message.size(), std::size(line) - 2);
+    std::wmemcpy(line, message.data(), length);
+    line[length] = L'\n';
+    line[length + 1] = L'\0';
+    ::OutputDebugStringW(line);
+
+    // Tests and console runs see the report too.
+    const HANDLE err = ::GetStdHandle(STD_ERROR_HANDLE);
+    if (err != nullptr && err != INVALID_HANDLE_VALUE) {
+        char utf8[4 * std::size(line)];
+        const int bytes = ::WideCharToMultiByte(CP_UTF8, 0, line, static_cast<int>(length + 1), utf8,
+                                                sizeof utf8, nullptr, nullptr);
+        DWORD written = 0;
+        if (bytes > 0)
+            ::WriteFile(err, utf8, static_cast<DWORD>(bytes), &written, nullptr);
+    }
+}
+
+void fail_fast(std::wstring_view message, std::source_location where) noexcept
+{
+    fail_fast_impl(S_OK, false, message, where);
+}
+
+void fail_fast_hr(HRESULT code, std::wstring_view message, std::source_location where) noexcept
+{
+    fail_fast_impl(code, true, message, where);
+}
+
+void fail_fast_last_error(std::wstring_view message, std::source_location where) noexcept
+{
+    fail_fast_impl(hresult_from_win32(::GetLastError()), true, message, where);
+}
+
+void throw_hresult(HRESULT code)
+{
+    throw fibra::details::hresult_error(code);
+}
+
+void throw_win32(DWORD error)
+{
+    throw_hresult(error == ERROR_SUCCESS ? E_FAIL : hresult_from_win32(error));
+}
+
+void throw_last_error()
+{
+    throw_win32(::GetLastError());
+}
+
+std::wstring system_message(HRESULT code)
+{
+    const auto format = [](DWORD id) {
+        wchar_t* buffer = nullptr;
+        const DWORD length = ::FormatMessageW(
+            FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, id,
+            0, reinterpret_cast<wchar_t*>(&buffer), 0, nullptr);
+        unique_hlocal owner(buffer);
+        return length ? std::wstring(buffer, length) : std::wstring();
+    };
+
+    std::wstring text = format(static_cast<DWORD>(code));
+    // Not every system resolves the HRESULT form of a Win32 error; the plain code always works.
+    if (text.empty() && HRESULT_FACILITY(code) == FACILITY_WIN32)
+        text = format(HRESULT_CODE(code));
+    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r' || text.back() == L' '))
+        text.pop_back();
+    return text;
+}
+
+HRESULT hresult_from_caught_exception() noexcept
+{
+    try {
+        throw;
+    } catch (const fibra::details::hresult_error& e) {
+        return e.code();
+    } catch (const std::bad_alloc&) {
+        return E_OUTOFMEMORY;
+    } catch (const fibra::details::operation_cancelled&) {
+        return HRESULT_FROM_WIN32(ERROR_CANCELLED);
+    } catch (...) {
+        return E_FAIL;
+    }
+}
+
+}  // namespace tessel
