@@ -17,7 +17,7 @@ constexpr wchar_t product_title[] = L"QMX Software Ulmora Tools Server";
 std::wstring preview_text()
 {
     std::wstring text;
-    const HRESULT code = REGDB_E_CLASSNOTREG;
+    const HRESULT code = E_ACCESSDENIED;
     ts_printf::compiled_format error_message(
         L"Error connecting to Ulmora Tools Server API: {0} ({1ub016x})\n\nTry to reinstall the product.");
     ts_printf::format_to(text, error_message, tessel::system_message(code), static_cast<unsigned long>(code));
