@@ -64,7 +64,8 @@ LRESULT CALLBACK window_proc(HWND window, UINT message, WPARAM wparam, LPARAM lp
 
 int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show)
 {
-    WNDCLASSEXW window_class{sizeof window_class};
+    WNDCLASSEXW window_class{};
+    window_class.cbSize = sizeof window_class;
     window_class.lpfnWndProc = window_proc;
     window_class.hInstance = instance;
     window_class.hCursor = ::LoadCursorW(nullptr, IDC_ARROW);
