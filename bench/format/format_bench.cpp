@@ -1,0 +1,222 @@
+// Formats the program's own format strings a million times each with ts_printf (compiled
+// once), with fmt (runtime format strings of the same meaning) and with swprintf, and
+// prints time per format and heap allocations per format side by side.
+
+#include "format/ts_printf.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <fmt/xchar.h>
+
+#include <windows.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <cwchar>
+#include <iterator>
+#include <new>
+#include <string>
+#include <vector>
+
+namespace {
+std::atomic<long long> allocations{0};
+}
+
+void* operator new(std::size_t size)
+{
+    allocations.fetch_add(1, std::memory_order_relaxed);
+    if (void* p = std::malloc(size ? size : 1))
+        return p;
+    throw std::bad_alloc();
+}
+void* operator new[](std::size_t size) { return operator new(size); }
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+
+namespace {
+
+// Each implementation runs its million formats in batches, interleaved with the others, and
+// the fastest batch counts: the machine may be busy with other work, and interleaving
+// lets every implementation meet the same disturbances.
+constexpr int batches = 20;
+constexpr int batch_size = 50'000;
+constexpr int iterations = batches * batch_size;
+volatile std::size_t sink;
+
+struct measurement {
+    double ns_per_format = 1e300;
+    double allocations_per_format = 0;
+};
+
+double now_ns()
+{
+    static const double ns_per_tick = [] {
+        LARGE_INTEGER frequency;
+        ::QueryPerformanceFrequency(&frequency);
+        return 1e9 / static_cast<double>(frequency.QuadPart);
+    }();
+    LARGE_INTEGER counter;
+    ::QueryPerformanceCounter(&counter);
+    return static_cast<double>(counter.QuadPart) * ns_per_tick;
+}
+
+template <class Body>
+void run_batch(Body& body, measurement& result)
+{
+    const long long allocations_before = allocations.load();
+    const double start = now_ns();
+    for (int i = 0; i < batch_size; ++i)
+        body();
+    const double elapsed = now_ns() - start;
+    result.allocations_per_format += static_cast<double>(allocations.load() - allocations_before) / iterations;
+    if (elapsed / batch_size < result.ns_per_format)
+        result.ns_per_format = elapsed / batch_size;
+}
+
+template <class... Bodies>
+auto measure(Bodies... bodies)
+{
+    for (int i = 0; i < 1000; ++i)  // warm-up: caches, and the output grows once
+        (bodies(), ...);
+    std::array<measurement, sizeof...(Bodies)> results;
+    for (int batch = 0; batch < batches; ++batch) {
+        std::size_t index = 0;
+        (run_batch(bodies, results[index++]), ...);
+    }
+    return results;
+}
+
+struct row {
+    const wchar_t* format;
+    measurement ts, fmt, crt;
+};
+
+void print(const row& r)
+{
+    std::wstring name = r.format;
+    for (auto& c : name)
+        if (c == L'\n')
+            c = L'|';
+    if (name.size() > 40)
+        name = name.substr(0, 39) + L"~";
+    std::printf("%-41ls %8.1f %8.1f %8.1f %8.2f %8.2f   %5.2f %5.2f %5.2f\n", name.c_str(), r.ts.ns_per_format,
+                r.fmt.ns_per_format, r.crt.ns_per_format, r.ts.ns_per_format / r.fmt.ns_per_format,
+                r.ts.ns_per_format / r.crt.ns_per_format, r.ts.allocations_per_format, r.fmt.allocations_per_format,
+                r.crt.allocations_per_format);
+}
+
+}  // namespace
+
+int main()
+{
+    const std::wstring name = L"ExportedCorrections";
+    const std::wstring device = L"USB Mass Storage Device";
+    const std::wstring host = L"workstation-17";
+    const std::wstring message = L"The remote procedure call failed.";
+    const std::int32_t error = static_cast<std::int32_t>(0x80070005);
+    std::tm stamp{};
+    stamp.tm_year = 125;
+    stamp.tm_mon = 0;
+    stamp.tm_mday = 2;
+    stamp.tm_hour = 3;
+    stamp.tm_min = 4;
+    stamp.tm_sec = 5;
+    stamp.tm_wday = 4;
+    stamp.tm_yday = 1;
+
+    std::wstring out;
+    out.reserve(256);
+    wchar_t buffer[512];
+    // fmt 9 has no runtime() wrapper for wide strings; a plain string view is its runtime
+    // (parsed at every call) form.
+    const auto fmt_to = [&](const wchar_t* format, const auto&... args) {
+        fmt::format_to(std::back_inserter(out), fmt::basic_string_view<wchar_t>(format), args...);
+    };
+    std::vector<row> rows;
+    const auto add = [&](const wchar_t* format, auto ts, auto fmt, auto crt) {
+        const auto results = measure(ts, fmt, crt);
+        rows.push_back({format, results[0], results[1], results[2]});
+    };
+
+    const ts_printf::compiled_format concatenation(L"{0}{1}");
+    add(concatenation.text().data(),
+        [&] { out.clear(); ts_printf::format_to(out, concatenation, name, device); sink = out.size(); },
+        [&] { out.clear(); fmt_to(L"{0}{1}", name, device); sink = out.size(); },
+        [&] { sink = std::swprintf(buffer, 512, L"%ls%ls", name.c_str(), device.c_str()); });
+
+    const ts_printf::compiled_format padded(L"{0arf0w5}");
+    add(padded.text().data(),
+        [&] { out.clear(); ts_printf::format_to(out, padded, 42); sink = out.size(); },
+        [&] { out.clear(); fmt_to(L"{0:0>5}", 42); sink = out.size(); },
+        [&] { sink = std::swprintf(buffer, 512, L"%05d", 42); });
+
+    const ts_printf::compiled_format error_code(L"{1ub016x}");
+    add(error_code.text().data(),
+        [&] { out.clear(); ts_printf::format_to(out, error_code, name, error); sink = out.size(); },
+        [&] { out.clear(); fmt_to(L"{1:#x}", name, static_cast<std::uint32_t>(error)); sink = out.size(); },
+        [&] { sink = std::swprintf(buffer, 512, L"0x%x", static_cast<unsigned>(error)); });
+
+    // The condition alternates, so every implementation shows both forms.
+    const ts_printf::compiled_format conditional(L"{0}{2?<}@{1}{2?>}");
+    bool shown = false;
+    add(conditional.text().data(),
+        [&] { out.clear(); ts_printf::format_to(out, conditional, device, host, shown = !shown); sink = out.size(); },
+        [&] { out.clear(); fmt_to((shown = !shown) ? L"{0}@{1}" : L"{0}", device, host); sink = out.size(); },
+        [&] {
+            sink = (shown = !shown) ? std::swprintf(buffer, 512, L"%ls@%ls", device.c_str(), host.c_str())
+                                    : std::swprintf(buffer, 512, L"%ls", device.c_str());
+        });
+
+    const ts_printf::compiled_format markup(L"[[[r:{2}:{0?<}:{1}:{0?>} ]]] {3}");
+    add(markup.text().data(),
+        [&] { out.clear(); ts_printf::format_to(out, markup, true, host, 3, device); sink = out.size(); },
+        [&] { out.clear(); fmt_to(L"[[[r:{2}::{1}: ]]] {3}", true, host, 3, device); sink = out.size(); },
+        [&] { sink = std::swprintf(buffer, 512, L"[[[r:%d::%ls: ]]] %ls", 3, host.c_str(), device.c_str()); });
+
+    const ts_printf::compiled_format failure(
+        L"Error connecting to Ulmora Tools Server API: {0} ({1ub016x})\n\nTry to reinstall the product.");
+    add(failure.text().data(),
+        [&] { out.clear(); ts_printf::format_to(out, failure, message, error); sink = out.size(); },
+        [&] {
+            out.clear();
+            fmt_to(L"Error connecting to Ulmora Tools Server API: {0} ({1:#x})\n\nTry to reinstall the product.", message,
+                   static_cast<std::uint32_t>(error));
+            sink = out.size();
+        },
+        [&] {
+            sink = std::swprintf(buffer, 512,
+                                 L"Error connecting to Ulmora Tools Server API: %ls (0x%x)\n\nTry to reinstall the product.",
+                                 message.c_str(), static_cast<unsigned>(error));
+        });
+
+    const ts_printf::compiled_format file_name(L"{0}.{1t(%Y%m%d-%H%M%S)}.xml");
+    add(file_name.text().data(),
+        [&] { out.clear(); ts_printf::format_to(out, file_name, name, stamp); sink = out.size(); },
+        [&] { out.clear(); fmt_to(L"{0}.{1:%Y%m%d-%H%M%S}.xml", name, stamp); sink = out.size(); },
+        [&] {
+            sink = std::swprintf(buffer, 512, L"%ls.%04d%02d%02d-%02d%02d%02d.xml", name.c_str(), stamp.tm_year + 1900,
+                                 stamp.tm_mon + 1, stamp.tm_mday, stamp.tm_hour, stamp.tm_min, stamp.tm_sec);
+        });
+
+    std::printf("%d formats each (fastest of %d interleaved batches); ns per format, ratio of ts_printf to the\n"
+                "others, heap allocations per format\n\n",
+                iterations, batches);
+    std::printf("%-41s %8s %8s %8s %8s %8s   %5s %5s %5s\n", "format string", "ts", "fmt", "swprintf", "ts/fmt",
+                "ts/swpf", "a:ts", "a:fmt", "a:swp");
+    double ts_total = 0, fmt_total = 0, crt_total = 0;
+    for (const row& r : rows) {
+        print(r);
+        ts_total += r.ts.ns_per_format;
+        fmt_total += r.fmt.ns_per_format;
+        crt_total += r.crt.ns_per_format;
+    }
+    std::printf("%-41s %8.1f %8.1f %8.1f %8.2f %8.2f\n", "all", ts_total, fmt_total, crt_total, ts_total / fmt_total,
+                ts_total / crt_total);
+    return 0;
+}

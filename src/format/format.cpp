@@ -1,0 +1,530 @@
+#include "format/ts_printf.h"
+
+#include "base/failure.h"
+#include "format/detail.h"
+
+#include <emmintrin.h>
+#include <windows.h>
+
+#include <array>
+#include <atomic>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <string>
+
+namespace ts_printf {
+namespace {
+
+std::atomic<bool> hex_lower_case_by_default{false};
+
+}  // namespace
+
+void set_default_hex_lowercase(bool lower_case) noexcept
+{
+    hex_lower_case_by_default.store(lower_case, std::memory_order_relaxed);
+}
+
+bool default_hex_lowercase() noexcept
+{
+    return hex_lower_case_by_default.load(std::memory_order_relaxed);
+}
+
+namespace detail {
+
+const std::locale& user_locale() noexcept
+{
+    // libstdc++'s locale model on this platform knows only "C", and the environment may
+    // name another locale (Wine passes LANG through), which makes the constructor throw.
+    static const std::locale locale = []() noexcept {
+        try {
+            return std::locale("");
+        } catch (...) {
+            return std::locale::classic();
+        }
+    }();
+    return locale;
+}
+
+}  // namespace detail
+
+wchar_t thousands_separator() noexcept
+{
+    // A real named locale answers for itself. Here std::locale("") is at best "C", which
+    // knows nothing of the user's settings, so Windows is asked instead.
+    static const wchar_t separator = []() noexcept -> wchar_t {
+        try {
+            const std::locale& locale = detail::user_locale();
+            const std::string name = locale.name();
+            if (name != "C" && name != "POSIX")
+                return std::use_facet<std::numpunct<wchar_t>>(locale).thousands_sep();
+        } catch (...) {
+        }
+        wchar_t text[8] = {};
+        if (::GetLocaleInfoEx(LOCALE_NAME_USER_DEFAULT, LOCALE_STHOUSAND, text, static_cast<int>(std::size(text))) > 0)
+            return text[0];
+        return L',';
+    }();
+    return separator;
+}
+
+namespace detail {
+namespace {
+
+constexpr wchar_t replacement_character = 0xFFFD;
+constexpr wchar_t ellipsis_character = 0x2026;
+
+// Room for the longest integer text: 64 binary digits and a sign.
+constexpr std::size_t integer_capacity = 72;
+static_assert(integer_capacity <= 128);
+
+template <class Unsigned>
+wchar_t* write_decimal(wchar_t* p, Unsigned value) noexcept
+{
+    while (value >= 100) {
+        const auto pair = static_cast<unsigned>(value % 100) * 2;
+        value /= 100;
+        *--p = digit_pairs[pair + 1];
+        *--p = digit_pairs[pair];
+    }
+    if (value >= 10) {
+        const auto pair = static_cast<unsigned>(value) * 2;
+        *--p = digit_pairs[pair + 1];
+        *--p = digit_pairs[pair];
+    } else {
+        *--p = static_cast<wchar_t>(L'0' + value);
+    }
+    return p;
+}
+
+wchar_t* write_grouped_decimal(wchar_t* p, std::uint64_t value, wchar_t separator) noexcept
+{
+    int in_group = 0;
+    do {
+        if (in_group == 3) {
+            *--p = separator;
+            in_group = 0;
+        }
+        *--p = static_cast<wchar_t>(L'0' + value % 10);
+        value /= 10;
+        ++in_group;
+    } while (value);
+    return p;
+}
+
+wchar_t* write_hexadecimal(wchar_t* p, std::uint64_t value, std::uint32_t flags) noexcept
+{
+    using namespace segment_flags;
+    const bool lower = (flags & hex_lower_case) || ((flags & hex_default_case) && default_hex_lowercase());
+    const wchar_t* digits = lower ? L"0123456789abcdef" : L"0123456789ABCDEF";
+    wchar_t* const end = p;
+    do {
+        *--p = digits[value & 0xF];
+        value >>= 4;
+    } while (value);
+    if (flags & hex_pad) {
+        const std::size_t target = end - p <= 8 ? 8 : 16;
+        while (static_cast<std::size_t>(end - p) < target)
+            *--p = L'0';
+    }
+    if (flags & hex_prefix) {
+        *--p = L'x';
+        *--p = L'0';
+    }
+    return p;
+}
+
+std::wstring_view convert_character(std::uint64_t code, bool negative, scratch_buffer& scratch) noexcept
+{
+    wchar_t* const p = scratch.data();
+    if (negative || code > 0x10FFFF) {
+        p[0] = replacement_character;
+        return {p, 1};
+    }
+    if (code > 0xFFFF) {
+        code -= 0x10000;
+        p[0] = static_cast<wchar_t>(0xD800 + (code >> 10));
+        p[1] = static_cast<wchar_t>(0xDC00 + (code & 0x3FF));
+        return {p, 2};
+    }
+    p[0] = static_cast<wchar_t>(code);
+    return {p, 1};
+}
+
+std::wstring_view convert_integer(const argument& arg, const segment& seg, scratch_buffer& scratch) noexcept
+{
+    using namespace segment_flags;
+    bool negative = false;
+    std::uint64_t magnitude = arg.unsigned_value;
+    if (arg.kind == argument_kind::signed_integer) {
+        if (seg.flags & as_unsigned) {
+            if (arg.size < sizeof(std::uint64_t))
+                magnitude &= (std::uint64_t{1} << (arg.size * 8)) - 1;
+        } else if (arg.signed_value < 0) {
+            negative = true;
+            magnitude = 0 - magnitude;
+        }
+    }
+    if (seg.flags & character)
+        return convert_character(magnitude, negative, scratch);
+
+    wchar_t* const end = scratch.data() + integer_capacity;
+    wchar_t* p = end;
+    switch (seg.base) {
+    case 2:
+        do {
+            *--p = static_cast<wchar_t>(L'0' + (magnitude & 1));
+            magnitude >>= 1;
+        } while (magnitude);
+        break;
+    case 8:
+        do {
+            *--p = static_cast<wchar_t>(L'0' + (magnitude & 7));
+            magnitude >>= 3;
+        } while (magnitude);
+        break;
+    case 10:
+        if ((seg.flags & group_thousands) && thousands_separator() != L'\0')
+            p = write_grouped_decimal(p, magnitude, thousands_separator());
+        else if (magnitude <= UINT32_MAX)
+            p = write_decimal(p, static_cast<std::uint32_t>(magnitude));
+        else
+            p = write_decimal(p, magnitude);
+        break;
+    default:  // every other base, 16 or not, is hexadecimal
+        p = write_hexadecimal(p, magnitude, seg.flags);
+        break;
+    }
+    if (negative)
+        *--p = L'-';
+    else if (seg.flags & plus_sign)
+        *--p = L'+';
+    return {p, static_cast<std::size_t>(end - p)};
+}
+
+std::wstring_view convert_floating(const argument& arg, const segment& seg, scratch_buffer& scratch)
+{
+    using namespace segment_flags;
+    const double value = arg.floating_value;
+    // The longest text is fixed notation of a huge value: sign, 309 digits, point, precision.
+    small_buffer<char, 512> narrow;
+    narrow.reserve(std::size_t{400} + seg.precision);
+    char* const first = narrow.data();
+    char* const last = first + narrow.capacity();
+    std::to_chars_result result;
+    if (seg.flags & variant_n) {
+        // Shortest for the argument's own type: 0.1f prints "0.1", not its double expansion.
+        result = arg.size == sizeof(float) ? std::to_chars(first, last, static_cast<float>(value))
+                                           : std::to_chars(first, last, value);
+    } else if (seg.flags & variant_sa) {
+        result = std::to_chars(first, last, value, std::chars_format::general, seg.precision);
+    } else if (seg.flags & variant_s) {
+        result = std::to_chars(first, last, value, std::chars_format::scientific, seg.precision);
+    } else {
+        result = std::to_chars(first, last, value, std::chars_format::fixed, seg.precision);
+    }
+    if (result.ec != std::errc{})
+        tessel::fail_fast(L"floating-point text longer than its buffer");
+
+    const std::size_t length = static_cast<std::size_t>(result.ptr - first);
+    scratch.reserve(length + 1);
+    wchar_t* p = scratch.data();
+    if ((seg.flags & plus_sign) && !std::signbit(value))
+        *p++ = L'+';
+    for (std::size_t i = 0; i < length; ++i)
+        *p++ = static_cast<wchar_t>(first[i]);
+    return {scratch.data(), static_cast<std::size_t>(p - scratch.data())};
+}
+
+std::wstring_view convert_time(const std::tm& time, std::wstring_view format, const segment& seg,
+                               scratch_buffer& scratch)
+{
+    std::wstring_view pattern = L"%Y-%m-%d %H:%M:%S";
+    if (seg.flags & segment_flags::time_pattern) {
+        if (seg.start > format.size())
+            throw generic_exception("time pattern starts beyond its format string");
+        const std::size_t end = std::min<std::size_t>(seg.end, format.size());
+        pattern = format.substr(seg.start, end > seg.start ? end - seg.start : 0);
+    }
+    scratch.clear();
+    append_time(scratch, time, pattern);
+    return {scratch.data(), scratch.size()};
+}
+
+// Copies count units. Short runs go unit by unit: their source has usually just been
+// written unit by unit (digits, fills), and a wider load over several fresh narrow
+// stores stalls until they retire. Longer runs take 16-byte blocks, the last one
+// overlapping, so that no access leaves either range.
+void copy_short(wchar_t* to, const wchar_t* from, std::size_t count) noexcept
+{
+    if (count >= 8) {
+        std::size_t i = 0;
+        for (; i + 8 <= count; i += 8)
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(to + i),
+                             _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + i)));
+        if (i != count)
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(to + count - 8),
+                             _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + count - 8)));
+        return;
+    }
+    switch (count) {
+    case 7:
+        to[6] = from[6];
+        [[fallthrough]];
+    case 6:
+        to[5] = from[5];
+        [[fallthrough]];
+    case 5:
+        to[4] = from[4];
+        [[fallthrough]];
+    case 4:
+        to[3] = from[3];
+        [[fallthrough]];
+    case 3:
+        to[2] = from[2];
+        [[fallthrough]];
+    case 2:
+        to[1] = from[1];
+        [[fallthrough]];
+    case 1:
+        to[0] = from[0];
+        break;
+    default:
+        break;
+    }
+}
+
+// Collects the output of a run and hands it to the string in few large appends. Growing a
+// std::wstring piece by piece costs a call into the runtime per piece (memcpy, or a fill
+// that resize cannot skip), which for short pieces is more than the copying itself.
+class run_output {
+public:
+    explicit run_output(std::wstring& out) noexcept : out_(out) {}
+    run_output(const run_output&) = delete;
+    run_output& operator=(const run_output&) = delete;
+
+    void write(std::wstring_view text)
+    {
+        const std::size_t count = text.size();
+        if (count > capacity - used_) {
+            flush();
+            if (count > capacity / 2) {
+                out_.append(text);
+                return;
+            }
+        }
+        if (count <= short_run)
+            copy_short(buffer_ + used_, text.data(), count);
+        else
+            std::char_traits<wchar_t>::copy(buffer_ + used_, text.data(), count);
+        used_ += count;
+    }
+
+    void write(wchar_t unit)
+    {
+        if (used_ == capacity)
+            flush();
+        buffer_[used_++] = unit;
+    }
+
+    void fill(std::size_t count, wchar_t unit)
+    {
+        while (count) {
+            if (used_ == capacity)
+                flush();
+            const std::size_t n = std::min(count, capacity - used_);
+            for (std::size_t i = 0; i < n; ++i)
+                buffer_[used_ + i] = unit;
+            used_ += n;
+            count -= n;
+        }
+    }
+
+    // Only a run that ends normally appends its tail; after an exception the string holds
+    // whatever earlier flushes gave it.
+    void flush()
+    {
+        if (used_ <= short_run) {
+            // The fill is overwritten at once. A zero fill would become a memset (rep stos)
+            // with a start-up cost above the whole copy; any other value stays a plain loop.
+            const std::size_t at = out_.size();
+            out_.resize(at + used_, L' ');
+            copy_short(out_.data() + at, buffer_, used_);
+        } else {
+            out_.append(buffer_, used_);
+        }
+        used_ = 0;
+    }
+
+private:
+    static constexpr std::size_t capacity = 512;
+    static constexpr std::size_t short_run = 64;
+
+    std::wstring& out_;
+    std::size_t used_ = 0;
+    wchar_t buffer_[capacity];
+};
+
+bool is_true(const argument& arg) noexcept
+{
+    switch (arg.kind) {
+    case argument_kind::text:
+        return arg.text.size != 0;
+    case argument_kind::floating:
+        return arg.floating_value != 0.0;
+    case argument_kind::calendar_time:
+    case argument_kind::clock_time:
+        return true;
+    case argument_kind::character:
+    case argument_kind::boolean:
+    case argument_kind::signed_integer:
+    case argument_kind::unsigned_integer:
+        return arg.unsigned_value != 0;
+    }
+    tessel::fail_fast(L"format argument of unknown kind");
+}
+
+class condition_stack {
+public:
+    [[nodiscard]] bool suppressing() const noexcept { return false_levels_ != 0; }
+
+    void apply(std::uint32_t flags, const argument& arg)
+    {
+        using namespace segment_flags;
+        if (flags & condition_open) {
+            if (depth_ == max_depth)
+                throw generic_exception("conditionals nested deeper than 8 levels");
+            if (!is_true(arg))
+                false_levels_ |= 1u << depth_;
+            ++depth_;
+        }
+        if ((flags & condition_else) && depth_ > 0)
+            false_levels_ ^= 1u << (depth_ - 1);
+        if ((flags & condition_close) && depth_ > 0) {
+            --depth_;
+            false_levels_ &= ~(1u << depth_);
+        }
+    }
+
+private:
+    static constexpr unsigned max_depth = 8;
+    unsigned depth_ = 0;
+    unsigned false_levels_ = 0;  // bit i: level i is false
+};
+
+void append_literal(run_output& out, std::wstring_view format, const segment& seg)
+{
+    if (seg.start > format.size())
+        throw generic_exception("literal segment starts beyond its format string");
+    const std::size_t end = std::min<std::size_t>(seg.end, format.size());
+    const std::wstring_view run = format.substr(seg.start, end > seg.start ? end - seg.start : 0);
+    if (!(seg.flags & segment_flags::collapse_escapes)) {
+        out.write(run);
+        return;
+    }
+    // Every "{" in the run is the first of a "{{" pair.
+    std::size_t pos = 0;
+    while (pos < run.size()) {
+        const std::size_t brace = run.find(L'{', pos);
+        if (brace == std::wstring_view::npos) {
+            out.write(run.substr(pos));
+            return;
+        }
+        out.write(run.substr(pos, brace + 1 - pos));
+        pos = brace + 2;
+    }
+}
+
+void emit(run_output& out, std::wstring_view text, const segment& seg)
+{
+    const std::size_t length = text.size();
+    if (seg.width > length) {
+        const std::size_t fills = seg.width - length;
+        const std::size_t before = seg.alignment == segment_alignment::right    ? fills
+                                   : seg.alignment == segment_alignment::centre ? fills / 2
+                                                                                : 0;
+        out.fill(before, static_cast<wchar_t>(seg.fill));
+        out.write(text);
+        out.fill(fills - before, static_cast<wchar_t>(seg.fill));
+    } else if (seg.max_width != 0 && length > seg.max_width) {
+        const bool mark = seg.flags & segment_flags::ellipsis;
+        const std::size_t keep = seg.max_width - (mark ? 1 : 0);
+        if (seg.alignment == segment_alignment::right) {
+            if (mark)
+                out.write(ellipsis_character);
+            out.write(text.substr(length - keep));
+        } else {
+            out.write(text.substr(0, keep));
+            if (mark)
+                out.write(ellipsis_character);
+        }
+    } else {
+        out.write(text);
+    }
+}
+
+void format_field(run_output& out, std::wstring_view format, const segment& seg, const argument& arg,
+                  scratch_buffer& scratch)
+{
+    using namespace segment_flags;
+    switch (arg.kind) {
+    case argument_kind::text:
+        emit(out, {arg.text.data, arg.text.size}, seg);
+        return;
+    case argument_kind::character: {
+        const auto unit = static_cast<wchar_t>(arg.unsigned_value);
+        emit(out, {&unit, 1}, seg);
+        return;
+    }
+    case argument_kind::boolean: {
+        const bool value = arg.unsigned_value != 0;
+        if (seg.flags & variant_n)
+            emit(out, value ? L"1" : L"0", seg);
+        else
+            emit(out, value ? L"true" : L"false", seg);
+        return;
+    }
+    case argument_kind::signed_integer:
+    case argument_kind::unsigned_integer:
+        emit(out, convert_integer(arg, seg, scratch), seg);
+        return;
+    case argument_kind::floating:
+        emit(out, convert_floating(arg, seg, scratch), seg);
+        return;
+    case argument_kind::calendar_time:
+        emit(out, convert_time(*arg.calendar, format, seg, scratch), seg);
+        return;
+    case argument_kind::clock_time:
+        emit(out, convert_time(local_time(arg.seconds_since_epoch), format, seg, scratch), seg);
+        return;
+    }
+    tessel::fail_fast(L"format argument of unknown kind");
+}
+
+}  // namespace
+
+void format_segments(std::wstring& out, std::wstring_view format, std::span<const segment> segments,
+                     std::span<const argument> arguments)
+{
+    run_output output(out);
+    scratch_buffer scratch;
+    condition_stack conditions;
+    for (const segment& seg : segments) {
+        if (seg.flags & segment_flags::literal) {
+            if (!conditions.suppressing())
+                append_literal(output, format, seg);
+            continue;
+        }
+        const bool marker = seg.flags & segment_flags::condition_marker;
+        if ((!marker && conditions.suppressing()) || seg.argument >= arguments.size())
+            continue;
+        if (marker)
+            conditions.apply(seg.flags, arguments[seg.argument]);
+        else
+            format_field(output, format, seg, arguments[seg.argument], scratch);
+    }
+    output.flush();
+}
+
+}  // namespace detail
+}  // namespace ts_printf

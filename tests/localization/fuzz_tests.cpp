@@ -1,0 +1,172 @@
+// Damaged packs and table images: each one is either used or rejected as a whole, and
+// nothing is ever read past its end. Every case is placed so that its last byte lies
+// right before a page that faults when touched.
+
+#include "localization/language_pack.h"
+#include "localization/pack_file.h"
+#include "localization/string_id.h"
+#include "localization/string_table.h"
+
+#include "test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+
+using namespace tessel;
+using test_support::guarded_buffer;
+using test_support::make_pack;
+using test_support::table_builder;
+
+namespace {
+
+std::vector<std::byte> sample_common()
+{
+    return table_builder()
+        .language("DEU", "de-DE")
+        .text(L"OK", L"OK")
+        .text(L"Cancel", L"Abbrechen", 1)
+        .list(string_id(L"columns"), {{2, L"Zwei"}, {0, L"Null"}, {4, L"Vier"}})
+        .text(L"Long", std::wstring(300, L'x'))
+        .image(false);
+}
+
+std::vector<std::byte> sample_program()
+{
+    return table_builder().text(L"Hide disconnected", L"Getrennte ausblenden").text(L"", L"").image(false);
+}
+
+// Touches every text of a loaded table, so that a bad pointer would fault here.
+std::size_t read_all(const string_table& table)
+{
+    std::size_t sum = 0;
+    for (const string_entry* entry : table.entries()) {
+        for (const wchar_t unit : entry->text)
+            sum += unit;
+        for (const auto& item : entry->items)
+            for (const wchar_t unit : item)
+                sum += unit;
+    }
+    return sum;
+}
+
+// Uses a pack the way start-up does; returns whether it was accepted.
+bool use_pack(std::span<const std::byte> pack, const std::shared_ptr<const string_table>& english)
+{
+    if (!is_well_formed_pack(pack))
+        return false;
+    for (const wchar_t* name : {L"common", L"ServerCfg.exe"}) {
+        if (const auto image = find_module(pack, name)) {
+            const auto table = string_table::load(*image, false, english);
+            // Validation accepted the pack, so every module it holds must load.
+            EXPECT_TRUE(table->loaded());
+            read_all(*table);
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+TEST(fuzz, truncated_and_bit_flipped_packs_are_used_or_rejected_whole)
+{
+    const auto english_image = table_builder().text(L"Cancel", L"Cancel", 1).text(L"OK", L"OK").image(true);
+    const auto english = string_table::load(english_image, true, nullptr);
+    const auto pack = make_pack({{L"common", sample_common()}, {L"ServerCfg.exe", sample_program()}});
+    guarded_buffer memory(pack.size() + 64);
+
+    ASSERT_TRUE(use_pack(memory.place(pack), english));
+
+    // Every truncation, including the empty file, is rejected: the last module runs to
+    // the end of the file, so losing any byte damages it.
+    for (std::size_t size = 0; size < pack.size(); ++size)
+        EXPECT_FALSE(use_pack(memory.place(std::span(pack).first(size)), english)) << size;
+
+    std::mt19937 random(12345);
+    std::size_t accepted = 0;
+    const int rounds = 6000;
+    for (int round = 0; round < rounds; ++round) {
+        auto damaged = pack;
+        const int flips = 1 + static_cast<int>(random() % 4);
+        for (int flip = 0; flip < flips; ++flip) {
+            // Damage the headers and directory more often than the text bodies.
+            const std::size_t limit = round % 2 ? damaged.size() : std::min<std::size_t>(damaged.size(), 120);
+            damaged[random() % limit] ^= std::byte{static_cast<unsigned char>(1u << (random() % 8))};
+        }
+        if (round % 3 == 0)
+            damaged.resize(random() % (damaged.size() + 1));
+        accepted += use_pack(memory.place(damaged), english);
+    }
+    // Flips inside texts leave the pack usable, so both outcomes occur.
+    EXPECT_GT(accepted, 0u);
+    EXPECT_LT(accepted, static_cast<std::size_t>(rounds));
+}
+
+TEST(fuzz, damaged_table_images_load_or_stay_empty)
+{
+    auto image = table_builder()
+                     .text(L"OK", L"OK")
+                     .list(9, {{1, L"one"}, {0, L"zero"}})
+                     .text(L"Close", L"Close")
+                     .image(true);
+    guarded_buffer memory(image.size() + 64);
+
+    for (std::size_t size = 0; size <= image.size(); ++size) {
+        const auto table = string_table::load(memory.place(std::span(image).first(size)), true, nullptr);
+        EXPECT_EQ(table->loaded(), size == image.size()) << size;
+        EXPECT_EQ(table->loaded(), is_well_formed_table_image(std::span(image).first(size), true));
+        if (!table->loaded()) {
+            EXPECT_EQ(table->size(), 0u);
+        }
+        read_all(*table);
+    }
+
+    std::mt19937 random(777);
+    std::size_t loaded = 0;
+    for (int round = 0; round < 6000; ++round) {
+        auto damaged = image;
+        const int flips = 1 + static_cast<int>(random() % 3);
+        for (int flip = 0; flip < flips; ++flip)
+            damaged[random() % damaged.size()] ^= std::byte{static_cast<unsigned char>(1u << (random() % 8))};
+        const auto placed = memory.place(damaged);
+        const auto table = string_table::load(placed, true, nullptr);
+        EXPECT_EQ(table->loaded(), is_well_formed_table_image(placed, true));
+        loaded += table->loaded();
+        read_all(*table);
+        // A LanguagePack over it never fails to construct.
+        LanguagePack pack(placed, nullptr, std::nullopt, L"common");
+        (void)pack.loaded();
+    }
+    EXPECT_GT(loaded, 0u);
+}
+
+TEST(fuzz, oversized_counts_and_indexes_are_rejected_without_allocating)
+{
+    // An entry count that the remaining bytes cannot hold.
+    auto image = table_builder().text(L"OK", L"OK").image(false);
+    const std::size_t count_offset = image.size() - (4 + 4 + 2 + 2 * 3) - 4;
+    const std::uint32_t huge = 0xFFFFFFFF;
+    auto bad = image;
+    std::memcpy(bad.data() + count_offset, &huge, 4);
+    EXPECT_FALSE(is_well_formed_table_image(bad, false));
+
+    // A list whose item names an index far beyond any real list.
+    auto list = table_builder().list(5, {{max_list_index + 1, L"x"}}).image(false);
+    EXPECT_FALSE(string_table::load(list, false, nullptr)->loaded());
+    auto largest = table_builder().list(5, {{max_list_index, L"x"}}).image(false);
+    const auto table = string_table::load(largest, false, nullptr);
+    ASSERT_TRUE(table->loaded());
+    EXPECT_EQ(table->find(5)->items.size(), max_list_index + 1);
+
+    // A negative text length.
+    auto negative = table_builder().text(L"OK", L"OK").image(false);
+    const std::int16_t minus = -1;
+    std::memcpy(negative.data() + negative.size() - 2 * 3 - 2, &minus, 2);
+    EXPECT_FALSE(is_well_formed_table_image(negative, false));
+
+    // A text whose NUL is missing.
+    auto unterminated = table_builder().text(L"OK", L"OK").image(false);
+    unterminated[unterminated.size() - 2] = std::byte{'!'};
+    EXPECT_FALSE(is_well_formed_table_image(unterminated, false));
+}

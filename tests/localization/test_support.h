@@ -1,0 +1,76 @@
+#pragma once
+// Helpers of the localization tests: a writer of table images and packs for cases the
+// pack tool refuses to produce (duplicates, holes, odd orders, damage), files and
+// folders, and memory that ends at a guard page.
+
+#include <windows.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace test_support {
+
+std::wstring executable_folder();
+std::wstring test_data_folder();  // <bin>/localization_test_data
+std::vector<std::byte> read_file(const std::wstring& path);
+void write_file(const std::wstring& path, std::span<const std::byte> data);
+std::string read_text_file(const std::wstring& path);
+
+// A fresh folder under the temporary folder, deleted with everything in it at the end.
+class temp_folder {
+public:
+    temp_folder();
+    ~temp_folder();
+    temp_folder(const temp_folder&) = delete;
+    temp_folder& operator=(const temp_folder&) = delete;
+    [[nodiscard]] const std::wstring& path() const noexcept { return path_; }
+    [[nodiscard]] std::wstring operator/(std::wstring_view name) const { return path_ + L"\\" + std::wstring(name); }
+
+private:
+    std::wstring path_;
+};
+
+class table_builder {
+public:
+    table_builder& language(std::string code, std::string locale);
+    table_builder& text(std::uint32_t id, std::wstring_view text, std::uint32_t revision = 0);
+    table_builder& text(std::wstring_view key, std::wstring_view text, std::uint32_t revision = 0);
+    // Items in the order given.
+    table_builder& list(std::uint32_t id, std::vector<std::pair<std::uint32_t, std::wstring>> items,
+                        std::uint32_t revision = 0);
+    [[nodiscard]] std::vector<std::byte> image(bool with_signature) const;
+
+private:
+    std::string code_ = "ENU";
+    std::string locale_ = "en";
+    std::vector<std::byte> entries_;
+    std::uint32_t count_ = 0;
+};
+
+// Modules are written in the order given; sort = false leaves the directory unsorted.
+std::vector<std::byte> make_pack(const std::vector<std::pair<std::wstring, std::vector<std::byte>>>& modules,
+                                 bool sort = true);
+
+// Read/write memory whose last byte lies right before a PAGE_NOACCESS page, so that any
+// read past the data faults.
+class guarded_buffer {
+public:
+    explicit guarded_buffer(std::size_t capacity);
+    ~guarded_buffer();
+    guarded_buffer(const guarded_buffer&) = delete;
+    guarded_buffer& operator=(const guarded_buffer&) = delete;
+    // Copies data so that it ends at the guard page (one byte earlier when its size is
+    // odd: wide texts are used in place and must stay aligned).
+    std::span<const std::byte> place(std::span<const std::byte> data);
+
+private:
+    std::byte* base_ = nullptr;
+    std::size_t usable_ = 0;
+};
+
+}  // namespace test_support
