@@ -1,92 +1,180 @@
-// Preview of the foundation: a window that shows texts produced by the format language
-// with real system data. It is replaced by the utility's own start-up and main dialog.
+// The process: wWinMain is the program's whole life. It lets only one copy show itself,
+// loads the user's settings, connects to the sharing server, refuses to start when the
+// server is not running, runs the main window on this thread (a single-threaded COM
+// apartment) until it is closed, saves the settings and, when the main window asked for
+// it, starts a fresh copy of itself.
 
+#include "app/cmd_line.h"
+#include "app/server_api.h"
+#include "app/startup.h"
+#include "base/async_context.h"
+#include "base/com_ptr.h"
 #include "base/failure.h"
-#include "base/unique_handle.h"
+#include "base/utf.h"
 #include "format/ts_printf.h"
+#include "localization/localization.h"
+#include "msgbox/message_box.h"
+#include "nsm/app_settings.h"
+#include "ui_main/main_dialog.h"
 
 #include <windows.h>
+#include <commctrl.h>
+#include <dwrite.h>
+#include <gdiplus.h>
 
-#include <chrono>
 #include <string>
 
+namespace servercfg {
 namespace {
 
-constexpr wchar_t product_title[] = L"QMX Software Ulmora Tools Server";
+constexpr DWORD common_control_classes = ICC_LISTVIEW_CLASSES | ICC_TREEVIEW_CLASSES | ICC_BAR_CLASSES |
+                                         ICC_UPDOWN_CLASS | ICC_PROGRESS_CLASS | ICC_USEREX_CLASSES |
+                                         ICC_STANDARD_CLASSES;
+static_assert(common_control_classes == 0x4237);
 
-std::wstring preview_text()
+std::wstring executable_folder()
 {
-    std::wstring text;
-    const HRESULT code = E_ACCESSDENIED;
-    ts_printf::compiled_format error_message(
-        L"Error connecting to Ulmora Tools Server API: {0} ({1ub016x})\n\nTry to reinstall the product.");
-    ts_printf::format_to(text, error_message, tessel::system_message(code), static_cast<unsigned long>(code));
-    text += L"\n\n";
-    text += ts_printf::format(L"Export file name: {0}.{1t(%Y%m%d-%H%M%S)}.xml", L"de",
-                              std::chrono::system_clock::now());
-    text += L"\n";
-    text += ts_printf::format(L"Client column: {0}{2?<}@{1}{2?>}", L"admin", L"10.0.0.7", true);
-    text += L"\n";
-    text += ts_printf::format(L"Padded: [{0arf0w5}]  grouped: {1l}  cut: [{2w,12e}]", 42, 1234567,
-                              L"A very long device name");
-    return text;
-}
-
-LRESULT CALLBACK window_proc(HWND window, UINT message, WPARAM wparam, LPARAM lparam) noexcept
-{
-    switch (message) {
-    case WM_PAINT: {
-        PAINTSTRUCT paint;
-        HDC dc = ::BeginPaint(window, &paint);
-        RECT area;
-        ::GetClientRect(window, &area);
-        ::InflateRect(&area, -16, -16);
-        ::SelectObject(dc, ::GetStockObject(DEFAULT_GUI_FONT));
-        ::SetBkMode(dc, TRANSPARENT);
-        try {
-            const std::wstring text = preview_text();
-            ::DrawTextW(dc, text.c_str(), static_cast<int>(text.size()), &area, DT_LEFT | DT_WORDBREAK);
-        } catch (...) {
-            tessel::debug_report(L"preview text could not be formatted");
+    std::wstring path(MAX_PATH, L'\0');
+    for (;;) {
+        const DWORD length = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+        tessel::throw_last_error_if(length == 0);
+        if (length < path.size()) {
+            path.resize(length);
+            break;
         }
-        ::EndPaint(window, &paint);
-        return 0;
+        path.resize(path.size() * 2);
     }
-    case WM_DESTROY:
-        ::PostQuitMessage(0);
-        return 0;
-    default:
-        return ::DefWindowProcW(window, message, wparam, lparam);
-    }
+    path.resize(path.find_last_of(L"\\/") + 1);
+    return path;
 }
 
-}  // namespace
-
-int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show)
+int show_error(std::wstring_view text)
 {
-    WNDCLASSEXW window_class{};
-    window_class.cbSize = sizeof window_class;
-    window_class.lpfnWndProc = window_proc;
-    window_class.hInstance = instance;
-    window_class.hCursor = ::LoadCursorW(nullptr, IDC_ARROW);
-    window_class.hbrBackground = reinterpret_cast<HBRUSH>(COLOR_WINDOW + 1);
-    window_class.lpszClassName = L"qmx.servercfg.preview";
-    if (!::RegisterClassExW(&window_class))
-        tessel::fail_fast_last_error(L"RegisterClassEx failed");
+    return tessel::show_message_box({.text = text, .style = MB_OK | MB_ICONERROR});
+}
 
-    HWND window = ::CreateWindowExW(0, window_class.lpszClassName, product_title, WS_OVERLAPPEDWINDOW, 40, 40, 720,
-                                    300, nullptr, nullptr, instance, nullptr);
-    if (!window)
-        tessel::fail_fast_last_error(L"CreateWindowEx failed");
-    ::ShowWindow(window, show);
-
+// Steps 9's loop: until WM_QUIT, with the hook that resumes coroutines also inside modal loops.
+int run_message_loop(HWND main_window)
+{
+    tessel::unique_hhook hook = tessel::windows::impl::install_ui_return_hook();
     MSG message;
-    BOOL result;
-    while ((result = ::GetMessageW(&message, nullptr, 0, 0)) != 0) {
-        if (result == -1)
+    for (;;) {
+        const BOOL got = ::GetMessageW(&message, nullptr, 0, 0);
+        if (got == -1)
             tessel::fail_fast_last_error(L"GetMessage failed");
+        if (got == 0)
+            break;
+        if (::IsWindow(main_window) && ::IsDialogMessageW(main_window, &message))
+            continue;
         ::TranslateMessage(&message);
         ::DispatchMessageW(&message);
     }
+    hook.reset();
     return static_cast<int>(message.wParam);
+}
+
+int run(int show_command)
+{
+    // 1. Only one copy on the screen: bring the other one to the front.
+    if (HWND other = find_window_with_title_prefix(product_title)) {
+        ::SetForegroundWindow(other);
+        return 0;
+    }
+
+    // 2. Settings first: they name the language every later message is shown in. A damaged
+    // record does not stop the program (load_app_settings keeps what it could read).
+    load_app_settings();
+    tessel::initialize_localization(executable_folder(), current_app_settings().language);
+
+    // 3. COM on this thread, a single-threaded apartment.
+    const HRESULT com = ::CoInitialize(nullptr);
+    struct com_scope {
+        bool active;
+        ~com_scope()
+        {
+            if (active)
+                ::CoUninitialize();
+        }
+    } com_guard{SUCCEEDED(com)};
+
+    // 4, 5. The server's API object.
+    tessel::com_ptr<IUsbServer> server;
+    if (const HRESULT created =
+            ::CoCreateInstance(CLSID_UsbServer, nullptr, CLSCTX_ALL, __uuidof(IUsbServer), server.put_void());
+        FAILED(created)) {
+        show_error(format_error_message(tessel::string_ids::startup_error_connecting, created));
+        return 1;
+    }
+
+    // 6. The program declares no option; the parser still refuses what it cannot read.
+    const std::wstring command_line = ::GetCommandLineW();
+    try {
+        (void)tessel::cmd_line_parser().parse(command_line);
+    } catch (const tessel::cmd_line_syntax_error& e) {
+        std::wstring reason;
+        try {
+            reason = tessel::load_string_by_key(tessel::utf8_to_utf16(e.what()));
+        } catch (const tessel::no_string_exception&) {
+            reason = tessel::utf8_to_utf16(e.what());
+        }
+        show_error(ts_printf::format(tessel::load_string(tessel::string_ids::command_line_error), reason, command_line));
+        return exit_code_bad_command_line;
+    }
+
+    // 7. The server must be running; the program neither starts it nor waits for it.
+    if (auto init = server.try_query<IUsbServerInit>())
+        (void)init->Initialize();
+    VARIANT_BOOL running = VARIANT_FALSE;
+    if (FAILED(server->IsRunning(&running)) || running == VARIANT_FALSE) {
+        show_error(tessel::load_string(tessel::string_ids::startup_server_not_running));
+        return 2;
+    }
+
+    // 8. Text and bitmap machinery of the controls, and the main window's object.
+    tessel::com_ptr<IDWriteFactory> dwrite;
+    tessel::throw_if_failed(::DWriteCreateFactory(DWRITE_FACTORY_TYPE_SHARED, __uuidof(IDWriteFactory),
+                                                  reinterpret_cast<IUnknown**>(dwrite.put())));
+    Gdiplus::GdiplusStartupInput gdiplus_input;
+    ULONG_PTR gdiplus_token = 0;
+    if (Gdiplus::GdiplusStartup(&gdiplus_token, &gdiplus_input, nullptr) != Gdiplus::Ok)
+        gdiplus_token = 0;
+
+    int exit_code = 0;
+    {
+        main_dialog dialog(server);
+
+        // 9. The main window and the message loop.
+        INITCOMMONCONTROLSEX controls{sizeof controls, common_control_classes};
+        ::InitCommonControlsEx(&controls);
+        const HWND window = dialog.create(show_command);
+        exit_code = run_message_loop(window);
+
+        // 10. The settings, as they are now.
+        try {
+            save_app_settings();
+        } catch (...) {
+            tessel::debug_report(L"the settings could not be saved at exit");
+        }
+
+        // 11. A confirmed language change restarts the program with the same arguments.
+        if (restart_requested)
+            start_new_copy(command_line);
+    }  // 12. The window's object goes first, then GDI+, the server and COM.
+    if (gdiplus_token)
+        Gdiplus::GdiplusShutdown(gdiplus_token);
+    server.reset();
+    return exit_code;
+}
+
+}  // namespace
+}  // namespace servercfg
+
+int WINAPI wWinMain(HINSTANCE, HINSTANCE, PWSTR, int show_command)
+{
+    try {
+        return servercfg::run(show_command);
+    } catch (...) {
+        // Anything that escapes start-up is a broken invariant of the program itself.
+        tessel::fail_fast_hr(tessel::hresult_from_caught_exception(), L"start-up failed");
+    }
 }

@@ -1,0 +1,267 @@
+// JSON reader throughput: the nsm reader walking every entry of an update-service document,
+// side by side with RapidJSON's SAX reader (in-situ) on the same text, plus heap
+// allocations per document. Not a test: prints figures.
+//
+//   nsm_json_bench.exe [iterations]     (default 100000)
+
+#include "../../tests/nsm/update_document.h"
+#include "nsm/json_archive.h"
+#include "nsm/record.h"
+
+#include <rapidjson/reader.h>
+
+#include <windows.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <new>
+#include <string>
+#include <vector>
+
+// ---- allocation counting ----------------------------------------------------------
+
+namespace {
+std::atomic<std::uint64_t> allocation_count{0};
+}
+
+void* operator new(std::size_t size)
+{
+    allocation_count.fetch_add(1, std::memory_order_relaxed);
+    if (void* p = std::malloc(size ? size : 1))
+        return p;
+    throw std::bad_alloc();
+}
+void* operator new[](std::size_t size)
+{
+    return operator new(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    allocation_count.fetch_add(1, std::memory_order_relaxed);
+    return std::malloc(size ? size : 1);
+}
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept
+{
+    return operator new(size, tag);
+}
+void operator delete(void* p) noexcept
+{
+    std::free(p);
+}
+void operator delete[](void* p) noexcept
+{
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept
+{
+    std::free(p);
+}
+void operator delete[](void* p, std::size_t) noexcept
+{
+    std::free(p);
+}
+
+namespace {
+
+namespace nsm = tessel::nsm;
+
+// ---- the nsm walk -----------------------------------------------------------------
+
+// Reader is reader_base (every call through the virtual interface, as records load) or the
+// concrete json_reader (final, so calls bind statically and can be inlined).
+template <class Reader>
+struct nsm_walker {
+    std::wstring text;  // reused: after the first document it never grows
+    std::uint64_t checksum = 0;
+
+    void value(Reader& reader, const nsm::entry_info& entry)
+    {
+        checksum += entry.name.size();
+        const std::uint32_t flags = entry.flags;
+        if (flags & nsm::kind::object) {
+            reader.begin_object();
+            for (;;) {
+                const nsm::entry_info e = reader.next_entry();  // built in place, not assigned
+                if (e.at_end())
+                    break;
+                value(reader, e);
+            }
+            reader.end_object();
+        } else if (flags & nsm::kind::sequence && !(flags & nsm::kind::string)) {
+            reader.begin_array();
+            for (;;) {
+                const nsm::entry_info e = reader.next_entry();  // built in place, not assigned
+                if (e.at_end())
+                    break;
+                value(reader, e);
+            }
+            reader.end_array();
+        } else if (flags & nsm::kind::string) {
+            reader.read_wstring(text);
+            checksum += text.size() + (text.empty() ? 0 : text[0]);
+        } else if (flags & nsm::kind::boolean) {
+            checksum += reader.read_bool();
+        } else if (flags & nsm::kind::number) {
+            checksum += reader.read_uint64();
+        }
+    }
+
+    std::uint64_t document(std::string_view json)
+    {
+        checksum = 0;
+        nsm::details::json_reader reader(json);
+        value(reader, reader.next_entry());
+        return checksum;
+    }
+};
+
+// ---- the RapidJSON walk -----------------------------------------------------------
+
+struct rapidjson_handler : rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rapidjson_handler> {
+    std::uint64_t checksum = 0;
+    bool Null() { return true; }
+    bool Bool(bool b) { return checksum += b, true; }
+    bool Int(int i) { return checksum += static_cast<std::uint64_t>(i), true; }
+    bool Uint(unsigned u) { return checksum += u, true; }
+    bool Int64(std::int64_t i) { return checksum += static_cast<std::uint64_t>(i), true; }
+    bool Uint64(std::uint64_t u) { return checksum += u, true; }
+    bool Double(double d) { return checksum += static_cast<std::uint64_t>(d), true; }
+    bool String(const char* s, rapidjson::SizeType length, bool)
+    {
+        return checksum += length + (length ? static_cast<unsigned char>(s[0]) : 0), true;
+    }
+    bool Key(const char*, rapidjson::SizeType length, bool) { return checksum += length, true; }
+    bool StartObject() { return true; }
+    bool EndObject(rapidjson::SizeType) { return true; }
+    bool StartArray() { return true; }
+    bool EndArray(rapidjson::SizeType) { return true; }
+};
+
+struct figures {
+    double seconds_per_document;
+    double allocations_per_document;
+    std::uint64_t checksum;
+};
+
+// The machine may be shared. The candidates run in alternating rounds and each keeps its
+// best round, so load from elsewhere slows all of them alike and rarely all rounds.
+struct candidate {
+    const char* label;
+    std::function<std::uint64_t()> one_document;
+    int documents_per_round;
+    figures result{1e300, 0, 0};
+};
+
+void measure(std::vector<candidate>& candidates, int rounds)
+{
+    for (auto& c : candidates)  // warm caches and grow reused buffers
+        for (int i = 0; i < c.documents_per_round / 10 + 1; ++i)
+            c.result.checksum += c.one_document();
+    std::vector<std::uint64_t> allocations(candidates.size());
+    for (int round = 0; round < rounds; ++round) {
+        for (std::size_t k = 0; k < candidates.size(); ++k) {
+            candidate& c = candidates[k];
+            const std::uint64_t allocations_before = allocation_count.load();
+            const auto start = std::chrono::steady_clock::now();
+            for (int i = 0; i < c.documents_per_round; ++i)
+                c.result.checksum += c.one_document();
+            const auto stop = std::chrono::steady_clock::now();
+            allocations[k] += allocation_count.load() - allocations_before;
+            c.result.seconds_per_document = std::min(
+                c.result.seconds_per_document, std::chrono::duration<double>(stop - start).count() / c.documents_per_round);
+        }
+    }
+    for (std::size_t k = 0; k < candidates.size(); ++k)
+        candidates[k].result.allocations_per_document =
+            static_cast<double>(allocations[k]) / (static_cast<double>(rounds) * candidates[k].documents_per_round);
+}
+
+void report(const char* label, const figures& f, std::size_t bytes)
+{
+    std::printf("%-44s %9.1f MB/s  %8.2f us/doc  %6.2f allocations/doc\n", label,
+                static_cast<double>(bytes) / f.seconds_per_document / 1e6, f.seconds_per_document * 1e6,
+                f.allocations_per_document);
+}
+
+std::string compact_form(const std::string& text)
+{
+    std::string compact;
+    bool in_string = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c == '"' && (i == 0 || text[i - 1] != '\\'))
+            in_string = !in_string;
+        if (in_string || (c != ' ' && c != '\n'))
+            compact.push_back(c);
+    }
+    return compact;
+}
+
+void run(const char* title, const std::string& text, int iterations)
+{
+    std::printf("\n%s: %zu bytes, %d documents per candidate\n", title, text.size(), iterations);
+
+    // nsm: the reader over the text as it stands; strings decoded to UTF-16 into a reused
+    // string, numbers read as unsigned 64-bit.
+    nsm_walker<nsm::reader_base> virtual_walker;
+    nsm_walker<nsm::details::json_reader> walker;
+    // RapidJSON: SAX, in-situ, so the text is copied into a scratch buffer first each time
+    // (in-situ parsing writes into it); strings stay UTF-8.
+    std::vector<char> scratch(text.size() + 1);
+    rapidjson::Reader reader;
+    // For comparison: the records themselves, as the update check loads them (fresh each
+    // time, so every string that outgrows the small-string buffer allocates).
+    const nsm::archive_context context(0x09);
+
+    constexpr int rounds = 50;
+    const int per_round = std::max(1, iterations / rounds);
+    std::vector<candidate> candidates{
+        {"nsm walk through reader_base (virtual calls)", [&] { return virtual_walker.document(text); }, per_round},
+        {"RapidJSON Reader (SAX, in-situ)",
+         [&] {
+             std::memcpy(scratch.data(), text.c_str(), text.size() + 1);
+             rapidjson::InsituStringStream stream(scratch.data());
+             rapidjson_handler handler;
+             if (reader.Parse<rapidjson::kParseInsituFlag>(stream, handler).IsError())
+                 std::abort();
+             return handler.checksum;
+         },
+         per_round},
+        {"nsm walk through json_reader (bound calls)", [&] { return walker.document(text); }, per_round},
+        {"nsm load into update_response records",
+         [&] {
+             nsm::details::json_reader json(text);
+             nsm_test::update_response response;
+             nsm::load_record(json, context, response);
+             return response.version;
+         },
+         std::max(1, per_round / 10)},
+    };
+    measure(candidates, rounds);
+    for (const candidate& c : candidates)
+        report(c.label, c.result, text.size());
+    const double theirs = candidates[1].result.seconds_per_document;
+    std::printf("ratio nsm / RapidJSON: %.2fx through reader_base, %.2fx through json_reader "
+                "(best of %d alternating rounds of %d documents)\n",
+                theirs / candidates[0].result.seconds_per_document, theirs / candidates[2].result.seconds_per_document,
+                rounds, per_round);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const int iterations = argc > 1 ? std::atoi(argv[1]) : 100000;
+    nsm::json writing;
+    nsm::save(writing, nsm_test::sample_update_response());
+    const std::string text = writing.written();
+    std::printf("update-service answer: version, url, promo, 10 language packs with 2-3 credits each\n");
+    run("indented (as the JSON writer lays it out)", text, iterations);
+    run("compact (no whitespace between tokens)", compact_form(text), iterations);
+    return 0;
+}

@@ -1,0 +1,136 @@
+#pragma once
+// The server's device, share and operation objects, and the table of injected failures
+// that their methods consult.
+
+#include "com_object.h"
+#include "scenario.h"
+
+#include "app/server_api.h"
+#include "base/com_ptr.h"
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#define SIM_SERVER_RESERVED(slot) \
+    HRESULT STDMETHODCALLTYPE Reserved##slot() noexcept override { return E_NOTIMPL; }
+
+namespace sim_server {
+
+// E_ILLEGAL_METHOD_CALL, which mingw's headers lack: a call out of order.
+inline constexpr HRESULT illegal_method_call = static_cast<HRESULT>(0x8000000Eu);
+
+// Methods told to fail, by method name and device id (empty: every device).
+class failure_table {
+public:
+    // S_OK clears the entry.
+    void set(const std::wstring& method, const std::wstring& device_id, HRESULT code);
+    void clear() noexcept { entries_.clear(); }
+    // The code to fail with, or S_OK: a device's own entry first, then the general one.
+    [[nodiscard]] HRESULT find(std::wstring_view method, std::wstring_view device_id = {}) const;
+    [[nodiscard]] std::vector<failure_spec> list() const;
+
+private:
+    std::map<std::pair<std::wstring, std::wstring>, HRESULT, std::less<>> entries_;
+};
+
+// The device as the server knows it. The server changes it; the object reports it.
+struct device_state {
+    device_spec spec;
+    DWORD devinst = 0;
+    // Taken out of the server: reports "not connected", belongs to no share.
+    bool removed = false;
+};
+
+class device_object final : public com_object<IUsbDevice, IUsbDeviceNode> {
+public:
+    device_object(device_state state, std::shared_ptr<const failure_table> failures)
+        : state(std::move(state)), failures_(std::move(failures))
+    {
+    }
+
+    device_state state;
+
+    SIM_SERVER_RESERVED(3)
+    SIM_SERVER_RESERVED(4)
+    SIM_SERVER_RESERVED(5)
+    SIM_SERVER_RESERVED(6)
+    SIM_SERVER_RESERVED(7)
+    SIM_SERVER_RESERVED(8)
+    SIM_SERVER_RESERVED(9)
+    SIM_SERVER_RESERVED(10)
+    SIM_SERVER_RESERVED(11)
+    SIM_SERVER_RESERVED(14)
+    HRESULT STDMETHODCALLTYPE GetName(BSTR* name) noexcept override;
+    HRESULT STDMETHODCALLTYPE GetLocation(BSTR* location) noexcept override;
+    HRESULT STDMETHODCALLTYPE IsConnected(VARIANT_BOOL* connected) noexcept override;
+    HRESULT STDMETHODCALLTYPE GetClientName(BSTR* client) noexcept override;
+    HRESULT STDMETHODCALLTYPE NeedsShareConfirmation(VARIANT_BOOL* confirmation) noexcept override;
+    DWORD STDMETHODCALLTYPE GetDevInst() noexcept override { return state.devinst; }
+
+    [[nodiscard]] HRESULT injected_failure(std::wstring_view method) const
+    {
+        return failures_->find(method, state.spec.id);
+    }
+
+private:
+    std::shared_ptr<const failure_table> failures_;
+};
+
+class share_object final : public com_object<IUsbShare> {
+public:
+    share_object(tessel::com_ptr<device_object> device, std::wstring key,
+                 std::shared_ptr<const failure_table> failures)
+        : device(std::move(device)), key(std::move(key)), failures_(std::move(failures))
+    {
+    }
+
+    const tessel::com_ptr<device_object> device;
+    const std::wstring key;
+
+    SIM_SERVER_RESERVED(3)
+    SIM_SERVER_RESERVED(4)
+    SIM_SERVER_RESERVED(5)
+    SIM_SERVER_RESERVED(6)
+    HRESULT STDMETHODCALLTYPE GetDevice(IUsbDevice** device) noexcept override;
+    HRESULT STDMETHODCALLTYPE GetAuthenticationKey(BSTR* key) noexcept override;
+
+private:
+    std::shared_ptr<const failure_table> failures_;
+};
+
+// One asynchronous settings call. The server completes it on its own thread; the
+// handler runs there too, once.
+class operation final : public com_object<IUsbServerOperation> {
+public:
+    // settings: what a read delivers; nothing for a write.
+    void complete(HRESULT result, std::optional<server_settings> settings) noexcept;
+    [[nodiscard]] bool completed() const noexcept { return completed_; }
+
+    HRESULT STDMETHODCALLTYPE SetCompletedHandler(IUsbServerOperationHandler* handler) noexcept override;
+    HRESULT STDMETHODCALLTYPE GetResult(HRESULT* result) noexcept override;
+    HRESULT STDMETHODCALLTYPE GetSettings(UsbServerSettings* settings) noexcept override;
+
+private:
+    void call_handler() noexcept;
+
+    bool completed_ = false;
+    HRESULT result_ = E_PENDING;
+    std::optional<server_settings> settings_;
+    tessel::com_ptr<IUsbServerOperationHandler> handler_;
+    bool handler_called_ = false;
+};
+
+// A BSTR copy for an out-parameter; empty text gives a null BSTR.
+HRESULT copy_to_bstr(std::wstring_view text, BSTR* out) noexcept;
+
+template <class T>
+tessel::com_ptr<T> make_object(auto&&... args)
+{
+    return tessel::com_ptr<T>::attach(new T(std::forward<decltype(args)>(args)...));
+}
+
+}  // namespace sim_server

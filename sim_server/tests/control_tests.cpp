@@ -1,0 +1,244 @@
+#include "control_protocol.h"
+#include "test_support.h"
+
+#include "base/utf.h"
+
+#include <future>
+
+using namespace sim_test;
+using tessel::com_ptr;
+
+namespace {
+
+using sim_control = server_test;
+
+// Sends from another thread, as the control tool would, while this thread runs its
+// message loop so the server can answer.
+sim_server::control_answer command(const std::wstring& pipe, std::vector<std::wstring> words)
+{
+    auto answer = std::async(std::launch::async, [&] { return sim_server::send_command(pipe, words); });
+    const bool answered =
+        pump_until([&] { return answer.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }, 10000);
+    EXPECT_TRUE(answered) << "no answer to " << tessel::utf16_to_utf8(words.empty() ? L"" : words[0]);
+    return answered ? answer.get() : sim_server::control_answer{false, L"timeout"};
+}
+
+struct tool_result {
+    DWORD exit_code = ~0u;
+    std::string output;
+};
+
+// Runs ulmora-sim-ctl.exe with the arguments while this thread keeps pumping.
+tool_result run_tool(const std::wstring& arguments)
+{
+    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+    HANDLE read_end = nullptr;
+    HANDLE write_end = nullptr;
+    tool_result result;
+    if (!::CreatePipe(&read_end, &write_end, &inherit, 64 * 1024))
+        return result;
+    tessel::unique_handle reader(read_end);
+    tessel::unique_handle writer(write_end);
+    ::SetHandleInformation(read_end, HANDLE_FLAG_INHERIT, 0);
+
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = write_end;
+    startup.hStdError = write_end;
+    startup.hStdInput = nullptr;
+    std::wstring command_line = L"\"" + exe_folder() + L"ulmora-sim-ctl.exe\" " + arguments;
+    PROCESS_INFORMATION process{};
+    if (!::CreateProcessW(nullptr, command_line.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr,
+                          &startup, &process))
+        return result;
+    tessel::unique_handle process_handle(process.hProcess);
+    tessel::unique_handle thread_handle(process.hThread);
+    writer.reset();
+    EXPECT_TRUE(pump_until([&] { return ::WaitForSingleObject(process.hProcess, 0) == WAIT_OBJECT_0; }, 15000));
+    ::GetExitCodeProcess(process.hProcess, &result.exit_code);
+    char buffer[4096];
+    DWORD read = 0;
+    while (::ReadFile(read_end, buffer, sizeof buffer, &read, nullptr) && read > 0)
+        result.output.append(buffer, read);
+    return result;
+}
+
+}  // namespace
+
+TEST_F(sim_control, commands_change_state_and_notify_on_the_creating_thread)
+{
+    auto server = create();
+    ASSERT_TRUE(server);
+    auto listener = make<recording_listener>();
+    ASSERT_EQ(server->AdviseListener(listener.get()), S_OK);
+    const auto flash = device_named(server.get(), L"Arcturus Flash 32GB");
+    ASSERT_TRUE(flash);
+
+    auto answer = command(pipe_name_, {L"unplug", L"flash"});
+    EXPECT_TRUE(answer.ok) << tessel::utf16_to_utf8(answer.text);
+    // Notifications are posted, like incoming calls: they arrive from the message loop.
+    ASSERT_TRUE(pump_until([&] { return listener->received.size() == 1; }));
+    EXPECT_EQ(listener->received[0].slot, 4);
+    EXPECT_EQ(listener->received[0].device.get(), flash.get());
+    EXPECT_EQ(listener->received[0].thread_id, ::GetCurrentThreadId());
+    VARIANT_BOOL connected = VARIANT_TRUE;
+    EXPECT_EQ(flash->IsConnected(&connected), S_OK);
+    EXPECT_EQ(connected, VARIANT_FALSE);
+    answer = command(pipe_name_, {L"unplug", L"flash"});
+    EXPECT_TRUE(answer.ok);
+    EXPECT_EQ(answer.text, L"flash unchanged");
+
+    EXPECT_TRUE(command(pipe_name_, {L"connect", L"flash", L"LAB PC 3"}).ok);
+    EXPECT_TRUE(command(pipe_name_, {L"disconnect", L"flash", L"second"}).ok);
+    EXPECT_TRUE(command(pipe_name_, {L"add", L"cam", L"Orbis Webcam", L"class=image", L"client=DESK-1",
+                                     L"connected=no", L"friendly=Orbis HD"})
+                    .ok);
+    ASSERT_TRUE(pump_until([&] { return listener->received.size() == 4; }));
+    EXPECT_EQ(listener->received[1].slot, 5);
+    EXPECT_EQ(listener->received[2].slot, 6);
+    EXPECT_EQ(listener->received[3].slot, 3);
+    const auto all = devices(server.get());
+    ASSERT_EQ(all.size(), 6u);
+    EXPECT_EQ(all.back().get(), listener->received[3].device.get()) << "the added device is in GetDevices";
+    BSTR text = nullptr;
+    EXPECT_EQ(all.back()->GetClientName(&text), S_OK);
+    EXPECT_EQ(text_of(text), L"DESK-1");
+    EXPECT_EQ(all.back()->IsConnected(&connected), S_OK);
+    EXPECT_EQ(connected, VARIANT_FALSE);
+
+    // Share, unshare and remove are device changes; a removed device reports itself gone.
+    EXPECT_TRUE(command(pipe_name_, {L"share", L"cam", L"k1"}).ok);
+    EXPECT_EQ(shares(server.get()).size(), 4u);
+    EXPECT_TRUE(command(pipe_name_, {L"unshare", L"flash"}).ok);
+    EXPECT_EQ(shares(server.get()).size(), 3u);
+    const std::wstring cam_node = device_id_of(devinst_of(all.back().get()));
+    EXPECT_EQ(read_local_node(cam_node).friendly_name, L"Orbis HD");
+    EXPECT_TRUE(command(pipe_name_, {L"remove", L"cam"}).ok);
+    EXPECT_FALSE(read_local_node(cam_node).found) << "the node goes with the device";
+    ASSERT_TRUE(pump_until([&] { return listener->received.size() == 7; }));
+    for (size_t i = 4; i < 7; ++i)
+        EXPECT_EQ(listener->received[i].slot, 4);
+    EXPECT_EQ(devices(server.get()).size(), 5u);
+    EXPECT_EQ(shares(server.get()).size(), 2u) << "the removed device's share went with it";
+    EXPECT_EQ(all.back()->IsConnected(&connected), S_OK);
+    EXPECT_EQ(connected, VARIANT_FALSE);
+    com_ptr<IUsbShare> share;
+    VARIANT key{};
+    EXPECT_EQ(server->ShareDevice(all.back().get(), key, share.put()), HRESULT_FROM_WIN32(ERROR_DEV_NOT_EXIST));
+
+    // Failures from now on, for all devices or one, and back.
+    EXPECT_TRUE(command(pipe_name_, {L"fail", L"GetName", L"0x80070015", L"device=hub"}).ok);
+    EXPECT_TRUE(command(pipe_name_, {L"fail", L"GetDevices", L"E_OUTOFMEMORY"}).ok);
+    EXPECT_TRUE(command(pipe_name_, {L"running", L"no"}).ok);
+    ULONG count = 7;
+    IUsbDevice** array = nullptr;
+    EXPECT_EQ(server->GetDevices(&count, &array), E_OUTOFMEMORY);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(all[1]->GetName(&text), HRESULT_FROM_WIN32(ERROR_NOT_READY));
+    EXPECT_EQ(all[0]->GetName(&text), S_OK);
+    ::SysFreeString(text);
+    VARIANT_BOOL running = VARIANT_TRUE;
+    EXPECT_EQ(server->IsRunning(&running), S_OK);
+    EXPECT_EQ(running, VARIANT_FALSE);
+    EXPECT_TRUE(command(pipe_name_, {L"fail", L"GetDevices", L"off"}).ok);
+    EXPECT_EQ(devices(server.get()).size(), 5u);
+
+    answer = command(pipe_name_, {L"list"});
+    EXPECT_TRUE(answer.ok);
+    EXPECT_NE(answer.text.find(L"running no"), std::wstring::npos);
+    EXPECT_NE(answer.text.find(L"fail GetName 0x80070015 device=hub"), std::wstring::npos);
+    EXPECT_NE(answer.text.find(L"device flash \"Arcturus Flash 32GB\""), std::wstring::npos);
+
+    // Refused commands change nothing and say why.
+    const std::vector<std::vector<std::wstring>> refused = {
+        {L"plug", L"nothing"},        {L"add", L"flash", L"Again"},  {L"add", L"x", L"X", L"colour=red"},
+        {L"fail", L"Bogus", L"E_FAIL"}, {L"fail", L"GetName", L"0"}, {L"share", L"hub", L"k", L"extra"},
+        {L"unshare", L"hub"},         {L"frobnicate"},               {L"running", L"maybe"},
+        {},
+    };
+    for (const auto& words : refused) {
+        answer = command(pipe_name_, words);
+        EXPECT_FALSE(answer.ok) << (words.empty() ? "" : tessel::utf16_to_utf8(words[0]));
+        EXPECT_FALSE(answer.text.empty());
+    }
+    pump_for(50);
+    EXPECT_EQ(listener->received.size(), 7u);
+    EXPECT_EQ(server->UnadviseListener(listener.get()), S_OK);
+}
+
+TEST_F(sim_control, control_tool_talks_to_the_server)
+{
+    auto server = create();
+    ASSERT_TRUE(server);
+    auto listener = make<recording_listener>();
+    ASSERT_EQ(server->AdviseListener(listener.get()), S_OK);
+
+    auto result = run_tool(L"--pipe " + pipe_name_ + L" connect hub \"LAB PC 3\"");
+    EXPECT_EQ(result.exit_code, 0u) << result.output;
+    EXPECT_EQ(result.output, "connected hub\n");
+    ASSERT_TRUE(pump_until([&] { return listener->received.size() == 1; }));
+    EXPECT_EQ(listener->received[0].slot, 5);
+    BSTR text = nullptr;
+    EXPECT_EQ(listener->received[0].device->GetClientName(&text), S_OK);
+    EXPECT_EQ(text_of(text), L"LAB PC 3");
+
+    // The pipe named by the environment is the default, as for the program's server.
+    result = run_tool(L"fail ShareDevice 0x80070005");
+    EXPECT_EQ(result.exit_code, 0u) << result.output;
+    com_ptr<IUsbShare> share;
+    VARIANT key{};
+    EXPECT_EQ(server->ShareDevice(device_named(server.get(), L"Generic USB 3.0 Hub").get(), key, share.put()),
+              E_ACCESSDENIED);
+
+    result = run_tool(L"plug nothing");
+    EXPECT_EQ(result.exit_code, 1u);
+    EXPECT_EQ(result.output, "there is no device \"nothing\"\n");
+
+    result = run_tool(L"");
+    EXPECT_EQ(result.exit_code, 2u);
+    EXPECT_NE(result.output.find("usage:"), std::string::npos);
+
+    result = run_tool(L"--pipe \\\\.\\pipe\\qmx.ulmora.simserver.nobody list");
+    EXPECT_EQ(result.exit_code, 3u);
+    EXPECT_NE(result.output.find("no substitute server answers"), std::string::npos) << result.output;
+
+    // Scenario files can be checked without a server.
+    use_scenario(R"({"devices": [{"id": "a", "name": "A"}], "shares": [{"device": "b"}]})");
+    result = run_tool(L"check \"" + scenario_path_ + L"\"");
+    EXPECT_EQ(result.exit_code, 1u);
+    EXPECT_NE(result.output.find("shares[0]: there is no device \"b\""), std::string::npos) << result.output;
+    use_scenario(R"({"devices": [{"id": "a", "name": "A"}], "shares": [{"device": "a"}]})");
+    result = run_tool(L"check \"" + scenario_path_ + L"\"");
+    EXPECT_EQ(result.exit_code, 0u) << result.output;
+}
+
+TEST_F(sim_control, a_second_server_leaves_the_pipe_to_the_first)
+{
+    auto first = create();
+    auto second = create();
+    ASSERT_TRUE(first && second);
+    EXPECT_TRUE(command(pipe_name_, {L"unplug", L"flash"}).ok);
+    VARIANT_BOOL connected = VARIANT_TRUE;
+    first = nullptr;
+    // With the first server gone nobody serves the name; the second never took it.
+    EXPECT_THROW((void)sim_server::send_command(pipe_name_, {L"list"}, 200), fibra::details::hresult_error);
+    EXPECT_EQ(device_named(second.get(), L"Arcturus Flash 32GB")->IsConnected(&connected), S_OK);
+    EXPECT_EQ(connected, VARIANT_TRUE);
+}
+
+TEST(sim_protocol, words_and_answers_survive_the_wire)
+{
+    const std::vector<std::wstring> words = {L"connect", L"flash", L"LAB PC \u00e9\U0001F600", L""};
+    EXPECT_EQ(sim_server::decode_command(sim_server::encode_command(words)), words);
+    EXPECT_TRUE(sim_server::decode_command("").empty());
+    const auto ok = sim_server::decode_answer(sim_server::encode_answer({true, L"line 1\nline 2"}));
+    EXPECT_TRUE(ok.ok);
+    EXPECT_EQ(ok.text, L"line 1\nline 2");
+    const auto error = sim_server::decode_answer(sim_server::encode_answer({false, L"why"}));
+    EXPECT_FALSE(error.ok);
+    EXPECT_EQ(error.text, L"why");
+    const auto garbage = sim_server::decode_answer("what\nis this");
+    EXPECT_FALSE(garbage.ok);
+    EXPECT_EQ(garbage.text, L"the server gave an answer that is not understood");
+}

@@ -1,0 +1,193 @@
+// Bad input on purpose: mutated and truncated update documents must load or fail with
+// load_exception, and the reader must never touch a byte past the end of the text. The
+// text is placed so that it ends exactly where a no-access page begins.
+
+#include "nsm/json_archive.h"
+#include "nsm/record.h"
+#include "update_document.h"
+
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <cstring>
+#include <random>
+
+namespace nsm = tessel::nsm;
+
+namespace {
+
+class guarded_buffer {
+public:
+    explicit guarded_buffer(std::size_t capacity)
+    {
+        SYSTEM_INFO info;
+        ::GetSystemInfo(&info);
+        page_ = info.dwPageSize;
+        data_size_ = (capacity + page_ - 1) / page_ * page_;
+        base_ = static_cast<char*>(::VirtualAlloc(nullptr, data_size_ + page_, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+        DWORD old = 0;
+        if (!base_ || !::VirtualProtect(base_ + data_size_, page_, PAGE_NOACCESS, &old))
+            throw std::runtime_error("guard page");
+    }
+    ~guarded_buffer() { ::VirtualFree(base_, 0, MEM_RELEASE); }
+
+    // The page after the text is really out of bounds (so a stray read would crash the test).
+    [[nodiscard]] bool guarded() const
+    {
+        MEMORY_BASIC_INFORMATION info{};
+        return ::VirtualQuery(base_ + data_size_, &info, sizeof info) == sizeof info && info.Protect == PAGE_NOACCESS &&
+               ::IsBadReadPtr(base_ + data_size_, 1);
+    }
+    guarded_buffer(const guarded_buffer&) = delete;
+    guarded_buffer& operator=(const guarded_buffer&) = delete;
+
+    // The text, ending at the guard page.
+    std::string_view place(std::string_view text)
+    {
+        if (text.size() > data_size_)
+            throw std::runtime_error("text too large for the guarded buffer");
+        char* start = base_ + data_size_ - text.size();
+        std::memcpy(start, text.data(), text.size());
+        return {start, text.size()};
+    }
+
+private:
+    std::size_t page_ = 0;
+    std::size_t data_size_ = 0;
+    char* base_ = nullptr;
+};
+
+// Reads every value with the operation its kind suggests, so that paths a record would
+// never reach (unknown names, odd kinds) are walked too.
+void walk_value(nsm::details::json_reader& reader, const nsm::entry_info& entry, int depth)
+{
+    if (entry.flags & nsm::kind::object) {
+        reader.begin_object();
+        for (nsm::entry_info e = reader.next_entry(); !e.at_end(); e = reader.next_entry())
+            walk_value(reader, e, depth + 1);
+        reader.end_object();
+    } else if (entry.flags & nsm::kind::boolean) {
+        reader.read_bool();
+    } else if (entry.flags & nsm::kind::guid) {
+        reader.read_guid();
+    } else if (entry.flags & nsm::kind::string) {
+        if (depth % 3 == 0) {
+            reader.read_time();
+        } else if (depth % 3 == 1) {
+            std::vector<std::uint8_t> bytes(reader.binary_size());
+            reader.read_binary(bytes.data(), bytes.size());
+        } else {
+            std::wstring text;
+            reader.read_wstring(text);
+        }
+    } else if (entry.flags & nsm::kind::sequence) {
+        reader.begin_array();
+        for (nsm::entry_info e = reader.next_entry(); !e.at_end(); e = reader.next_entry())
+            walk_value(reader, e, depth + 1);
+        reader.end_array();
+    } else if (entry.flags & nsm::kind::number) {
+        if (depth % 2)
+            reader.read_int64();
+        else
+            reader.read_double();
+    }
+}
+
+struct outcome {
+    int loaded = 0;
+    int refused = 0;
+};
+
+void try_both_ways(std::string_view text, outcome& result)
+{
+    try {
+        nsm::json archive(text);
+        nsm_test::update_response record;
+        nsm::load(archive, record);
+        ++result.loaded;
+    } catch (const nsm::load_exception& e) {
+        EXPECT_FALSE(e.location().empty());
+        ++result.refused;
+    }
+    try {
+        nsm::details::json_reader reader(text);
+        walk_value(reader, reader.next_entry(), 0);
+    } catch (const nsm::load_exception&) {
+    }
+}
+
+std::string sample_text()
+{
+    nsm::json archive;
+    nsm::save(archive, nsm_test::sample_update_response());
+    return archive.written();
+}
+
+}  // namespace
+
+TEST(json_fuzz, every_truncation_fails_cleanly_at_the_guard_page)
+{
+    const std::string text = sample_text();
+    guarded_buffer buffer(text.size());
+    ASSERT_TRUE(buffer.guarded());
+    outcome result;
+    for (std::size_t length = 0; length <= text.size(); ++length)
+        try_both_ways(buffer.place(std::string_view(text).substr(0, length)), result);
+    // Only the whole document (and the whole document less its final line break) loads.
+    EXPECT_EQ(result.loaded, 2);
+    EXPECT_EQ(result.refused, static_cast<int>(text.size()) - 1);
+}
+
+TEST(json_fuzz, ten_thousand_mutated_documents_load_or_fail_cleanly)
+{
+    const std::string original = sample_text();
+    std::string compact;
+    bool in_string = false;
+    for (std::size_t i = 0; i < original.size(); ++i) {
+        const char c = original[i];
+        if (c == '"' && (i == 0 || original[i - 1] != '\\'))
+            in_string = !in_string;
+        if (in_string || (c != ' ' && c != '\n'))
+            compact.push_back(c);
+    }
+    const std::string seeds[] = {original, compact};
+    static constexpr char interesting[] = "{}[]\":,\\ntfu0123456789-+.eE@x \t\r\n\xC3\xFF\x80";
+
+    guarded_buffer buffer(original.size() * 2 + 64);
+    std::mt19937 random(20240531);
+    outcome result;
+    for (int round = 0; round < 10000; ++round) {
+        std::string text = seeds[round % 2];
+        const int mutations = 1 + static_cast<int>(random() % 4);
+        for (int m = 0; m < mutations && !text.empty(); ++m) {
+            const std::size_t at = random() % text.size();
+            const std::size_t span = 1 + random() % 16;
+            switch (random() % 6) {
+            case 0:
+                text[at] = static_cast<char>(random());
+                break;
+            case 1:
+                text[at] = interesting[random() % (sizeof interesting - 1)];
+                break;
+            case 2:
+                text.insert(text.begin() + static_cast<std::ptrdiff_t>(at), interesting[random() % (sizeof interesting - 1)]);
+                break;
+            case 3:
+                text.erase(at, span);
+                break;
+            case 4:
+                text.insert(at, text.substr(random() % text.size(), span));
+                break;
+            default:
+                text.resize(at);
+                break;
+            }
+        }
+        try_both_ways(buffer.place(text), result);
+    }
+    EXPECT_EQ(result.loaded + result.refused, 10000);
+    // Both outcomes occur: the mutations are neither all harmless nor all fatal.
+    EXPECT_GT(result.loaded, 100);
+    EXPECT_GT(result.refused, 1000);
+}
