@@ -51,7 +51,7 @@ volatile std::size_t sink;
 
 struct measurement {
     double ns_per_format = 1e300;
-    double allocations_per_format = 0;
+    long long allocations = 0;  // over all batches
 };
 
 double now_ns()
@@ -74,7 +74,7 @@ void run_batch(Body& body, measurement& result)
     for (int i = 0; i < batch_size; ++i)
         body();
     const double elapsed = now_ns() - start;
-    result.allocations_per_format += static_cast<double>(allocations.load() - allocations_before) / iterations;
+    result.allocations += allocations.load() - allocations_before;
     if (elapsed / batch_size < result.ns_per_format)
         result.ns_per_format = elapsed / batch_size;
 }
@@ -105,10 +105,9 @@ void print(const row& r)
             c = L'|';
     if (name.size() > 40)
         name = name.substr(0, 39) + L"~";
-    std::printf("%-41ls %8.1f %8.1f %8.1f %8.2f %8.2f   %5.2f %5.2f %5.2f\n", name.c_str(), r.ts.ns_per_format,
+    std::printf("%-41ls %8.1f %8.1f %8.1f %8.2f %8.2f %9lld %9lld %9lld\n", name.c_str(), r.ts.ns_per_format,
                 r.fmt.ns_per_format, r.crt.ns_per_format, r.ts.ns_per_format / r.fmt.ns_per_format,
-                r.ts.ns_per_format / r.crt.ns_per_format, r.ts.allocations_per_format, r.fmt.allocations_per_format,
-                r.crt.allocations_per_format);
+                r.ts.ns_per_format / r.crt.ns_per_format, r.ts.allocations, r.fmt.allocations, r.crt.allocations);
 }
 
 }  // namespace
@@ -204,11 +203,11 @@ int main()
                                  stamp.tm_mon + 1, stamp.tm_mday, stamp.tm_hour, stamp.tm_min, stamp.tm_sec);
         });
 
-    std::printf("%d formats each (fastest of %d interleaved batches); ns per format, ratio of ts_printf to the\n"
-                "others, heap allocations per format\n\n",
-                iterations, batches);
-    std::printf("%-41s %8s %8s %8s %8s %8s   %5s %5s %5s\n", "format string", "ts", "fmt", "swprintf", "ts/fmt",
-                "ts/swpf", "a:ts", "a:fmt", "a:swp");
+    std::printf("%d formats each: ns per format (fastest of %d interleaved batches), ratio of ts_printf's time\n"
+                "to the others', heap allocations in all %d formats\n\n",
+                iterations, batches, iterations);
+    std::printf("%-41s %8s %8s %8s %8s %8s %9s %9s %9s\n", "format string", "ts", "fmt", "swprintf", "ts/fmt",
+                "ts/swpf", "allocs ts", "fmt", "swprintf");
     double ts_total = 0, fmt_total = 0, crt_total = 0;
     for (const row& r : rows) {
         print(r);

@@ -255,7 +255,7 @@ std::wstring_view convert_time(const std::tm& time, std::wstring_view format, co
 // written unit by unit (digits, fills), and a wider load over several fresh narrow
 // stores stalls until they retire. Longer runs take 16-byte blocks, the last one
 // overlapping, so that no access leaves either range.
-void copy_short(wchar_t* to, const wchar_t* from, std::size_t count) noexcept
+inline void copy_short(wchar_t* to, const wchar_t* from, std::size_t count) noexcept
 {
     if (count >= 8) {
         std::size_t i = 0;
@@ -306,23 +306,17 @@ public:
     void write(std::wstring_view text)
     {
         const std::size_t count = text.size();
-        if (count > capacity - used_) {
-            flush();
-            if (count > capacity / 2) {
-                out_.append(text);
-                return;
-            }
-        }
-        if (count <= short_run)
+        if (count <= short_run && count <= capacity - used_) [[likely]] {
             copy_short(buffer_ + used_, text.data(), count);
-        else
-            std::char_traits<wchar_t>::copy(buffer_ + used_, text.data(), count);
-        used_ += count;
+            used_ += count;
+        } else {
+            write_long(text);
+        }
     }
 
     void write(wchar_t unit)
     {
-        if (used_ == capacity)
+        if (used_ == capacity) [[unlikely]]
             flush();
         buffer_[used_++] = unit;
     }
@@ -344,6 +338,8 @@ public:
     // whatever earlier flushes gave it.
     void flush()
     {
+        if (used_ == 0)
+            return;
         if (used_ <= short_run) {
             // The fill is overwritten at once. A zero fill would become a memset (rep stos)
             // with a start-up cost above the whole copy; any other value stays a plain loop.
@@ -359,6 +355,21 @@ public:
 private:
     static constexpr std::size_t capacity = 512;
     static constexpr std::size_t short_run = 64;
+
+    // Kept out of line so that the common path of write() stays small enough to inline.
+    [[gnu::noinline]] void write_long(std::wstring_view text)
+    {
+        const std::size_t count = text.size();
+        if (count > capacity - used_) {
+            flush();
+            if (count > capacity / 2) {
+                out_.append(text);
+                return;
+            }
+        }
+        std::char_traits<wchar_t>::copy(buffer_ + used_, text.data(), count);
+        used_ += count;
+    }
 
     std::wstring& out_;
     std::size_t used_ = 0;

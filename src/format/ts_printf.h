@@ -54,6 +54,9 @@
 //   are those of "aAbBcCdDeFgGhHIjmMnprRStTuUVwWxXyYzZ" with optional "E"/"O" modifier
 //   (ignored), plus "%%". A "%" that does not start one of them is printed as it stands.
 //   A "t(" whose ")" never comes takes the rest of the format string as its pattern.
+//   Numeric conversions print whatever the fields hold; those the locale spells (names,
+//   %c, %x, %X, %p) throw generic_exception on a field out of range, and so does a time
+//   point the runtime cannot convert to local time (before 1970, after 3000).
 // - Anything else does not compile.
 //
 // Conditionals: "?<" pushes the truth of its argument (bool; non-empty text; non-zero
@@ -285,7 +288,8 @@ void format_segments(std::wstring& out, std::wstring_view format, std::span<cons
 
 }  // namespace detail
 
-// Appends to out, which must not be one of the arguments. Throws generic_exception.
+// Appends to out, which must not be one of the arguments. Throws generic_exception; out
+// may then hold part of the text.
 template <class... Args>
 void format_to(std::wstring& out, std::wstring_view format, const segment_list& segments, const Args&... args)
 {

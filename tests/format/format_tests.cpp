@@ -61,6 +61,10 @@ TEST(format_output, literals_escapes_and_missing_arguments)
     EXPECT_EQ(format(L"<{0}|{3}|{1}>", L"a", L"b"), L"<a||b>");
     EXPECT_EQ(format(L"x{0w5}y{0?<}z{0?>}"), L"xyz");
     EXPECT_EQ(format(L"{0},{1}", 1, 2), L"1,2");
+    // Texts longer than the run's own buffer, in pieces of every size.
+    const std::wstring long_text(700, L'a'), mid_text(100, L'b');
+    EXPECT_EQ(format(mid_text + L"{0}{1w600f.}{2}{2}{0}" + long_text, long_text, L"x", mid_text),
+              mid_text + long_text + L"x" + std::wstring(599, L'.') + mid_text + mid_text + long_text + long_text);
 
     std::wstring out = L"keep:";
     const compiled_format compiled(L"{0}-{1}");

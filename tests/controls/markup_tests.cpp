@@ -1,0 +1,291 @@
+#include "controls/markup.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+using namespace tessel::windows::new_controls;
+
+namespace {
+
+std::wstring tags_of(const markup_result& r)
+{
+    std::wstring tags;
+    for (const markup_element& e : r.elements)
+        tags += e.tag;
+    return tags;
+}
+
+}  // namespace
+
+TEST(markup, plain_text_and_simple_elements)
+{
+    markup_result r = parse_markup(L"abc");
+    EXPECT_EQ(r.text(), L"abc");
+    EXPECT_TRUE(r.elements.empty());
+
+    r = parse_markup(L"");
+    EXPECT_EQ(r.text(), L"");
+    EXPECT_TRUE(r.elements.empty());
+
+    r = parse_markup(L"[[[bBold]]] text");
+    EXPECT_EQ(r.text(), L"Bold text");
+    ASSERT_EQ(r.elements.size(), 1u);
+    EXPECT_EQ(r.elements[0].tag, L'b');
+    EXPECT_EQ(r.elements[0].range.startPosition, 0u);
+    EXPECT_EQ(r.elements[0].range.length, 4u);
+    EXPECT_TRUE(r.elements[0].argument.empty());
+    EXPECT_EQ(r.elements[0].first_number, 0);
+
+    // An element in the middle starts where the plain text has got to.
+    r = parse_markup(L"ab[[[iCD]]]ef");
+    EXPECT_EQ(r.text(), L"abCDef");
+    ASSERT_EQ(r.elements.size(), 1u);
+    EXPECT_EQ(r.elements[0].range.startPosition, 2u);
+    EXPECT_EQ(r.elements[0].range.length, 2u);
+
+    // An empty element has an empty range.
+    r = parse_markup(L"x[[[u]]]y");
+    EXPECT_EQ(r.text(), L"xy");
+    ASSERT_EQ(r.elements.size(), 1u);
+    EXPECT_EQ(r.elements[0].range.startPosition, 1u);
+    EXPECT_EQ(r.elements[0].range.length, 0u);
+}
+
+TEST(markup, number_arguments)
+{
+    markup_result r = parse_markup(L"[[[s:120:Big]]]");
+    ASSERT_EQ(r.elements.size(), 1u);
+    EXPECT_EQ(r.elements[0].first_number, 120);
+    EXPECT_EQ(r.text(), L"Big");
+
+    // The sign is read and deliberately not applied.
+    r = parse_markup(L"[[[s:-120:Big]]]");
+    EXPECT_EQ(r.elements[0].first_number, 120);
+    EXPECT_EQ(r.text(), L"Big");
+    r = parse_markup(L"[[[w:-300:x]]]");
+    EXPECT_EQ(r.elements[0].first_number, 300);
+
+    r = parse_markup(L"[[[v:5::7: ]]]x");
+    ASSERT_EQ(r.elements.size(), 1u);
+    EXPECT_EQ(r.elements[0].tag, L'v');
+    EXPECT_EQ(r.elements[0].first_number, 5);
+    EXPECT_EQ(r.elements[0].second_number, 7);
+    EXPECT_EQ(r.text(), L" x");
+
+    // Exactly one unit ends a number, whatever it is: here the "X" is eaten.
+    r = parse_markup(L"[[[g:12Xab]]]");
+    EXPECT_EQ(r.elements[0].first_number, 12);
+    EXPECT_EQ(r.text(), L"ab");
+
+    // Without a second ":" pair the rest is content.
+    r = parse_markup(L"[[[v:5:7: ]]]");
+    EXPECT_EQ(r.elements[0].first_number, 5);
+    EXPECT_EQ(r.elements[0].second_number, 0);
+    EXPECT_EQ(r.text(), L"7: ");
+
+    // "::" means no number; both colons stay content.
+    r = parse_markup(L"[[[x::]]]");
+    EXPECT_EQ(r.elements[0].first_number, 0);
+    EXPECT_EQ(r.elements[0].second_number, 0);
+    EXPECT_EQ(r.text(), L"::");
+
+    // A number ending the input consumes what there is and no more.
+    r = parse_markup(L"[[[s:12");
+    EXPECT_EQ(r.text(), L"");
+    EXPECT_TRUE(r.elements.empty());  // never closed
+
+    // Overflow wraps silently: 2^64 + 5 reads as 5, 2^63 as the lowest value.
+    r = parse_markup(L"[[[w:18446744073709551621:x]]]");
+    EXPECT_EQ(r.elements[0].first_number, 5);
+    r = parse_markup(L"[[[w:9223372036854775808:x]]]");
+    EXPECT_EQ(r.elements[0].first_number, INT64_MIN);
+}
+
+TEST(markup, string_arguments)
+{
+    markup_result r = parse_markup(L"[[[h#[Tip]#Label]]]");
+    ASSERT_EQ(r.elements.size(), 1u);
+    EXPECT_EQ(r.elements[0].argument, L"Tip");
+    EXPECT_EQ(r.text(), L"Label");
+
+    r = parse_markup(L"[[[f#[Fluent]#3]]]");
+    EXPECT_EQ(r.elements[0].argument, L"Fluent");
+    EXPECT_EQ(r.text(), L"3");
+
+    // Without "]#" nothing is consumed and "#[" is content.
+    r = parse_markup(L"[[[f#[Fluent3]]]");
+    EXPECT_TRUE(r.elements[0].argument.empty());
+    EXPECT_EQ(r.text(), L"#[Fluent3");
+
+    // The argument is a view into the source, and may be empty.
+    const std::wstring source = L"[[[T#[#777]#grey]]]";
+    r = parse_markup(source);
+    EXPECT_EQ(r.elements[0].argument, L"#777");
+    EXPECT_GE(r.elements[0].argument.data(), source.data());
+    EXPECT_LT(r.elements[0].argument.data(), source.data() + source.size());
+    r = parse_markup(L"[[[h#[]#x]]]");
+    EXPECT_TRUE(r.elements[0].argument.empty());
+    EXPECT_EQ(r.text(), L"x");
+
+    // A second number may follow a string argument; a first number excludes a string.
+    r = parse_markup(L"[[[v#[server.client.connected]#:9: ]]]");
+    EXPECT_EQ(r.elements[0].argument, L"server.client.connected");
+    EXPECT_EQ(r.elements[0].second_number, 9);
+    EXPECT_EQ(r.text(), L" ");
+    r = parse_markup(L"[[[v:3:#[name]# ]]]");
+    EXPECT_EQ(r.elements[0].first_number, 3);
+    EXPECT_TRUE(r.elements[0].argument.empty());
+    EXPECT_EQ(r.text(), L"#[name]# ");
+}
+
+TEST(markup, nesting_lists_inner_elements_first)
+{
+    markup_result r = parse_markup(L"[[[H[[[r:7: ]]]]]]");
+    EXPECT_EQ(tags_of(r), L"rH");
+    EXPECT_EQ(r.text(), L" ");
+    EXPECT_EQ(r.elements[0].first_number, 7);
+    EXPECT_EQ(r.elements[1].range.startPosition, 0u);
+    EXPECT_EQ(r.elements[1].range.length, 1u);
+
+    r = parse_markup(L"[[[b[[[s:120:Title]]]]]] and [[[i[[[uA]]]B[[[-C]]]]]]");
+    EXPECT_EQ(r.text(), L"Title and ABC");
+    EXPECT_EQ(tags_of(r), L"sbu-i");
+    EXPECT_EQ(r.elements[4].range.startPosition, 10u);
+    EXPECT_EQ(r.elements[4].range.length, 3u);
+    EXPECT_EQ(r.elements[2].range.startPosition, 10u);
+    EXPECT_EQ(r.elements[3].range.startPosition, 12u);
+
+    // The program's expander cell: a collection element around a family element.
+    r = parse_markup(L"[[[F:123:[[[f#[Fluent]#3]]]]]] Name");
+    EXPECT_EQ(tags_of(r), L"fF");
+    EXPECT_EQ(r.elements[1].first_number, 123);
+    EXPECT_EQ(r.text(), L"3 Name");
+}
+
+TEST(markup, stray_closers_and_truncated_openers)
+{
+    // A closer with nothing open is plain text, however often it comes.
+    markup_result r = parse_markup(L"a]]]b");
+    EXPECT_EQ(r.text(), L"a]]]b");
+    EXPECT_TRUE(r.elements.empty());
+    r = parse_markup(L"[[[bX]]]]]]]]]");
+    EXPECT_EQ(r.text(), L"X]]]]]]");
+    EXPECT_EQ(r.elements.size(), 1u);
+
+    // Fewer than three brackets are content.
+    r = parse_markup(L"[[x]] [y]");
+    EXPECT_EQ(r.text(), L"[[x]] [y]");
+
+    // An opener without a tag letter at the very end is the string library's error.
+    EXPECT_THROW((void)parse_markup(L"abc[[["), std::out_of_range);
+    EXPECT_THROW((void)strip_markup(L"[[["), std::out_of_range);
+    // With the letter present it is an element that never closes.
+    r = parse_markup(L"abc[[[b");
+    EXPECT_EQ(r.text(), L"abc");
+    EXPECT_TRUE(r.elements.empty());
+}
+
+TEST(markup, strip_matches_the_parser_and_results_are_reusable)
+{
+    const wchar_t* const samples[] = {
+        L"plain",
+        L"[[[g:20: ]]][[[v:5::7: ]]] Device name",
+        L"[[[F:1:[[[f#[Fluent]#4]]]]]] Hub",
+        L"a]]]b[[[h#[tip]#link]]]",
+        L"[[[b[[[s:120:Title]]]]]]\nBody [[[T#[#777]#grey]]]",
+        L"[[[f#[Fluent3]]]",
+    };
+    markup_result reused;
+    std::wstring stripped;
+    for (const wchar_t* sample : samples) {
+        parse_markup(sample, reused);
+        EXPECT_EQ(reused.text(), parse_markup(sample).text()) << sample;
+        strip_markup(sample, stripped);
+        EXPECT_EQ(stripped, reused.text()) << sample;
+        EXPECT_EQ(strip_markup(sample), reused.text()) << sample;
+    }
+    // Reusing a result leaves nothing of the previous parse behind.
+    parse_markup(L"[[[bX]]]", reused);
+    parse_markup(L"plain", reused);
+    EXPECT_TRUE(reused.elements.empty());
+    EXPECT_EQ(reused.text(), L"plain");
+}
+
+TEST(markup, colours)
+{
+    const auto close_to = [](float a, float b) { return std::abs(a - b) < 0.0005f; };
+    auto c = parse_markup_colour(L"#777");
+    ASSERT_TRUE(c);
+    EXPECT_TRUE(close_to(c->r, 119 / 255.f) && close_to(c->g, 119 / 255.f) && close_to(c->b, 119 / 255.f) && close_to(c->a, 1.f));
+
+    c = parse_markup_colour(L"#FF8000");
+    ASSERT_TRUE(c);
+    EXPECT_TRUE(close_to(c->r, 1.f) && close_to(c->g, 128 / 255.f) && close_to(c->b, 0.f) && close_to(c->a, 1.f));
+
+    c = parse_markup_colour(L"#ff800040");
+    ASSERT_TRUE(c);
+    EXPECT_TRUE(close_to(c->r, 1.f) && close_to(c->g, 128 / 255.f) && close_to(c->a, 64 / 255.f));
+
+    c = parse_markup_colour(L"#aBc");
+    ASSERT_TRUE(c);
+    EXPECT_TRUE(close_to(c->r, 0xAA / 255.f) && close_to(c->g, 0xBB / 255.f) && close_to(c->b, 0xCC / 255.f));
+
+    // Invalid digits count as 0.
+    c = parse_markup_colour(L"#zz10gg");
+    ASSERT_TRUE(c);
+    EXPECT_TRUE(close_to(c->r, 0.f) && close_to(c->g, 16 / 255.f) && close_to(c->b, 0.f));
+    c = parse_markup_colour(L"#f0x");
+    ASSERT_TRUE(c);
+    EXPECT_TRUE(close_to(c->r, 1.f) && close_to(c->g, 0.f) && close_to(c->b, 0.f));
+
+    // Other lengths leave the choice to the caller.
+    for (const wchar_t* text : {L"", L"#", L"#12", L"#1234", L"#12345", L"#1234567", L"#123456789"})
+        EXPECT_FALSE(parse_markup_colour(text)) << text;
+
+    // Packed numbers: 0xAARRGGBB, alpha 0 meaning opaque.
+    D2D1_COLOR_F p = unpack_markup_colour(0x00FF0080);
+    EXPECT_TRUE(close_to(p.r, 1.f) && close_to(p.g, 0.f) && close_to(p.b, 128 / 255.f) && close_to(p.a, 1.f));
+    p = unpack_markup_colour(0x80000000);
+    EXPECT_TRUE(close_to(p.r, 0.f) && close_to(p.a, 128 / 255.f));
+}
+
+TEST(markup, every_length_and_position_of_delimiters)
+{
+    // The scanner works on blocks of eight code units with an overlapping last block:
+    // delimiters and stray brackets at every offset of texts of every short length must
+    // come out exactly as a one-by-one reading gives them.
+    const auto reference = [](std::wstring_view s) {
+        std::wstring text;
+        std::size_t depth = 0;
+        for (std::size_t i = 0; i < s.size();) {
+            if (i + 3 <= s.size() && s.substr(i, 3) == L"]]]" && depth > 0) {
+                --depth;
+                i += 3;
+            } else if (i + 4 <= s.size() && s.substr(i, 3) == L"[[[" ) {
+                ++depth;
+                i += 4;  // these samples use a bare tag letter
+            } else {
+                text += s[i++];
+            }
+        }
+        return text;
+    };
+    markup_result reused;
+    std::wstring stripped;
+    for (std::size_t length = 0; length <= 26; ++length) {
+        for (std::size_t at = 0; at < length; ++at) {
+            std::wstring base(length, L'x');
+            for (std::size_t k = 0; k < length; ++k)
+                base[k] = static_cast<wchar_t>(L'a' + k % 26);
+            for (const wchar_t* insert : {L"[", L"]", L"[[", L"]]]", L"[[[b", L"[[[bZ]]]", L"]]]]"}) {
+                std::wstring s = base;
+                s.insert(at, insert);
+                parse_markup(s, reused);
+                ASSERT_EQ(reused.text(), reference(s)) << std::string(s.begin(), s.end());
+                strip_markup(s, stripped);
+                ASSERT_EQ(stripped, reference(s)) << std::string(s.begin(), s.end());
+            }
+        }
+    }
+}

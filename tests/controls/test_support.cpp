@@ -1,0 +1,87 @@
+#include "test_support.h"
+
+#include "base/failure.h"
+
+#include <gdiplus.h>
+#include <gtest/gtest.h>
+
+using tessel::com_ptr;
+using tessel::throw_if_failed;
+
+namespace controls_tests {
+namespace {
+
+class environment : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        ASSERT_TRUE(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)));
+        Gdiplus::GdiplusStartupInput input;
+        ASSERT_EQ(Gdiplus::GdiplusStartup(&gdiplus_token_, &input, nullptr), Gdiplus::Ok);
+    }
+    void TearDown() override { Gdiplus::GdiplusShutdown(gdiplus_token_); }
+
+private:
+    ULONG_PTR gdiplus_token_ = 0;
+};
+
+[[maybe_unused]] const auto* const registered = ::testing::AddGlobalTestEnvironment(new environment);
+
+}  // namespace
+
+IDWriteFactory* dwrite()
+{
+    static const com_ptr<IDWriteFactory> factory = [] {
+        com_ptr<IDWriteFactory> f;
+        throw_if_failed(::DWriteCreateFactory(DWRITE_FACTORY_TYPE_SHARED, __uuidof(IDWriteFactory),
+                                              reinterpret_cast<IUnknown**>(f.put())));
+        return f;
+    }();
+    return factory.get();
+}
+
+ID2D1Factory* d2d()
+{
+    static const com_ptr<ID2D1Factory> factory = [] {
+        com_ptr<ID2D1Factory> f;
+        throw_if_failed(::D2D1CreateFactory(D2D1_FACTORY_TYPE_SINGLE_THREADED, __uuidof(ID2D1Factory), nullptr,
+                                            f.put_void()));
+        return f;
+    }();
+    return factory.get();
+}
+
+IWICImagingFactory* wic()
+{
+    static const com_ptr<IWICImagingFactory> factory =
+        tessel::create_instance<IWICImagingFactory>(CLSID_WICImagingFactory);
+    return factory.get();
+}
+
+com_ptr<IDWriteTextFormat> text_format(float size)
+{
+    com_ptr<IDWriteTextFormat> format;
+    throw_if_failed(dwrite()->CreateTextFormat(L"Tahoma", nullptr, DWRITE_FONT_WEIGHT_NORMAL, DWRITE_FONT_STYLE_NORMAL,
+                                               DWRITE_FONT_STRETCH_NORMAL, size, L"en-us", format.put()));
+    return format;
+}
+
+pixel_canvas::pixel_canvas(UINT w, UINT h, float dpi) : width(w), height(h)
+{
+    throw_if_failed(wic()->CreateBitmap(w, h, GUID_WICPixelFormat32bppPBGRA, WICBitmapCacheOnLoad, bitmap.put()));
+    const D2D1_RENDER_TARGET_PROPERTIES properties{D2D1_RENDER_TARGET_TYPE_DEFAULT,
+                                                   {DXGI_FORMAT_B8G8R8A8_UNORM, D2D1_ALPHA_MODE_PREMULTIPLIED},
+                                                   dpi, dpi, D2D1_RENDER_TARGET_USAGE_NONE,
+                                                   D2D1_FEATURE_LEVEL_DEFAULT};
+    throw_if_failed(d2d()->CreateWicBitmapRenderTarget(bitmap.get(), &properties, target.put()));
+}
+
+std::vector<std::uint32_t> pixel_canvas::read() const
+{
+    std::vector<std::uint32_t> pixels(std::size_t(width) * height);
+    const WICRect all{0, 0, INT(width), INT(height)};
+    throw_if_failed(bitmap->CopyPixels(&all, width * 4, UINT(pixels.size() * 4), reinterpret_cast<BYTE*>(pixels.data())));
+    return pixels;
+}
+
+}  // namespace controls_tests
