@@ -8,6 +8,7 @@
 #include "app/server_api.h"
 #include "app/startup.h"
 #include "base/async_context.h"
+#include "base/com_object.h"
 #include "base/com_ptr.h"
 #include "base/failure.h"
 #include "base/utf.h"
@@ -141,7 +142,7 @@ int run(int show_command)
 
     int exit_code = 0;
     {
-        main_dialog dialog(server);
+        tessel::value_on_stack<main_dialog> dialog(server);
 
         // 9. The main window and the message loop.
         INITCOMMONCONTROLSEX controls{sizeof controls, common_control_classes};

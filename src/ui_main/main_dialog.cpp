@@ -117,6 +117,50 @@ main_dialog::~main_dialog()
         ::DestroyWindow(window_);
 }
 
+HRESULT main_dialog::OnDeviceAdded(IUsbDevice* device) noexcept
+{
+    handle_server_event(tessel::com_ptr<IUsbServerListener>(this), this, server_event::device_added,
+                        tessel::com_ptr<IUsbDevice>(device));
+    return S_OK;
+}
+
+HRESULT main_dialog::OnDeviceChanged(IUsbDevice* device) noexcept
+{
+    handle_server_event(tessel::com_ptr<IUsbServerListener>(this), this, server_event::device_changed,
+                        tessel::com_ptr<IUsbDevice>(device));
+    return S_OK;
+}
+
+HRESULT main_dialog::OnClientConnectionChanged(IUsbDevice* device) noexcept
+{
+    handle_server_event(tessel::com_ptr<IUsbServerListener>(this), this, server_event::client_changed,
+                        tessel::com_ptr<IUsbDevice>(device));
+    return S_OK;
+}
+
+HRESULT main_dialog::OnClientConnectionChanged2(IUsbDevice* device) noexcept
+{
+    return OnClientConnectionChanged(device);
+}
+
+fibra::fire_and_forget main_dialog::handle_server_event(tessel::com_ptr<IUsbServerListener> keep_alive,
+                                                        main_dialog* self, server_event event,
+                                                        tessel::com_ptr<IUsbDevice> device)
+{
+    // Posted even when the call came in on the UI thread, so that the notification has
+    // returned to the server before any window work starts.
+    tessel::windows::impl::async_context ui(self->thread_id(), self->cancellation(), true);
+    co_await ui;  // throws operation_cancelled once the window is gone
+    if (self->window_)
+        self->on_server_event(event, device.get());
+    (void)keep_alive;
+}
+
+void main_dialog::on_server_event(server_event, IUsbDevice*)
+{
+    // The device tree that these events update is not part of the window yet.
+}
+
 HWND main_dialog::create(int show_command)
 {
     HWND window = ::CreateDialogParamW(::GetModuleHandleW(nullptr), MAKEINTRESOURCEW(main_dialog_id), nullptr,
@@ -186,6 +230,7 @@ INT_PTR main_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)
 void main_dialog::on_init_dialog()
 {
     (void)tessel::windows::wm_ole_call();
+    listening_ = SUCCEEDED(server_->AdviseListener(this));
     ole_thread_ = std::make_unique<tessel::windows::ole_thread>();
     tessel::translate_dialog(window_);
 
@@ -266,6 +311,9 @@ void main_dialog::on_destroy() noexcept
 {
     // Work still waiting to come back to this window ends instead.
     cancel_work();
+    if (listening_)
+        server_->UnadviseListener(this);
+    listening_ = false;
     ole_thread_.reset();
     ::PostQuitMessage(0);
 }
