@@ -11,6 +11,7 @@
 #include "base/com_object.h"
 #include "base/com_ptr.h"
 #include "base/failure.h"
+#include "base/service_registry.h"
 #include "base/utf.h"
 #include "format/ts_printf.h"
 #include "localization/localization.h"
@@ -87,7 +88,10 @@ int run(int show_command)
     load_app_settings();
     tessel::initialize_localization(executable_folder(), current_app_settings().language);
 
-    // 3. COM on this thread, a single-threaded apartment.
+    // 3. The services other parts ask for, then COM on this thread, a single-threaded
+    // apartment.
+    tessel::service_registry services;
+    tessel::service_registry::install(&services);
     const HRESULT com = ::CoInitialize(nullptr);
     struct com_scope {
         bool active;
@@ -164,6 +168,7 @@ int run(int show_command)
     if (gdiplus_token)
         Gdiplus::GdiplusShutdown(gdiplus_token);
     server.reset();
+    services.clear();  // COM objects go before COM does
     return exit_code;
 }
 
