@@ -218,6 +218,24 @@ TEST_F(program_process, second_start_defers_to_the_first_and_closing_leaves_only
     EXPECT_EQ(values + subkeys, 0u);
 }
 
+TEST_F(program_process, the_chosen_language_pack_beside_the_program_translates_the_main_window)
+{
+    tessel::unique_hkey key;
+    ASSERT_EQ(::RegCreateKeyExW(HKEY_CURRENT_USER, settings_key, 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.put(), nullptr),
+              ERROR_SUCCESS);
+    const wchar_t german[] = L"de";
+    ::RegSetValueExW(key.get(), L"language", 0, REG_SZ, reinterpret_cast<const BYTE*>(german), sizeof german);
+    key.reset();
+
+    process program_run(program());
+    const std::wstring main_window = wait_for(main_tree_placeholder_id);
+    ASSERT_FALSE(main_window.empty()) << "the main window did not appear";
+    EXPECT_EQ(ui_driver(L"text " + main_window + L" 1016").output, L"Getrennte ausblenden");
+    EXPECT_EQ(ui_driver(L"text " + main_window + L" 2").output, L"Schlie\u00DFen");
+    ui_driver(L"close " + main_window);
+    EXPECT_EQ(program_run.wait(), 0u);
+}
+
 TEST_F(program_process, a_foreign_window_with_the_title_as_prefix_counts_but_another_case_does_not)
 {
     const auto window_titled = [](const wchar_t* text) {
