@@ -1,8 +1,12 @@
 #include "app/startup.h"
 
 #include "base/unique_handle.h"
+#include "base/utf.h"
 
 #include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
 
 namespace {
 
@@ -32,6 +36,34 @@ TEST(startup, error_texts_fall_back_to_the_programs_own_text)
         servercfg::format_error_message(tessel::string_ids::startup_error_connecting, E_ACCESSDENIED);
     EXPECT_EQ(message.rfind(L"Error connecting to Ulmora Tools Server API: ", 0), 0u);
     EXPECT_NE(message.find(L" (0x80070005)\n\nTry to reinstall the product."), std::wstring::npos) << message;
+}
+
+TEST(startup, a_new_copy_starts_with_the_very_same_command_line)
+{
+    wchar_t path[MAX_PATH];
+    const DWORD length = ::GetModuleFileNameW(nullptr, path, MAX_PATH);
+    std::wstring folder(path, length);
+    folder.resize(folder.find_last_of(L"\\/") + 1);
+    wchar_t temp[MAX_PATH];
+    ::GetTempPathW(MAX_PATH, temp);
+    const std::wstring record = std::wstring(temp) + L"servercfg-restart-test.txt";
+    ::DeleteFileW(record.c_str());
+
+    const std::wstring command_line =
+        L"\"" + folder + L"ui_driver.exe\" record \"" + record + L"\" plain \"two words\" --flag \"q\\\"uote\"";
+    servercfg::start_new_copy(command_line);
+
+    std::string seen;
+    for (int i = 0; i < 200 && seen.empty(); ++i) {
+        ::Sleep(25);
+        if (FILE* file = _wfopen(record.c_str(), L"rb")) {
+            char buffer[1024];
+            seen.assign(buffer, std::fread(buffer, 1, sizeof buffer, file));
+            std::fclose(file);
+        }
+    }
+    EXPECT_EQ(tessel::utf8_to_utf16(seen), command_line);
+    ::DeleteFileW(record.c_str());
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 //   ui_driver text <window> <control id>               prints the control's text (UTF-8)
 //   ui_driver click <window> <control id>              presses the button
 //   ui_driver close <window>                           asks the window to close
+//   ui_driver record <file> [anything...]              writes its own command line to <file>
 //
 // "wait" looks for a visible top-level window with exactly this title that has a child
 // with the given id, which tells a message box (1101) from the main window (1003).
@@ -84,9 +85,19 @@ int wmain(int argc, wchar_t** argv)
         HWND control = ::GetDlgItem(parse_window(argv[2]), std::wcstol(argv[3], nullptr, 10));
         return control && ::PostMessageW(control, BM_CLICK, 0, 0) ? 0 : 1;
     }
+    if (command == L"record" && argc >= 3) {
+        FILE* file = _wfopen(argv[2], L"wb");
+        if (!file)
+            return 1;
+        const std::string line = tessel::utf16_to_utf8(::GetCommandLineW());
+        std::fwrite(line.data(), 1, line.size(), file);
+        std::fclose(file);
+        return 0;
+    }
     if (command == L"close" && argc == 3)
         return ::PostMessageW(parse_window(argv[2]), WM_CLOSE, 0, 0) ? 0 : 1;
-    std::fputs("usage: ui_driver wait <title> <id> [ms] | text <window> <id> | click <window> <id> | close <window>\n",
+    std::fputs("usage: ui_driver wait <title> <id> [ms] | text <window> <id> | click <window> <id> | close <window> | "
+               "record <file> [...]\n",
                stderr);
     return 2;
 }
