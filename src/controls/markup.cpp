@@ -1,65 +1,120 @@
 #include "controls/markup.h"
 
-#include <algorithm>
-#include <cstring>
 #include <emmintrin.h>
 #include <stdexcept>
 
 namespace tessel::windows::new_controls {
 namespace {
 
+static_assert(sizeof(wchar_t) == 2);
+
 // Scanning goes sixteen bytes at a time (SSE2 is part of every x64 processor): plain
 // runs, the bulk of every cell text, cost a handful of instructions per eight code units.
-inline int bracket_mask(__m128i block) noexcept
+// The mask has two bits per code unit, one per byte.
+inline unsigned units_equal(__m128i block, wchar_t c) noexcept
 {
-    const __m128i open = _mm_cmpeq_epi16(block, _mm_set1_epi16(L'['));
-    const __m128i close = _mm_cmpeq_epi16(block, _mm_set1_epi16(L']'));
-    return _mm_movemask_epi8(_mm_or_si128(open, close));
+    return static_cast<unsigned>(
+        _mm_movemask_epi8(_mm_cmpeq_epi16(block, _mm_set1_epi16(static_cast<short>(c)))));
 }
 
-inline std::size_t first_lane(int mask) noexcept
+// All ones in the lanes that hold '[' or ']'.
+inline __m128i bracket_hits(__m128i block) noexcept
 {
-    return static_cast<std::size_t>(__builtin_ctz(static_cast<unsigned>(mask))) / 2;
+    return _mm_or_si128(_mm_cmpeq_epi16(block, _mm_set1_epi16(L'[')), _mm_cmpeq_epi16(block, _mm_set1_epi16(L']')));
 }
 
-inline bool delimiter_at(const wchar_t* data, std::size_t i, std::size_t n) noexcept
+inline std::size_t first_lane(unsigned mask) noexcept
 {
-    const wchar_t c = data[i];
-    return i + 2 < n && (c == L'[' || c == L']') && data[i + 1] == c && data[i + 2] == c;
+    return static_cast<std::size_t>(__builtin_ctz(mask)) / 2;
 }
 
-// Index of the next '[' or ']' at or after i; n when there is none.
-inline std::size_t next_bracket(const wchar_t* data, std::size_t i, std::size_t n) noexcept
+// Index of the first `c` at or after `from`; n when there is none.
+// It reads whole 16-byte-aligned blocks only. Those reach up to seven units before `from`
+// and past the end of the text, but an aligned block never spans two pages, so nothing is
+// read that the text's own pages do not hold (the technique of the C library's string
+// scans); the lanes outside the text are masked away. Any length is then one loop, with
+// no scalar head or tail, which is what makes short cell texts cheap.
+template <wchar_t c>
+inline std::size_t find_unit(const wchar_t* data, std::size_t from, std::size_t n) noexcept
 {
-    for (; i + 8 <= n; i += 8)
-        if (const int mask = bracket_mask(_mm_loadu_si128(reinterpret_cast<const __m128i*>(data + i))))
-            return i + first_lane(mask);
-    for (; i < n; ++i)
-        if (data[i] == L'[' || data[i] == L']')
+    if (from >= n)
+        return n;
+    const auto base = reinterpret_cast<std::uintptr_t>(data);
+    const std::uintptr_t first = base + from * sizeof(wchar_t);
+    const std::uintptr_t end = base + n * sizeof(wchar_t);
+    std::uintptr_t block = first & ~std::uintptr_t{15};
+    unsigned mask = units_equal(_mm_load_si128(reinterpret_cast<const __m128i*>(block)), c) &
+                    (~0u << (first & 15));
+    while (end - block > 16) {
+        if (mask)
+            return (block + __builtin_ctz(mask) - base) / sizeof(wchar_t);
+        block += 16;
+        mask = units_equal(_mm_load_si128(reinterpret_cast<const __m128i*>(block)), c);
+    }
+    mask &= (1u << (end - block)) - 1;
+    return mask ? (block + __builtin_ctz(mask) - base) / sizeof(wchar_t) : n;
+}
+
+// The first "[[[". Before it there is no element to close, so whatever a text holds up to
+// there (a "]]]" included) is plain text: a text without an opener is only read, never
+// copied, and the scan looks for '[' alone.
+inline std::size_t find_opener(const wchar_t* data, std::size_t n) noexcept
+{
+    for (std::size_t i = find_unit<L'['>(data, 0, n); i < n; i = find_unit<L'['>(data, i + 1, n))
+        if (i + 2 < n && data[i + 1] == L'[' && data[i + 2] == L'[')
             return i;
     return n;
 }
 
-// As next_bracket, copying what it passes over to out[length...]. The blocks it stores
-// stay inside the output buffer because the output never runs ahead of the input
-// (length <= i) and the buffer is as long as the input.
+// Whether `bytes` bytes from p lie in one page: then reading them faults no more than
+// reading the first does.
+inline bool within_one_page(std::uintptr_t p, std::size_t bytes) noexcept
+{
+    return (p & 4095) <= 4096 - bytes;
+}
+
+// Copies in[i, j) to out[length...]. Whole blocks are stored, part of which the next piece
+// overwrites: `out` must hold eight units more than the input, and the output never runs
+// ahead of the input (length <= i). The last block is read whole when it stays in the page.
+inline void copy_run(const wchar_t* in, std::size_t i, std::size_t j, std::size_t n, wchar_t* out,
+                     std::size_t& length) noexcept
+{
+    std::size_t left = j - i;
+    const wchar_t* from = in + i;
+    wchar_t* to = out + length;
+    length += left;
+    if (left == 0)
+        return;
+    for (; left > 8; left -= 8, from += 8, to += 8)
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(to), _mm_loadu_si128(reinterpret_cast<const __m128i*>(from)));
+    if (from + 8 <= in + n || within_one_page(reinterpret_cast<std::uintptr_t>(from), 16)) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(to), _mm_loadu_si128(reinterpret_cast<const __m128i*>(from)));
+    } else {
+        for (std::size_t k = 0; k < left; ++k)
+            to[k] = from[k];
+    }
+}
+
+// Index of the next '[' or ']' at or after i, n when there is none, copying what it passes
+// over to out[length...] in whole blocks, as copy_run does.
 inline std::size_t copy_to_bracket(const wchar_t* in, std::size_t i, std::size_t n, wchar_t* out,
                                    std::size_t& length) noexcept
 {
-    // Markup puts delimiters close together ("[[[g:0: ]]][[[v:17: ]]]"): look at the
-    // first two units one by one before going to blocks.
-    for (const std::size_t stop = std::min(i + 2, n); i < stop; ++i) {
-        if (in[i] == L'[' || in[i] == L']')
-            return i;
-        out[length++] = in[i];
-    }
     for (; i + 8 <= n; i += 8, length += 8) {
         const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
         _mm_storeu_si128(reinterpret_cast<__m128i*>(out + length), block);
-        if (const int mask = bracket_mask(block)) {
+        if (const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(bracket_hits(block)))) {
             length += first_lane(mask);
             return i + first_lane(mask);
         }
+    }
+    if (i < n && within_one_page(reinterpret_cast<std::uintptr_t>(in + i), 16)) {
+        const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + length), block);
+        const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(bracket_hits(block))) & ((1u << 2 * (n - i)) - 1);
+        const std::size_t run = mask ? first_lane(mask) : n - i;
+        length += run;
+        return i + run;
     }
     for (; i < n; ++i) {
         if (in[i] == L'[' || in[i] == L']')
@@ -69,128 +124,111 @@ inline std::size_t copy_to_bracket(const wchar_t* in, std::size_t i, std::size_t
     return n;
 }
 
-// The first "[[[" or "]]]": a text without any is only read, never copied.
-std::size_t find_delimiter(std::wstring_view s) noexcept
-{
-    const wchar_t* const data = s.data();
-    const std::size_t n = s.size();
-    for (std::size_t i = next_bracket(data, 0, n); i < n; i = next_bracket(data, i + 1, n))
-        if (delimiter_at(data, i, n))
-            return i;
-    return std::wstring_view::npos;
-}
-
-bool number_follows(std::wstring_view s, std::size_t pos) noexcept
-{
-    return pos < s.size() && s[pos] == L':' && (pos + 1 >= s.size() || s[pos + 1] != L':');
-}
-
 // At a ':' that starts a number. The sign is consumed but never applied, and exactly one
 // unit after the digits is consumed, whatever it is.
-std::int64_t read_number(std::wstring_view s, std::size_t& pos) noexcept
+inline std::int64_t read_number(const wchar_t* in, std::size_t& i, std::size_t n) noexcept
 {
-    ++pos;
-    if (pos < s.size() && s[pos] == L'-')
-        ++pos;
+    ++i;
+    if (i < n && in[i] == L'-')
+        ++i;
     std::uint64_t value = 0;  // unsigned: overflow wraps instead of being undefined
-    while (pos < s.size() && s[pos] >= L'0' && s[pos] <= L'9') {
-        value = value * 10 + static_cast<std::uint64_t>(s[pos] - L'0');
-        ++pos;
+    for (; i < n; ++i) {
+        const unsigned digit = static_cast<unsigned>(in[i]) - L'0';
+        if (digit > 9)
+            break;
+        value = value * 10 + digit;
     }
-    if (pos < s.size())
-        ++pos;
+    if (i < n)
+        ++i;
     return static_cast<std::int64_t>(value);
 }
 
-// The "]#" that ends a string argument.
-std::size_t find_argument_end(std::wstring_view s, std::size_t from) noexcept
+inline bool number_follows(const wchar_t* in, std::size_t i, std::size_t n) noexcept
 {
-    const wchar_t* const data = s.data();
-    const std::size_t n = s.size();
-    for (std::size_t i = next_bracket(data, from, n); i + 1 < n; i = next_bracket(data, i + 1, n))
-        if (data[i] == L']' && data[i + 1] == L'#')
-            return i;
-    return std::wstring_view::npos;
+    return i < n && in[i] == L':' && (i + 1 >= n || in[i + 1] != L':');
 }
 
-void read_arguments(std::wstring_view s, std::size_t& pos, markup_element& element) noexcept
+// An opener without its tag letter: the error the string library gives for reading past
+// the end.
+[[noreturn, gnu::cold, gnu::noinline]] void throw_missing_tag(const wchar_t* in, std::size_t n, std::size_t at)
 {
-    if (number_follows(s, pos)) {
-        element.first_number = read_number(s, pos);
-    } else if (pos + 1 < s.size() && s[pos] == L'#' && s[pos + 1] == L'[') {
-        const std::size_t end = find_argument_end(s, pos + 2);
-        if (end != std::wstring_view::npos) {
-            element.argument = s.substr(pos + 2, end - pos - 2);
-            pos = end + 2;
+    (void)std::wstring_view(in, n).at(at);
+    __builtin_unreachable();
+}
+
+// The opener at `at`: reads the tag letter and the arguments, tells `records`, and returns
+// where the content begins. `argument_end(from)` finds the "]#" that ends a string
+// argument (n when there is none).
+template <class element_records, class find_argument_end>
+inline std::size_t read_opener(const wchar_t* in, std::size_t n, std::size_t at, std::size_t length,
+                               element_records& records, find_argument_end&& argument_end)
+{
+    if (at + 3 >= n)
+        throw_missing_tag(in, n, at + 3);
+    const wchar_t tag = in[at + 3];
+    std::size_t i = at + 4;
+    std::int64_t first = 0;
+    std::int64_t second = 0;
+    std::wstring_view argument;
+    if (number_follows(in, i, n)) {
+        first = read_number(in, i, n);
+    } else if (i + 1 < n && in[i] == L'#' && in[i + 1] == L'[') {
+        const std::size_t end = argument_end(i + 2);
+        if (end < n) {
+            argument = std::wstring_view(in + i + 2, end - i - 2);
+            i = end + 2;
         }
     }
-    if (number_follows(s, pos))
-        element.second_number = read_number(s, pos);
+    if (number_follows(in, i, n))
+        second = read_number(in, i, n);
+    records.open(tag, static_cast<UINT32>(length), argument, first, second);
+    return i;
 }
 
-// The one loop behind both the parser and the stripper. `sink` receives each element as
-// it closes; the stripper passes none and only counts depth. The plain text is never
-// longer than the source, so it is written into `buffer`, which is made at least as long
-// as the source, without a capacity check per piece; plain runs are copied in the same
-// pass that looks for delimiters. Returns the length of the plain text.
-template <class open_stack>
-std::size_t parse_loop(std::wstring_view s, std::wstring& buffer, open_stack& open,
-                       std::vector<markup_element>* sink)
+// The one loop behind both the parser and the stripper. `records` is told of each element
+// as it opens and closes; the stripper's records only count depth. The plain text is
+// never longer than the source, so it goes into `out`, eight units longer than the source
+// (see copy_run), without a capacity check per piece; plain runs are copied in the same
+// pass that looks for delimiters. `opener` is the first "[[[". Returns the length of the
+// plain text.
+template <class element_records>
+std::size_t parse_from(const wchar_t* in, std::size_t n, std::size_t opener, wchar_t* out,
+                       element_records& records)
 {
-    static_assert(sizeof(wchar_t) == 2);
-    const std::size_t n = s.size();
-    if (buffer.size() < n)
-        buffer.resize(n);
-    wchar_t* const out = buffer.data();
-    const wchar_t* const in = s.data();
     std::size_t length = 0;
-
-    std::size_t i = 0;
-    while (i < n) {
-        i = copy_to_bracket(in, i, n, out, length);
-        if (i == n)
-            break;
-        if (!delimiter_at(in, i, n)) {
-            out[length++] = in[i++];
-            continue;
-        }
-        if (in[i] == L']') {
+    copy_run(in, 0, opener, n, out, length);
+    std::size_t i = opener;
+    do {
+        const wchar_t c = in[i];
+        if (i + 2 >= n || in[i + 1] != c || in[i + 2] != c) {
+            out[length++] = c;  // a lone bracket is content
+            ++i;
+        } else if (c == L'[') {
+            i = read_opener(in, n, i, length, records, [in, n](std::size_t from) {
+                for (std::size_t k = find_unit<L']'>(in, from, n); k + 1 < n; k = find_unit<L']'>(in, k + 1, n))
+                    if (in[k + 1] == L'#')
+                        return k;
+                return n;
+            });
+        } else if (!records.empty()) {
+            records.close(static_cast<UINT32>(length));
             i += 3;
-            if (open.empty()) {  // a stray closer is plain text
-                out[length++] = L']';
-                out[length++] = L']';
-                out[length++] = L']';
-                continue;
-            }
-            if (sink) {
-                sink->push_back(open.back());
-                sink->back().range.length = static_cast<UINT32>(length) - sink->back().range.startPosition;
-            }
-            open.pop_back();
-            continue;
+        } else {  // a stray closer is plain text
+            out[length] = out[length + 1] = out[length + 2] = L']';
+            length += 3;
+            i += 3;
         }
-        const wchar_t tag = s.at(i + 3);  // an opener without its tag letter throws out_of_range
-        markup_element& element = open.emplace_back();
-        element.tag = tag;
-        element.range.startPosition = static_cast<UINT32>(length);
-        i += 4;
-        read_arguments(s, i, element);
-    }
+        i = copy_to_bracket(in, i, n, out, length);
+    } while (i < n);
     return length;
 }
 
 // The stripper keeps no records; a counter is all it needs to tell a stray closer.
 struct depth_counter {
     std::size_t depth = 0;
-    markup_element scratch;
     bool empty() const noexcept { return depth == 0; }
-    const markup_element& back() const noexcept { return scratch; }
-    void pop_back() noexcept { --depth; }
-    markup_element& emplace_back() noexcept
-    {
-        ++depth;
-        return scratch;
-    }
+    void open(wchar_t, UINT32, std::wstring_view, std::int64_t, std::int64_t) noexcept { ++depth; }
+    void close(UINT32) noexcept { --depth; }
 };
 
 int hex_digit(wchar_t c) noexcept
@@ -206,23 +244,77 @@ int hex_digit(wchar_t c) noexcept
 
 }  // namespace
 
+// The parser's stack of open elements lives in the result's scratch buffer, which keeps
+// its size from one parse to the next; the closed elements go straight to the result.
+class markup_parser {
+public:
+    explicit markup_parser(markup_result& into) noexcept
+        : into_(into), open_(into.open_.data()), capacity_(into.open_.size())
+    {
+    }
+
+    bool empty() const noexcept { return depth_ == 0; }
+
+    void open(wchar_t tag, UINT32 start, std::wstring_view argument, std::int64_t first, std::int64_t second)
+    {
+        if (depth_ == capacity_) [[unlikely]]
+            grow();
+        markup_element& e = open_[depth_++];
+        e.range = {start, 0};
+        e.argument = argument;
+        e.first_number = first;
+        e.second_number = second;
+        e.tag = tag;
+    }
+
+    void close(UINT32 end)
+    {
+        markup_element& e = into_.elements.emplace_back(open_[--depth_]);
+        e.range.length = end - e.range.startPosition;
+    }
+
+    // Out of line: the text without markup, by far the most common, then costs its caller
+    // no more than the scan for an opener.
+    [[gnu::noinline]] static void parse(std::wstring_view source, std::size_t opener, markup_result& into)
+    {
+        const std::size_t n = source.size();
+        into.in_buffer_ = true;
+        into.length_ = 0;  // should the parse throw, the text is empty
+        if (into.buffer_.size() < n + 8)
+            into.buffer_.resize(n + 8);
+        markup_parser records(into);
+        try {
+            into.length_ = parse_from(source.data(), n, opener, into.buffer_.data(), records);
+        } catch (...) {
+            into.elements.clear();
+            throw;
+        }
+    }
+
+private:
+    [[gnu::noinline]] void grow()
+    {
+        capacity_ = capacity_ < 8 ? 8 : 2 * capacity_;
+        into_.open_.resize(capacity_);
+        open_ = into_.open_.data();
+    }
+
+    markup_result& into_;
+    markup_element* open_;
+    std::size_t capacity_;
+    std::size_t depth_ = 0;
+};
+
 void parse_markup(std::wstring_view source, markup_result& into)
 {
     into.elements.clear();
-    if (find_delimiter(source) == std::wstring_view::npos) {
+    const std::size_t opener = find_opener(source.data(), source.size());
+    if (opener == source.size()) [[likely]] {
         into.source_ = source;
         into.in_buffer_ = false;
         return;
     }
-    into.open_.clear();
-    into.in_buffer_ = true;
-    into.length_ = 0;
-    try {
-        into.length_ = parse_loop(source, into.buffer_, into.open_, &into.elements);
-    } catch (...) {
-        into.elements.clear();
-        throw;
-    }
+    markup_parser::parse(source, opener, into);
 }
 
 markup_result parse_markup(std::wstring_view source)
@@ -234,13 +326,17 @@ markup_result parse_markup(std::wstring_view source)
 
 void strip_markup(std::wstring_view source, std::wstring& into)
 {
-    if (find_delimiter(source) == std::wstring_view::npos) {
+    const std::size_t n = source.size();
+    const std::size_t opener = find_opener(source.data(), n);
+    if (opener == n) {
         into.assign(source);
         return;
     }
+    if (into.size() < n + 8)
+        into.resize(n + 8);
     depth_counter depth;
     try {
-        into.resize(parse_loop(source, into, depth, nullptr));
+        into.resize(parse_from(source.data(), n, opener, into.data(), depth));
     } catch (...) {
         into.clear();
         throw;

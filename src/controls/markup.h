@@ -39,12 +39,13 @@ public:
     std::vector<markup_element> elements;
 
 private:
+    friend class markup_parser;
     friend void parse_markup(std::wstring_view, markup_result&);
     std::wstring_view source_;
     std::wstring buffer_;  // only grows; the text is its first length_ code units
     std::size_t length_ = 0;
     bool in_buffer_ = false;
-    std::vector<markup_element> open_;  // the stack of open elements
+    std::vector<markup_element> open_;  // the parser's stack of open elements; only grows
 };
 
 // The result's text and element arguments may be views into `source`, which must outlive

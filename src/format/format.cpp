@@ -11,6 +11,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <exception>
 #include <string>
 
 namespace ts_printf {
@@ -294,86 +295,72 @@ inline void copy_short(wchar_t* to, const wchar_t* from, std::size_t count) noex
     }
 }
 
-// Collects the output of a run and hands it to the string in few large appends. Growing a
-// std::wstring piece by piece costs a call into the runtime per piece (memcpy, or a fill
-// that resize cannot skip), which for short pieces is more than the copying itself.
+// Writes a run straight into the string's own storage, between its old end and its
+// capacity. A copy through a buffer of our own would cost a second pass, and the runtime's
+// copy of a short, freshly written buffer reads it in wider units than it was written in,
+// which stalls until those stores retire: for a typical short text that stall was the
+// largest single cost of a run. Once a piece does not fit, nothing more is written and
+// only the missing length is counted, so that the caller can grow the string to the exact
+// size and run again.
 class run_output {
 public:
-    explicit run_output(std::wstring& out) noexcept : out_(out) {}
+    run_output(wchar_t* first, wchar_t* limit) noexcept : next_(first), limit_(limit) {}
     run_output(const run_output&) = delete;
     run_output& operator=(const run_output&) = delete;
 
-    void write(std::wstring_view text)
+    void write(std::wstring_view text) noexcept
     {
         const std::size_t count = text.size();
-        if (count <= short_run && count <= capacity - used_) [[likely]] {
-            copy_short(buffer_ + used_, text.data(), count);
-            used_ += count;
+        if (count <= room()) [[likely]] {
+            if (count <= short_run) [[likely]]
+                copy_short(next_, text.data(), count);
+            else
+                std::memcpy(next_, text.data(), count * sizeof(wchar_t));
+            next_ += count;
         } else {
-            write_long(text);
+            overflow(count);
         }
     }
 
-    void write(wchar_t unit)
+    void write(wchar_t unit) noexcept
     {
-        if (used_ == capacity) [[unlikely]]
-            flush();
-        buffer_[used_++] = unit;
+        if (next_ != limit_) [[likely]]
+            *next_++ = unit;
+        else
+            overflow(1);
     }
 
-    void fill(std::size_t count, wchar_t unit)
+    void fill(std::size_t count, wchar_t unit) noexcept
     {
-        while (count) {
-            if (used_ == capacity)
-                flush();
-            const std::size_t n = std::min(count, capacity - used_);
-            for (std::size_t i = 0; i < n; ++i)
-                buffer_[used_ + i] = unit;
-            used_ += n;
-            count -= n;
-        }
-    }
-
-    // Only a run that ends normally appends its tail; after an exception the string holds
-    // whatever earlier flushes gave it.
-    void flush()
-    {
-        if (used_ == 0)
-            return;
-        if (used_ <= short_run) {
-            // The fill is overwritten at once. A zero fill would become a memset (rep stos)
-            // with a start-up cost above the whole copy; any other value stays a plain loop.
-            const std::size_t at = out_.size();
-            out_.resize(at + used_, L' ');
-            copy_short(out_.data() + at, buffer_, used_);
+        if (count <= room()) [[likely]] {
+            for (std::size_t i = 0; i < count; ++i)
+                next_[i] = unit;
+            next_ += count;
         } else {
-            out_.append(buffer_, used_);
+            overflow(count);
         }
-        used_ = 0;
     }
+
+    // One past the last unit written.
+    [[nodiscard]] wchar_t* end() const noexcept { return next_; }
+    // Units that did not fit; 0 when the whole run did.
+    [[nodiscard]] std::size_t missing() const noexcept { return missing_; }
 
 private:
-    static constexpr std::size_t capacity = 512;
     static constexpr std::size_t short_run = 64;
 
-    // Kept out of line so that the common path of write() stays small enough to inline.
-    [[gnu::noinline]] void write_long(std::wstring_view text)
+    [[nodiscard]] std::size_t room() const noexcept { return static_cast<std::size_t>(limit_ - next_); }
+
+    // A later, shorter piece must not land after the gap this one leaves.
+    void overflow(std::size_t count) noexcept
     {
-        const std::size_t count = text.size();
-        if (count > capacity - used_) {
-            flush();
-            if (count > capacity / 2) {
-                out_.append(text);
-                return;
-            }
-        }
-        std::char_traits<wchar_t>::copy(buffer_ + used_, text.data(), count);
-        used_ += count;
+        missing_ += count;
+        limit_ = next_;
     }
 
-    std::wstring& out_;
-    std::size_t used_ = 0;
-    wchar_t buffer_[capacity];
+    wchar_t* next_;
+    wchar_t* limit_;
+    std::size_t missing_ = 0;
 };
 
 bool is_true(const argument& arg) noexcept
@@ -512,12 +499,9 @@ void format_field(run_output& out, std::wstring_view format, const segment& seg,
     tessel::fail_fast(L"format argument of unknown kind");
 }
 
-}  // namespace
-
-void format_segments(std::wstring& out, std::wstring_view format, std::span<const segment> segments,
-                     std::span<const argument> arguments)
+void run(run_output& output, std::wstring_view format, std::span<const segment> segments,
+         std::span<const argument> arguments)
 {
-    run_output output(out);
     scratch_buffer scratch;
     condition_stack conditions;
     for (const segment& seg : segments) {
@@ -534,7 +518,55 @@ void format_segments(std::wstring& out, std::wstring_view format, std::span<cons
         else
             format_field(output, format, seg, arguments[seg.argument], scratch);
     }
-    output.flush();
+}
+
+// Lets op write into out's units [0, size) and keeps the first op returns; what lies beyond
+// the old length need not be initialised first.
+template <class Operation>
+void overwrite(std::wstring& out, std::size_t size, Operation op)
+{
+#if defined(__cpp_lib_string_resize_and_overwrite)
+    out.resize_and_overwrite(size, op);
+#else
+    out.resize(size);
+    out.resize(op(out.data(), size));
+#endif
+}
+
+}  // namespace
+
+void format_segments(std::wstring& out, std::wstring_view format, std::span<const segment> segments,
+                     std::span<const argument> arguments)
+{
+    const std::size_t at = out.size();
+    // The whole capacity first: once the string has grown, a run needs no allocation.
+    std::size_t size = std::max(out.capacity(), at);
+    for (;;) {
+        std::size_t needed = 0;
+        std::exception_ptr failure;
+        overwrite(out, size, [&](wchar_t* data, std::size_t) noexcept {
+            run_output output(data + at, data + size);
+            try {
+                run(output, format, segments, arguments);
+            } catch (...) {
+                // The string must be left consistent before the exception goes on; it keeps
+                // what was written.
+                failure = std::current_exception();
+                return static_cast<std::size_t>(output.end() - data);
+            }
+            if (output.missing() == 0) [[likely]]
+                return static_cast<std::size_t>(output.end() - data);
+            needed = static_cast<std::size_t>(output.end() - data) + output.missing();
+            return at;
+        });
+        if (failure)
+            std::rethrow_exception(failure);
+        if (needed == 0)
+            return;
+        // Growing past the capacity doubles it at least, so a string reused for many runs
+        // settles at a size that fits them all.
+        size = needed;
+    }
 }
 
 }  // namespace detail

@@ -65,6 +65,12 @@ private:
     };
 
     [[noreturn]] void fail(const char* at);
+    // The general forms of the operations called for nearly every entry; the public ones
+    // settle the usual layouts with few registers and hand everything else to these.
+    entry_info next_entry_general();
+    void read_wstring_general(std::wstring& out);
+    std::uint64_t read_uint64_general();
+    void close_general(char closer);
     void skip_whitespace() noexcept;
     void after_value() noexcept;
     [[nodiscard]] bool in_array() const noexcept { return depth_ > 0 && is_array_[depth_ - 1]; }

@@ -113,20 +113,42 @@ __attribute__((always_inline)) inline const char* find_string_special(const char
     return p;
 }
 
-// ASCII bytes to UTF-16 units.
+// Sixteen ASCII bytes to sixteen UTF-16 units.
+inline void store_widened(wchar_t* out, __m128i bytes) noexcept
+{
+    const __m128i zero = _mm_setzero_si128();
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi8(bytes, zero));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 8), _mm_unpackhi_epi8(bytes, zero));
+}
+
+// ASCII bytes to UTF-16 units. Reads and writes stay inside [p, p + count) and
+// [out, out + count): a short tail is done by one more block that overlaps the previous
+// one instead of a byte loop.
 inline void widen_ascii(wchar_t* out, const char* p, std::size_t count) noexcept
 {
     const __m128i zero = _mm_setzero_si128();
-    while (count >= 16) {
-        const __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi8(chunk, zero));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 8), _mm_unpackhi_epi8(chunk, zero));
-        p += 16;
-        out += 16;
-        count -= 16;
+    if (count >= 16) {
+        for (std::size_t i = 0; i + 16 <= count; i += 16)
+            store_widened(out + i, _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i)));
+        store_widened(out + count - 16, _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + count - 16)));
+    } else if (count >= 8) {
+        const __m128i head = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+        const __m128i tail = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + count - 8));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi8(head, zero));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + count - 8), _mm_unpacklo_epi8(tail, zero));
+    } else if (count >= 4) {
+        std::uint32_t head;
+        std::uint32_t tail;
+        std::memcpy(&head, p, 4);
+        std::memcpy(&tail, p + count - 4, 4);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(out),
+                         _mm_unpacklo_epi8(_mm_cvtsi32_si128(static_cast<int>(head)), zero));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + count - 4),
+                         _mm_unpacklo_epi8(_mm_cvtsi32_si128(static_cast<int>(tail)), zero));
+    } else {
+        for (std::size_t i = 0; i < count; ++i)
+            out[i] = static_cast<wchar_t>(static_cast<unsigned char>(p[i]));
     }
-    while (count--)
-        *out++ = static_cast<wchar_t>(static_cast<unsigned char>(*p++));
 }
 
 // Well-formed UTF-8 in [p, last) to UTF-16 at out; nullptr at the first ill-formed
@@ -184,6 +206,31 @@ inline wchar_t* decode_utf8(wchar_t* out, const char* p, const char* const last)
         }
     }
     return out;
+}
+
+// Makes out at least count units long; what the new units hold does not matter, the caller
+// writes them next and then cuts the string to its real length (which keeps the buffer, so
+// a string read into again does not allocate). Growing a string fills the new part: a fill
+// of fixed size compiles to a few stores, where one of variable length pays the start-up
+// of a string instruction on every string read. A string without the room (a fresh one, a
+// long text) grows to exactly the length needed, as an ordinary resize would. Out of line,
+// because growing needs many registers and the callers are kept small.
+__attribute__((noinline)) void grow_for_overwrite(std::wstring& out, std::size_t count)
+{
+    while (out.size() < count) {
+        if (count - out.size() > 64 || out.capacity() - out.size() < 32) {
+            out.resize(count);
+            return;
+        }
+        out.append(32, L'\0');
+    }
+}
+
+// Cuts out to count units, which it has at least; the buffer stays.
+inline void cut_to(std::wstring& out, std::size_t count) noexcept
+{
+    if (count < out.size())
+        out.erase(count);
 }
 
 bool parse_guid(std::string_view text, GUID& id) noexcept
@@ -269,7 +316,65 @@ std::uint32_t json_reader::find_member(std::string_view)
     fail_fast(L"JSON archive: member look-up is not supported");
 }
 
+// The usual entries, as this program's writer lays them out and as compact text has them:
+// a plain name of at most fifteen bytes, its colon, at most one space and the value; an
+// array element; the end of a container. Kept small so that it needs few registers: the
+// rest, and the last bytes of the text (the blocks below read ahead), go the general way.
 entry_info json_reader::next_entry()
+{
+    decorated_ = false;
+    const char* p = position_;
+    if (end_ - p < 32 || depth_ == 0) [[unlikely]]
+        return next_entry_general();
+    entry_info entry;
+    if (!is_array_[depth_ - 1]) {
+        if (*p == '}') {
+            entry.flags = kind::end;
+            return entry;
+        }
+        if (*p != '"')
+            return next_entry_general();
+        const __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 1));
+        const unsigned quotes = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(chunk, _mm_set1_epi8('"'))));
+        const unsigned other = static_cast<unsigned>(_mm_movemask_epi8(
+            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(chunk, _mm_set1_epi8('\\')), _mm_cmpeq_epi8(chunk, _mm_set1_epi8(':'))),
+                         _mm_cmpeq_epi8(chunk, _mm_set1_epi8('@')))));
+        // Escapes and suffixes before the closing quote: the general path.
+        if (quotes == 0 || (other & ((quotes & (0u - quotes)) - 1)) != 0)
+            return next_entry_general();
+        const char* const last = p + 1 + __builtin_ctz(quotes);
+        if (last[1] != ':')
+            return next_entry_general();
+        p = last + (last[2] == ' ' ? 3 : 2);  // at most p + 19: inside the 32 bytes
+        entry.name = std::string_view(position_ + 1, static_cast<std::size_t>(last - position_ - 1));
+    } else if (*p == ']') {
+        entry.flags = kind::end;
+        return entry;
+    }
+    const char c = *p;
+    if (c == '"') {
+        if (p[1] == '0' && (p[2] == 'x' || p[2] == 'X'))
+            entry.flags = kind::present | kind::number;
+        else if (p[1] == '{')
+            entry.flags = kind_string | kind::guid;
+        else
+            entry.flags = kind_string;
+    } else if (static_cast<unsigned char>(c - '0') <= 9 || c == '-' || c == '.') {
+        entry.flags = kind::present | kind::number;
+    } else if (c == '{') {
+        entry.flags = kind::present | kind::object;
+    } else if (c == '[') {
+        entry.flags = kind::present | kind::sequence;
+    } else if (c == 't' || c == 'f') {
+        entry.flags = kind::present | kind::boolean;
+    } else {
+        return next_entry_general();  // null, whitespace, separators, errors
+    }
+    position_ = p;
+    return entry;
+}
+
+__attribute__((noinline)) entry_info json_reader::next_entry_general()
 {
     entry_info entry;
     decorated_ = false;
@@ -443,24 +548,15 @@ __attribute__((always_inline)) inline void json_reader::decode_string(const stri
     // Shrinking a string keeps its buffer: a caller reading into the same string again
     // does not allocate.
     const std::size_t bound = static_cast<std::size_t>(span.last - span.first);
+    if (out.size() < bound)
+        grow_for_overwrite(out, bound);
     if (!span.has_escapes && !span.non_ascii) {
-        // Whole sixteen-byte blocks when the text goes on far enough and the string has the
-        // room anyway: the bytes after the closing quote are widened too and cut off again
-        // by the final resize.
-        const std::size_t padded = (bound + 15) & ~std::size_t{15};
-        if (padded <= out.capacity() && static_cast<std::size_t>(end_ - span.first) >= padded) {
-            out.resize(padded);
-            widen_ascii(out.data(), span.first, padded);
-            out.resize(bound);
-        } else {
-            out.resize(bound);
-            widen_ascii(out.data(), span.first, bound);
-        }
+        widen_ascii(out.data(), span.first, bound);
+        cut_to(out, bound);
         return;
     }
-    out.resize(bound);
     if (wchar_t* const last = decode_fast(span, out.data())) {
-        out.resize(static_cast<std::size_t>(last - out.data()));
+        cut_to(out, static_cast<std::size_t>(last - out.data()));
         return;
     }
     decode_exact(span, out);
@@ -596,7 +692,50 @@ void json_reader::decode_exact(const string_span& span, std::wstring& out)
     }
 }
 
+// Strings of at most 63 ASCII bytes without escapes (names, addresses, most texts), found
+// 32 bytes at a time with blocks that read ahead, so not at the very end of the text; the
+// rest go the general way.
 void json_reader::read_wstring(std::wstring& out)
+{
+    const char* const p = position_;
+    if (end_ - p > 32 && *p == '"') [[likely]] {
+        // Bit i: byte p[1 + offset + i] is a quote (quotes); a quote, a backslash or not
+        // ASCII (stops).
+        const auto scan = [p](std::size_t offset, unsigned& quotes, unsigned& stops) {
+            const __m128i low = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 1 + offset));
+            const __m128i high = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 17 + offset));
+            const __m128i quote = _mm_set1_epi8('"');
+            const __m128i backslash = _mm_set1_epi8('\\');
+            quotes = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(low, quote))) |
+                     static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(high, quote))) << 16;
+            stops = quotes |
+                    static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(low, backslash), low))) |
+                    static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(high, backslash), high))) << 16;
+        };
+        unsigned quotes;
+        unsigned stops;
+        std::size_t offset = 0;
+        scan(0, quotes, stops);
+        if (stops == 0 && end_ - p > 64) {
+            offset = 32;
+            scan(32, quotes, stops);
+        }
+        // The first byte that is a quote, a backslash or not ASCII is the closing quote.
+        if (quotes != 0 && (stops & (0u - stops)) == (quotes & (0u - quotes))) {
+            const std::size_t count = offset + static_cast<std::size_t>(__builtin_ctz(quotes));
+            if (out.size() < count)
+                grow_for_overwrite(out, count);
+            widen_ascii(out.data(), p + 1, count);
+            cut_to(out, count);
+            position_ = p + count + 2;
+            after_value();
+            return;
+        }
+    }
+    read_wstring_general(out);
+}
+
+__attribute__((noinline)) void json_reader::read_wstring_general(std::wstring& out)
 {
     const string_span span = scan_string();
     decode_string(span, out);
@@ -676,24 +815,29 @@ T json_reader::read_float_value()
     return value;
 }
 
+// Plain digits that end the token and cannot overflow (at most 19 of them): the usual case,
+// read in one pass. Anything else takes the general path.
 std::uint64_t json_reader::read_uint64()
 {
-    if (position_ != end_ && *position_ == '"')
-        return read_hex_string();
-    // Plain digits that end the token and cannot overflow (at most 19 of them): the usual
-    // case, read in one pass. Anything else takes the general path below.
-    {
-        const char* p = position_;
-        const char* const limit = end_ - p > 19 ? p + 19 : end_;
+    const char* const first = position_;
+    if (end_ - first > 19) [[likely]] {
+        const char* p = first;
         std::uint64_t value = 0;
-        while (p != limit && static_cast<unsigned char>(*p - '0') <= 9)
+        while (p != first + 19 && static_cast<unsigned char>(*p - '0') <= 9)
             value = value * 10 + static_cast<unsigned>(*p++ - '0');
-        if (p != position_ && (p == end_ || !has_class(*p, c_number))) {
+        if (p != first && !has_class(*p, c_number)) {
             position_ = p;
             after_value();
             return value;
         }
     }
+    return read_uint64_general();
+}
+
+__attribute__((noinline)) std::uint64_t json_reader::read_uint64_general()
+{
+    if (position_ != end_ && *position_ == '"')
+        return read_hex_string();
     const char* const start = position_;
     const std::string_view token = number_token();
     const char* const last = token.data() + token.size();
@@ -796,14 +940,19 @@ object_header json_reader::begin_object()
 
 void json_reader::close(char closer)
 {
-    if (depth_ == 0)
-        fail_fast(L"JSON archive: end without begin");
-    if (position_ != end_ && *position_ == closer) {  // everything was read: the usual case
+    if (depth_ != 0 && position_ != end_ && *position_ == closer) [[likely]] {  // everything was read
         ++position_;
         --depth_;
         after_value();
         return;
     }
+    close_general(closer);
+}
+
+__attribute__((noinline)) void json_reader::close_general(char closer)
+{
+    if (depth_ == 0)
+        fail_fast(L"JSON archive: end without begin");
     // Whatever the caller did not read of this container is skipped, so that a record
     // that stops early (a newer version) leaves the reader after its closing bracket.
     for (;;) {

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <stdexcept>
+
+#include <windows.h>
 
 using namespace tessel::windows::new_controls;
 
@@ -252,7 +255,7 @@ TEST(markup, colours)
 
 TEST(markup, every_length_and_position_of_delimiters)
 {
-    // The scanner works on blocks of eight code units with an overlapping last block:
+    // The scanners work on blocks of eight code units, aligned or not, with a partial last one:
     // delimiters and stray brackets at every offset of texts of every short length must
     // come out exactly as a one-by-one reading gives them.
     const auto reference = [](std::wstring_view s) {
@@ -288,4 +291,37 @@ TEST(markup, every_length_and_position_of_delimiters)
             }
         }
     }
+}
+
+TEST(markup, texts_at_the_edges_of_a_page_are_read_safely)
+{
+    // The scanners read whole blocks around a text: a text that starts right after an
+    // inaccessible page, or ends right before one, must be read without a fault.
+    SYSTEM_INFO info;
+    ::GetSystemInfo(&info);
+    const std::size_t page = info.dwPageSize;
+    auto* const memory = static_cast<char*>(::VirtualAlloc(nullptr, 3 * page, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+    ASSERT_NE(memory, nullptr);
+    DWORD old_protection = 0;
+    ASSERT_TRUE(::VirtualProtect(memory, page, PAGE_NOACCESS, &old_protection));
+    ASSERT_TRUE(::VirtualProtect(memory + 2 * page, page, PAGE_NOACCESS, &old_protection));
+    auto* const first = reinterpret_cast<wchar_t*>(memory + page);
+    const std::size_t units = page / sizeof(wchar_t);
+
+    markup_result reused;
+    std::wstring stripped;
+    for (const std::wstring_view sample :
+         {std::wstring_view(L"plain"), std::wstring_view(L"[[[bX]]]"), std::wstring_view(L"ab[[[h#[tip]#link]]]]"),
+          std::wstring_view(L"[[[g:0: ]]][[[v:17: ]]] Mass Storage Device"), std::wstring_view(L"x[[[s:12")}) {
+        const std::wstring expected = strip_markup(std::wstring(sample));
+        for (wchar_t* at : {first, first + units - sample.size()}) {
+            std::copy(sample.begin(), sample.end(), at);
+            const std::wstring_view text(at, sample.size());
+            parse_markup(text, reused);
+            EXPECT_EQ(reused.text(), expected);
+            strip_markup(text, stripped);
+            EXPECT_EQ(stripped, expected);
+        }
+    }
+    ::VirtualFree(memory, 0, MEM_RELEASE);
 }

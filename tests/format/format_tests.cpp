@@ -87,6 +87,31 @@ TEST(format_output, literals_escapes_and_missing_arguments)
     EXPECT_NO_THROW(format_to(out, text, {s}));
 }
 
+// Runs write straight into the string: one that outgrows the capacity must keep what was
+// there, come out whole, and a failing run must leave a usable string behind.
+TEST(format_output, appends_across_growth_and_failure)
+{
+    const compiled_format compiled(L"[{0}|{1w40f*}]");
+    for (std::size_t prefix : {0u, 3u, 7u, 8u, 15u, 300u}) {
+        std::wstring out(prefix, L'p');
+        out.shrink_to_fit();
+        const std::wstring kept = out;
+        format_to(out, compiled, std::wstring(prefix + 5, L'x'), 12345);
+        EXPECT_EQ(out, kept + L"[" + std::wstring(prefix + 5, L'x') + L"|12345" + std::wstring(35, L'*') + L"]");
+        EXPECT_EQ(out.c_str()[out.size()], L'\0');
+    }
+
+    const compiled_format nested(L"start {0?<}{0?<}{0?<}{0?<}{0?<}{0?<}{0?<}{0?<}{0?<} never");
+    std::wstring out = L"before ";
+    EXPECT_THROW(format_to(out, nested, true), generic_exception);
+    EXPECT_EQ(out.substr(0, 7), L"before ");
+    EXPECT_EQ(out.c_str()[out.size()], L'\0');
+    out.reserve(4096);
+    out.clear();
+    format_to(out, compiled, L"a", 1);
+    EXPECT_EQ(out, L"[a|1" + std::wstring(39, L'*') + L"]");
+}
+
 TEST(format_output, every_argument_kind)
 {
     const std::wstring string = L"str";

@@ -356,3 +356,131 @@ TEST(json_archive, update_document_round_trips)
     EXPECT_EQ(small.language_packs[0].credits[0].email, L"e");
     EXPECT_EQ(small.promo.expires_on, nsm::date(nsm::days(19874)));
 }
+
+// The reader settles the usual layouts with blocks that read ahead of the value and leaves
+// the last bytes of the text to its general path. Every value is read at every distance
+// from the end (the padding after the root), so both paths and the boundary between them
+// must give the same entries and values; one string is reused throughout, so it both grows
+// and shrinks between reads.
+TEST(json_reader, read_ahead_and_general_paths_agree)
+{
+    struct string_case {
+        std::string json;
+        std::wstring expected;
+    };
+    std::vector<string_case> strings;
+    for (std::size_t n = 0; n <= 70; ++n) {
+        std::string body;
+        for (std::size_t i = 0; i < n; ++i)
+            body.push_back(static_cast<char>('!' + (i * 7 + n) % 90));
+        for (char& c : body)
+            if (c == '"' || c == '\\')
+                c = '#';
+        strings.push_back({body, std::wstring(body.begin(), body.end())});
+    }
+    for (const std::size_t at : {0u, 5u, 15u, 16u, 17u, 30u, 31u, 32u, 33u, 40u, 62u, 63u, 64u}) {
+        const std::string before(at, 'b');
+        const std::wstring wide_before(at, L'b');
+        strings.push_back({before + "\\n" + "tail", wide_before + L"\ntail"});
+        strings.push_back({before + "\\\"", wide_before + L"\""});
+        strings.push_back({before + "\xC3\xA9" + "tail", wide_before + L"\u00e9tail"});
+        strings.push_back({before + "\xC3" + "x", wide_before + L"\xFFFD" L"x"});  // a lead byte alone
+    }
+    struct name_case {
+        std::string json;
+        std::string_view name;
+        std::uint32_t version;
+        unsigned long id;
+    };
+    const name_case names[] = {
+        {"v", "v", 0, 0},
+        {"fifteen_bytes_x", "fifteen_bytes_x", 0, 0},
+        {"sixteen_bytes_xy", "sixteen_bytes_xy", 0, 0},
+        {"Url:2", "Url", 2, 0},
+        {"Id@{6B29FC40-CA47-1067-B31D-00DD010662DA}", "Id", 0, 0x6B29FC40},
+    };
+    const char* const layouts[][2] = {{"{\"", "\":"}, {"{\"", "\": "}, {"{\n  \"", "\" : "}, {"{\"", "\":\n\t"}};
+    const std::size_t paddings[] = {0, 1, 2, 16, 31, 32, 33, 34, 63, 64, 65, 66, 100};
+
+    std::wstring text;  // reused on purpose
+    for (const auto& [prefix, separator] : layouts) {
+        for (const name_case& name : names) {
+            for (const string_case& value : strings) {
+                for (const std::size_t padding : paddings) {
+                    const std::string document = prefix + name.json + separator + "\"" + value.json + "\",\"n\":" +
+                                                 std::to_string(value.json.size()) + ",\"a\":[\"x\",7]}" +
+                                                 std::string(padding, ' ');
+                    SCOPED_TRACE(document);
+                    json_reader reader(document);
+                    ASSERT_TRUE(reader.next_entry().flags & nsm::kind::object);
+                    reader.begin_object();
+                    const nsm::entry_info entry = reader.next_entry();
+                    EXPECT_EQ(entry.name, name.name);
+                    EXPECT_EQ(nsm::version_of(entry.flags), name.version);
+                    EXPECT_EQ(reader.entry_id().Data1, name.id);
+                    EXPECT_TRUE(entry.flags & nsm::kind::string);
+                    reader.read_wstring(text);
+                    EXPECT_EQ(text, value.expected);
+                    EXPECT_EQ(reader.next_entry().name, "n");
+                    EXPECT_EQ(reader.read_uint64(), value.json.size());
+                    const nsm::entry_info array = reader.next_entry();
+                    EXPECT_EQ(array.name, "a");
+                    EXPECT_TRUE(array.flags & nsm::kind::sequence);
+                    reader.begin_array();
+                    EXPECT_TRUE(reader.next_entry().flags & nsm::kind::string);
+                    reader.read_wstring(text);
+                    EXPECT_EQ(text, L"x");
+                    EXPECT_TRUE(reader.next_entry().flags & nsm::kind::number);
+                    EXPECT_EQ(reader.read_uint64(), 7u);
+                    EXPECT_TRUE(reader.next_entry().at_end());
+                    reader.end_array();
+                    EXPECT_TRUE(reader.next_entry().at_end());
+                    reader.end_object();
+                    EXPECT_TRUE(reader.next_entry().at_end());
+                    EXPECT_EQ(reader.offset(), document.size());
+                }
+            }
+        }
+    }
+
+    // Numbers and malformed members at both sides of the boundary.
+    for (const std::size_t padding : paddings) {
+        const std::string pad(padding, ' ');
+        const auto u64 = [&](const std::string& t) {
+            return read_member(t + pad, [](json_reader& r) { return r.read_uint64(); });
+        };
+        EXPECT_EQ(u64("0"), 0u);
+        EXPECT_EQ(u64("1234567890123456789"), 1234567890123456789u);
+        EXPECT_EQ(u64("18446744073709551615"), std::numeric_limits<std::uint64_t>::max());
+        EXPECT_EQ(u64("1e3"), 1000u);
+        EXPECT_EQ(u64("\"0x1F\""), 0x1Fu);
+        for (const char* bad : {"18446744073709551616", "12-3", "1.5"})
+            EXPECT_THAT(failure_of([&] { u64(bad); }), HasSubstr(L"bad json format")) << bad << padding;
+        for (const char* bad : {"{\"a\":}", "{\"a\" 1}", "{\"a\":,\"b\":1}", "[1}", "{\"a\":1]", "{\"a\":[1}}"}) {
+            EXPECT_THAT(failure_of([&] {
+                            const std::string document = bad + pad;
+                            json_reader reader(document);
+                            std::vector<bool> open_arrays;
+                            for (;;) {
+                                const nsm::entry_info e = reader.next_entry();
+                                if (e.at_end()) {
+                                    if (open_arrays.empty())
+                                        break;
+                                    open_arrays.back() ? reader.end_array() : reader.end_object();
+                                    open_arrays.pop_back();
+                                } else if (e.flags & nsm::kind::object) {
+                                    reader.begin_object();
+                                    open_arrays.push_back(false);
+                                } else if (e.flags & nsm::kind::sequence && !(e.flags & nsm::kind::string)) {
+                                    reader.begin_array();
+                                    open_arrays.push_back(true);
+                                } else {
+                                    reader.skip_value(e);
+                                }
+                            }
+                        }),
+                        HasSubstr(L"bad json format"))
+                << bad << padding;
+        }
+    }
+}
