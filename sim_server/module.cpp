@@ -51,7 +51,7 @@ tessel::unique_hkey create_key(HKEY parent, const std::wstring& path)
     return key;
 }
 
-class class_factory final : public com_object<IClassFactory> {
+class class_factory final : public module_object<IClassFactory> {
 public:
     HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID iid, void** out) noexcept override
     {
@@ -105,7 +105,7 @@ extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID iid, 
     if (clsid != CLSID_UsbServer)
         return CLASS_E_CLASSNOTAVAILABLE;
     try {
-        const auto factory = sim_server::make_object<sim_server::class_factory>();
+        const auto factory = tessel::make_com_object<sim_server::class_factory>();
         return factory->QueryInterface(iid, out);
     } catch (...) {
         return tessel::hresult_from_caught_exception();

@@ -186,7 +186,7 @@ void usb_server::run_control_requests() noexcept
 HRESULT usb_server::start_operation(DWORD delay_ms, HRESULT result, bool reads_settings,
                                     std::optional<server_settings> written, IUsbServerOperation** out)
 {
-    auto op = make_object<operation>();
+    auto op = tessel::make_com_object<operation>();
     const UINT_PTR timer = next_timer_++;
     tessel::throw_last_error_if(
         !::SetTimer(window_.get(), timer, std::max<DWORD>(delay_ms, USER_TIMER_MINIMUM), nullptr));
@@ -227,7 +227,7 @@ tessel::com_ptr<device_object> usb_server::add_device(const device_spec& spec)
     device_state state;
     state.spec = spec;
     state.devinst = tree_->add(spec);
-    auto device = make_object<device_object>(std::move(state), failures_);
+    auto device = tessel::make_com_object<device_object>(std::move(state), failures_);
     devices_.push_back(device);
     return device;
 }
@@ -243,7 +243,7 @@ void usb_server::remove_device(const tessel::com_ptr<device_object>& device)
 
 tessel::com_ptr<share_object> usb_server::add_share(const tessel::com_ptr<device_object>& device, std::wstring key)
 {
-    auto share = make_object<share_object>(device, std::move(key), failures_);
+    auto share = tessel::make_com_object<share_object>(device, std::move(key), failures_);
     shares_.push_back(share);
     return share;
 }

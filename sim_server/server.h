@@ -30,7 +30,7 @@ public:
 
 void register_window_class(HINSTANCE module);
 
-class usb_server final : public com_object<IUsbServer, IUsbServerInit> {
+class usb_server final : public module_object<IUsbServer, IUsbServerInit> {
 public:
     // Call on the thread that will use the server. An empty pipe name: no control channel.
     // Throws fibra::details::hresult_error.

@@ -2,11 +2,13 @@
 // The server's device, share and operation objects, and the table of injected failures
 // that their methods consult.
 
-#include "com_object.h"
 #include "scenario.h"
 
 #include "app/server_api.h"
+#include "base/com_object.h"
 #include "base/com_ptr.h"
+
+#include <atomic>
 
 #include <map>
 #include <memory>
@@ -19,6 +21,17 @@
     HRESULT STDMETHODCALLTYPE Reserved##slot() noexcept override { return E_NOTIMPL; }
 
 namespace sim_server {
+
+// Objects alive plus IClassFactory::LockServer locks: what DllCanUnloadNow answers from.
+inline std::atomic<long> module_references{0};
+
+// A COM object of this DLL: the module cannot unload while one lives.
+template <class... interfaces>
+class module_object : public tessel::com_object<interfaces...> {
+protected:
+    module_object() noexcept { ++module_references; }
+    ~module_object() override { --module_references; }
+};
 
 // E_ILLEGAL_METHOD_CALL, which mingw's headers lack: a call out of order.
 inline constexpr HRESULT illegal_method_call = static_cast<HRESULT>(0x8000000Eu);
@@ -45,7 +58,7 @@ struct device_state {
     bool removed = false;
 };
 
-class device_object final : public com_object<IUsbDevice, IUsbDeviceNode> {
+class device_object final : public module_object<IUsbDevice, IUsbDeviceNode> {
 public:
     device_object(device_state state, std::shared_ptr<const failure_table> failures)
         : state(std::move(state)), failures_(std::move(failures))
@@ -80,7 +93,7 @@ private:
     std::shared_ptr<const failure_table> failures_;
 };
 
-class share_object final : public com_object<IUsbShare> {
+class share_object final : public module_object<IUsbShare> {
 public:
     share_object(tessel::com_ptr<device_object> device, std::wstring key,
                  std::shared_ptr<const failure_table> failures)
@@ -104,7 +117,7 @@ private:
 
 // One asynchronous settings call. The server completes it on its own thread; the
 // handler runs there too, once.
-class operation final : public com_object<IUsbServerOperation> {
+class operation final : public module_object<IUsbServerOperation> {
 public:
     // settings: what a read delivers; nothing for a write.
     void complete(HRESULT result, std::optional<server_settings> settings) noexcept;
@@ -126,11 +139,5 @@ private:
 
 // A BSTR copy for an out-parameter; empty text gives a null BSTR.
 HRESULT copy_to_bstr(std::wstring_view text, BSTR* out) noexcept;
-
-template <class T>
-tessel::com_ptr<T> make_object(auto&&... args)
-{
-    return tessel::com_ptr<T>::attach(new T(std::forward<decltype(args)>(args)...));
-}
 
 }  // namespace sim_server

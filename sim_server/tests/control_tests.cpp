@@ -70,7 +70,7 @@ TEST_F(sim_control, commands_change_state_and_notify_on_the_creating_thread)
 {
     auto server = create();
     ASSERT_TRUE(server);
-    auto listener = make<recording_listener>();
+    auto listener = tessel::make_com_object<recording_listener>();
     ASSERT_EQ(server->AdviseListener(listener.get()), S_OK);
     const auto flash = device_named(server.get(), L"Arcturus Flash 32GB");
     ASSERT_TRUE(flash);
@@ -171,7 +171,7 @@ TEST_F(sim_control, control_tool_talks_to_the_server)
 {
     auto server = create();
     ASSERT_TRUE(server);
-    auto listener = make<recording_listener>();
+    auto listener = tessel::make_com_object<recording_listener>();
     ASSERT_EQ(server->AdviseListener(listener.get()), S_OK);
 
     auto result = run_tool(L"--pipe " + pipe_name_ + L" connect hub \"LAB PC 3\"");

@@ -2,10 +2,10 @@
 // Shared pieces of the substitute server's tests: registration, a server per test with
 // its own scenario and pipe, a message pump with a time limit, and recording listeners.
 
-#include "com_object.h"
 #include "scenario.h"
 
 #include "app/server_api.h"
+#include "base/com_object.h"
 #include "base/com_ptr.h"
 #include "base/unique_handle.h"
 
@@ -66,7 +66,7 @@ struct notification {
     DWORD thread_id;
 };
 
-class recording_listener final : public sim_server::com_object<IUsbServerListener> {
+class recording_listener final : public tessel::com_object<IUsbServerListener> {
 public:
     std::vector<notification> received;
 
@@ -89,7 +89,7 @@ private:
     }
 };
 
-class recording_handler final : public sim_server::com_object<IUsbServerOperationHandler> {
+class recording_handler final : public tessel::com_object<IUsbServerOperationHandler> {
 public:
     int calls = 0;
     DWORD thread_id = 0;
@@ -103,11 +103,5 @@ public:
         return S_OK;
     }
 };
-
-template <class T>
-tessel::com_ptr<T> make()
-{
-    return tessel::com_ptr<T>::attach(new T());
-}
 
 }  // namespace sim_test

@@ -1,14 +1,11 @@
 #include "controls/embedded_font.h"
 
-#include "controls/com_object.h"
+#include "base/com_object.h"
 
 #include <cstring>
 
 namespace tessel::ui::details {
 namespace {
-
-using controls_details::com_object;
-using controls_details::make_com_object;
 
 bool read_key(const void* key, UINT32 key_size, font_resource_key& out) noexcept
 {

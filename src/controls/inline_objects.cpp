@@ -1,6 +1,6 @@
 #include "controls/inline_objects.h"
 
-#include "controls/com_object.h"
+#include "base/com_object.h"
 
 #include <wincodec.h>
 
@@ -75,9 +75,6 @@ float pixels_per_dip(ID2D1RenderTarget* target) noexcept
 }
 
 namespace details {
-
-using controls_details::com_object;
-using controls_details::make_com_object;
 
 // What the three objects share: a box of fixed size that never breaks lines by itself.
 class inline_box : public com_object<IDWriteInlineObject> {

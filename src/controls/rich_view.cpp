@@ -143,7 +143,19 @@ void rich_view::set_text(std::wstring markup)
         plain_text_ = parsed_.text();
         plain_text_ += L"[[[";
     }
+    store_plain_text();
     text_changed();
+}
+
+void rich_view::store_plain_text()
+{
+    // GetDlgItem finds the placeholder before the view (same id, earlier in Z order), and
+    // other processes read a window's stored text without asking it: both must see what
+    // the view's WM_GETTEXT answers, the text without markup.
+    storing_plain_text_ = true;
+    ::SetWindowTextW(placeholder_, plain_text_.c_str());
+    storing_plain_text_ = false;
+    ::DefWindowProcW(window_, WM_SETTEXT, 0, reinterpret_cast<LPARAM>(plain_text_.c_str()));
 }
 
 void rich_view::set_no_underline(bool no_underline)
@@ -243,6 +255,18 @@ int rich_view::measure_height(int width)
     const float scale = dpi() / 96.f;
     const rich_layout measured = build(static_cast<float>(width) / scale);
     return std::max(1, static_cast<int>(std::ceil(measured.height() * scale)));
+}
+
+SIZE rich_view::measure(int max_width)
+{
+    const float scale = dpi() / 96.f;
+    const rich_layout measured = build(static_cast<float>(max_width) / scale);
+    DWRITE_TEXT_METRICS metrics{};
+    throw_if_failed(measured.layout->GetMetrics(&metrics));
+    // Rounded up and one pixel more, so that laying the text out again at exactly this
+    // width never wraps a line that fitted here.
+    const int width = std::min(max_width, static_cast<int>(std::ceil(metrics.width * scale)) + 1);
+    return {std::max(1, width), std::max(1, static_cast<int>(std::ceil(metrics.height * scale)))};
 }
 
 void rich_view::refresh_theme()
@@ -474,12 +498,13 @@ LRESULT CALLBACK rich_view::placeholder_proc(HWND window, UINT message, WPARAM w
                 view->follow_placeholder();
             break;
         }
-        case WM_SETTEXT: {
-            // Dialog code sets texts on the control it knows: the placeholder.
-            const LRESULT result = ::DefSubclassProc(window, message, wparam, lparam);
+        case WM_SETTEXT:
+            // Dialog code sets texts on the control it knows: the placeholder. The view
+            // shows the markup and stores the plain text back on the placeholder.
+            if (view->storing_plain_text_)
+                break;
             view->set_text(lparam ? reinterpret_cast<const wchar_t*>(lparam) : L"");
-            return result;
-        }
+            return TRUE;
         case WM_SETFONT:
             view->text_format_.reset();
             view->invalidate_layout();

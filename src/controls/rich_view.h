@@ -38,7 +38,8 @@ struct nm_rich_view_link {
 class rich_view {
 public:
     // Creates the view over `placeholder`, takes over its text and font, hides it and
-    // records the view on it. The view belongs to its window: it is deleted when the
+    // records the view on it. From then on the placeholder holds the text without markup
+    // (what readers of either window get), and texts set on it go to the view. The view belongs to its window: it is deleted when the
     // window is destroyed (with the dialog, or by detach()).
     static rich_view* attach(HWND placeholder);
     // The view recorded on a placeholder, or null.
@@ -54,6 +55,10 @@ public:
     void set_no_underline(bool no_underline);
     // Height in pixels that the text needs when wrapped to `width` pixels; at least 1.
     [[nodiscard]] int measure_height(int width);
+    // Width of the widest line and height in pixels when wrapped to at most `max_width`
+    // pixels: what an auto-layout gives the view so that nothing wraps further. Each at
+    // least 1.
+    [[nodiscard]] SIZE measure(int max_width);
     // The laid-out text at the current client width (for tests and owners).
     [[nodiscard]] const rich_layout& layout();
     // The link that has the keyboard focus inside the view, if any.
@@ -73,6 +78,7 @@ private:
     void paint();
     void follow_placeholder();
     void text_changed();
+    void store_plain_text();
     void invalidate_layout() noexcept;
     [[nodiscard]] float dpi() const noexcept;
     [[nodiscard]] rich_layout build(float width_dips);
@@ -90,6 +96,7 @@ private:
     std::wstring markup_;
     markup_result parsed_;    // views into markup_
     std::wstring plain_text_;  // what readers and WM_GETTEXT get
+    bool storing_plain_text_ = false;
     bool no_underline_ = false;
     com_ptr<IDWriteTextFormat> text_format_;
     std::optional<rich_layout> layout_;

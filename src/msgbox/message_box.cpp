@@ -4,16 +4,27 @@
 #include "base/failure.h"
 #include "base/unique_handle.h"
 #include "base/window_text.h"
+#include "controls/rich_view.h"
+#include "controls/vector_icons.h"
+#include "controls/window_icons.h"
 #include "localization/localization.h"
+
+#include <gdiplus.h>
+#include <shellapi.h>
 
 #include <algorithm>
 #include <array>
+#include <cwctype>
+#include <optional>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace tessel {
 namespace {
+
+namespace new_controls = windows::new_controls;
 
 constexpr std::wstring_view product_title_key = L"QMX Software Ulmora Tools Server";
 
@@ -40,15 +51,73 @@ std::span<const int> buttons_of(UINT style) noexcept
 
 constexpr int all_buttons[] = {IDOK, IDYES, IDNO, IDABORT, IDRETRY, IDCANCEL, IDIGNORE, IDTRYAGAIN, IDCONTINUE};
 
-const wchar_t* system_icon_of(UINT style) noexcept
+struct message_icon {
+    const wchar_t* vector_name;  // in the program's icon collection
+    const wchar_t* system_icon;  // when the collection has no such icon
+};
+
+std::optional<message_icon> icon_of(UINT style) noexcept
 {
     switch (style & MB_ICONMASK) {
-    case MB_ICONERROR: return IDI_ERROR;
-    case MB_ICONQUESTION: return IDI_QUESTION;
-    case MB_ICONWARNING: return IDI_WARNING;
-    case MB_ICONINFORMATION: return IDI_INFORMATION;
-    default: return nullptr;
+    case MB_ICONERROR: return message_icon{L"message.error", IDI_ERROR};
+    case MB_ICONQUESTION: return message_icon{L"message.question", IDI_QUESTION};
+    case MB_ICONWARNING: return message_icon{L"message.warning", IDI_WARNING};
+    case MB_ICONINFORMATION: return message_icon{L"message.information", IDI_INFORMATION};
+    default: return std::nullopt;
     }
+}
+
+// GDI+ for as long as an icon is being made. The program starts GDI+ only after it has
+// reached its server, but the boxes that say why it could not come before that; a
+// nested start-up is allowed and cheap, and the HICON outlives the session.
+class gdiplus_session {
+public:
+    gdiplus_session() noexcept
+    {
+        const Gdiplus::GdiplusStartupInput input;
+        started_ = Gdiplus::GdiplusStartup(&token_, &input, nullptr) == Gdiplus::Ok;
+    }
+    ~gdiplus_session()
+    {
+        if (started_)
+            Gdiplus::GdiplusShutdown(token_);
+    }
+    gdiplus_session(const gdiplus_session&) = delete;
+    gdiplus_session& operator=(const gdiplus_session&) = delete;
+
+private:
+    ULONG_PTR token_ = 0;
+    bool started_ = false;
+};
+
+// The message icon drawn from the program's vector icons at `size` pixels; empty when
+// the collection lacks it (or cannot be drawn), and the caller shows the system's icon.
+unique_hicon vector_message_icon(const wchar_t* name, int size) noexcept
+{
+    try {
+        const auto icons = svg::program_icons();
+        if (!icons)
+            return {};
+        const svg::icon_view icon = icons->find(std::wstring_view(name));
+        if (icon.empty())
+            return {};
+        const gdiplus_session gdiplus;
+        return svg::create_hicon(svg::render_icon(icon, size));
+    } catch (...) {
+        debug_report(L"message box: the message icon could not be drawn: " +
+                     system_message(hresult_from_caught_exception()));
+        return {};
+    }
+}
+
+bool starts_with_web_scheme(std::wstring_view text) noexcept
+{
+    const auto starts_with = [text](std::wstring_view prefix) {
+        return text.size() > prefix.size() &&
+               std::equal(prefix.begin(), prefix.end(), text.begin(),
+                          [](wchar_t a, wchar_t b) { return std::towlower(a) == b; });
+    };
+    return starts_with(L"http://") || starts_with(L"https://");
 }
 
 // What Escape and the close box answer; 0 when they must do nothing.
@@ -65,6 +134,9 @@ struct dialog_state {
     std::wstring caption{};
     int answer = 0;
     bool remember = false;
+    // Set on the windows, which do not own them: they must outlive the box.
+    unique_hicon message_icon{};
+    windows::window_icons window_icons{};
 };
 
 // Whether the control is meant to be shown. IsWindowVisible answers false for every
@@ -95,7 +167,8 @@ void arrange(HWND dialog, const dialog_state& state)
     ::GetMonitorInfoW(::MonitorFromWindow(dialog, MONITOR_DEFAULTTONEAREST), &monitor);
     const int screen_width = monitor.rcWork.right - monitor.rcWork.left;
     const int wrap_width = std::min(dialog_units_x(dialog, 280), screen_width * 3 / 4);
-    const SIZE text_size = control_text_extent(text, wrap_width, true);
+    new_controls::rich_view* const rich_text = new_controls::rich_view::from_placeholder(text);
+    const SIZE text_size = rich_text ? rich_text->measure(wrap_width) : control_text_extent(text, wrap_width, true);
 
     int button_width = button_min_width;
     for (const int id : state.buttons)
@@ -111,12 +184,15 @@ void arrange(HWND dialog, const dialog_state& state)
     const int text_left = margin_x + (has_icon ? icon_size + margin_x : 0);
     const int client_width =
         std::max<int>({static_cast<int>(text_left + text_size.cx + margin_x), buttons_width + 2 * margin_x, check_width + 2 * margin_x});
-    const int body_height = std::max<int>(text_size.cy, icon_size);
+    // The text gets the whole width the buttons leave; wrapped to that it may need less.
+    const int text_width = client_width - text_left - margin_x;
+    const int text_height = rich_text ? rich_text->measure_height(text_width) : static_cast<int>(text_size.cy);
+    const int body_height = std::max<int>(text_height, icon_size);
 
     // Centre a short text beside the icon, as people expect of a message box.
-    const int text_top = margin_y + (body_height - text_size.cy) / 2;
+    const int text_top = margin_y + (body_height - text_height) / 2;
     ::MoveWindow(icon, margin_x, margin_y + (body_height - icon_size) / 2, icon_size, icon_size, FALSE);
-    ::MoveWindow(text, text_left, text_top, client_width - text_left - margin_x, text_size.cy, FALSE);
+    ::MoveWindow(text, text_left, text_top, text_width, text_height, FALSE);
 
     int y = margin_y + body_height + 2 * gap_y;
     if (has_check) {
@@ -148,18 +224,66 @@ void arrange(HWND dialog, const dialog_state& state)
     ::InvalidateRect(dialog, nullptr, TRUE);
 }
 
+// The message icon at the box's DPI, and the program's icon in the caption.
+void set_icons(HWND dialog, dialog_state& state)
+{
+    state.window_icons.apply(dialog);
+    HWND icon = ::GetDlgItem(dialog, message_box_icon_id);
+    const std::optional<message_icon> wanted = icon_of(state.request.style);
+    if (!wanted) {
+        ::ShowWindow(icon, SW_HIDE);
+        return;
+    }
+    const int size = windows::system_metric_for_dpi(SM_CXICON, windows::dpi_for_window(dialog));
+    unique_hicon drawn = vector_message_icon(wanted->vector_name, size);
+    // The system's icons are shared: nobody destroys them.
+    const HICON shown = drawn ? drawn.get() : ::LoadIconW(nullptr, wanted->system_icon);
+    ::SendMessageW(icon, STM_SETICON, reinterpret_cast<WPARAM>(shown), 0);
+    state.message_icon = std::move(drawn);  // the one shown before goes only now
+}
+
+// A link in the text: web addresses open in the browser. The address is the link's text
+// ("[[[hhttps://...]]]") or, under a text of its own, its argument ("[[[h#[https://...]#here]]]").
+void open_link(const new_controls::nm_rich_view_link& link)
+{
+    const std::wstring plain = windows::window_text(link.header.hwndFrom);
+    const std::wstring shown =
+        link.range.startPosition < plain.size() ? plain.substr(link.range.startPosition, link.range.length) : L"";
+    const std::wstring_view argument = link.argument ? link.argument : L"";
+    const std::wstring address = starts_with_web_scheme(shown)      ? shown
+                                 : starts_with_web_scheme(argument) ? std::wstring(argument)
+                                                                    : std::wstring();
+    if (address.empty())
+        return;
+    const auto result = reinterpret_cast<INT_PTR>(
+        ::ShellExecuteW(::GetParent(link.header.hwndFrom), L"open", address.c_str(), nullptr, nullptr, SW_SHOWNORMAL));
+    if (result <= 32)
+        debug_report(L"message box: the link could not be opened: " + address);
+}
+
 void initialize(HWND dialog, dialog_state& state)
 {
     ::SetWindowLongPtrW(dialog, DWLP_USER, reinterpret_cast<LONG_PTR>(&state));
     translate_dialog(dialog);  // buttons and the check box, by their English text
     ::SetWindowTextW(dialog, state.caption.c_str());
-    ::SetDlgItemTextW(dialog, message_box_text_id, std::wstring(state.request.text).c_str());
+    // Message texts are markup. Without the rich view (it could not be created) the box
+    // still shows the text, plain.
+    try {
+        new_controls::rich_view::attach(::GetDlgItem(dialog, message_box_text_id));
+    } catch (...) {
+        debug_report(L"message box: no rich view for the text: " + system_message(hresult_from_caught_exception()));
+    }
+    std::wstring text(state.request.text);
+    if (!new_controls::rich_view::from_placeholder(::GetDlgItem(dialog, message_box_text_id))) {
+        try {
+            text = new_controls::strip_markup(text);
+        } catch (const std::out_of_range&) {
+            // cut-off markup at the end: shown as it stands
+        }
+    }
+    ::SetDlgItemTextW(dialog, message_box_text_id, text.c_str());
 
-    HWND icon = ::GetDlgItem(dialog, message_box_icon_id);
-    if (const wchar_t* system_icon = system_icon_of(state.request.style))
-        ::SendMessageW(icon, STM_SETICON, reinterpret_cast<WPARAM>(::LoadIconW(nullptr, system_icon)), 0);
-    else
-        ::ShowWindow(icon, SW_HIDE);
+    set_icons(dialog, state);
 
     if (state.request.suppression_name.empty())
         ::ShowWindow(::GetDlgItem(dialog, message_box_do_not_show_again_id), SW_HIDE);
@@ -189,9 +313,18 @@ INT_PTR CALLBACK dialog_procedure(HWND dialog, UINT message, WPARAM wparam, LPAR
             initialize(dialog, *reinterpret_cast<dialog_state*>(lparam));
             return FALSE;  // focus set by initialize
         case WM_DPICHANGED:
-            if (state)
+            if (state) {
+                set_icons(dialog, *state);
                 arrange(dialog, *state);
+            }
             return TRUE;
+        case WM_NOTIFY: {
+            const auto* header = reinterpret_cast<const NMHDR*>(lparam);
+            if (header->code != new_controls::rvn_link_activated)
+                return FALSE;
+            open_link(*reinterpret_cast<const new_controls::nm_rich_view_link*>(lparam));
+            return TRUE;
+        }
         case WM_COMMAND: {
             if (!state || HIWORD(wparam) != BN_CLICKED)
                 return FALSE;

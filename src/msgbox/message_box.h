@@ -5,6 +5,12 @@
 // this message anymore". It sizes itself to its text at the window's DPI and shows every
 // text in the user's language.
 //
+// The text is markup, shown by the rich view (bold titles, grey text, icons, links);
+// reading the text control gives it without markup. An activated link whose text or
+// argument is an http(s) address opens in the browser. Message icons are the program's
+// own vector icons, and the caption carries the application icon when the executable
+// has one.
+//
 // Remembered answers live under HKCU "Software\QMX Software\Ulmora Tools\Message Boxes",
 // one REG_DWORD per suppression name holding the button id to answer with. They are kept
 // apart from the settings key on purpose: that key is rebuilt from the settings record

@@ -207,6 +207,9 @@ INT_PTR main_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)
     case WM_SIZE:
         on_size();
         return TRUE;
+    case WM_DPICHANGED:
+        icons_.apply(window_);
+        return FALSE;  // the dialog manager rescales the window and its font
     case WM_GETMINMAXINFO: {
         // Never smaller than designed: the controls do not fit otherwise.
         auto* limits = reinterpret_cast<MINMAXINFO*>(lparam);
@@ -233,6 +236,7 @@ void main_dialog::on_init_dialog()
     listening_ = SUCCEEDED(server_->AdviseListener(this));
     ole_thread_ = std::make_unique<tessel::windows::ole_thread>();
     tessel::translate_dialog(window_);
+    icons_.apply(window_);
 
     const app_settings& settings = current_app_settings();
     ::CheckDlgButton(window_, ids::hide_disconnected, settings.hide_disconnected ? BST_CHECKED : BST_UNCHECKED);

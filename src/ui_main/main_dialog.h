@@ -19,6 +19,7 @@
 #include "base/com_object.h"
 #include "base/com_ptr.h"
 #include "base/coroutine.h"
+#include "controls/window_icons.h"
 
 #include <windows.h>
 
@@ -74,6 +75,7 @@ private:
     HWND window_ = nullptr;
     bool listening_ = false;
     std::unique_ptr<tessel::windows::ole_thread> ole_thread_;
+    tessel::windows::window_icons icons_;
     // Client size at creation and where each edge-bound control sat, for resizing.
     SIZE initial_client_{};
     RECT initial_rects_[9]{};

@@ -26,6 +26,9 @@ TEST(server_api, slots_the_program_calls_sit_where_the_server_expects_them)
     EXPECT_EQ(slot_of(&IUsbServer::GetDevices), 26u);
     EXPECT_EQ(slot_of(&IUsbServer::GetShares), 27u);
     EXPECT_EQ(slot_of(&IUsbServer::SetSettingsAsync), 29u);
+    EXPECT_EQ(slot_of(&IUsbServer::GetSettingsAsync), 30u);
+    EXPECT_EQ(slot_of(&IUsbServer::AdviseListener), 31u);
+    EXPECT_EQ(slot_of(&IUsbServer::UnadviseListener), 32u);
     EXPECT_EQ(slot_of(&IUsbServerInit::Initialize), 3u);
     EXPECT_EQ(slot_of(&IUsbDevice::GetName), 12u);
     EXPECT_EQ(slot_of(&IUsbDevice::GetLocation), 13u);
@@ -39,6 +42,10 @@ TEST(server_api, slots_the_program_calls_sit_where_the_server_expects_them)
     EXPECT_EQ(slot_of(&IUsbServerListener::OnDeviceChanged), 4u);
     EXPECT_EQ(slot_of(&IUsbServerListener::OnClientConnectionChanged), 5u);
     EXPECT_EQ(slot_of(&IUsbServerListener::OnClientConnectionChanged2), 6u);
+    EXPECT_EQ(slot_of(&IUsbServerOperation::SetCompletedHandler), 3u);
+    EXPECT_EQ(slot_of(&IUsbServerOperation::GetResult), 4u);
+    EXPECT_EQ(slot_of(&IUsbServerOperation::GetSettings), 5u);
+    EXPECT_EQ(slot_of(&IUsbServerOperationHandler::OnCompleted), 3u);
 }
 
 TEST(server_api, identifiers_are_the_published_ones)

@@ -1,7 +1,7 @@
 #include "controls/embedded_font.h"
 #include "controls/rich_layout.h"
 
-#include "controls/com_object.h"
+#include "base/com_object.h"
 #include "test_support.h"
 
 #include <gtest/gtest.h>
@@ -49,7 +49,7 @@ bool near_colour(const D2D1_COLOR_F& a, const D2D1_COLOR_F& b)
 
 // Sees what a layout hands a renderer: the drawing effect of every glyph run, and the
 // inline objects.
-class recording_renderer final : public tessel::controls_details::com_object<IDWriteTextRenderer> {
+class recording_renderer final : public tessel::com_object<IDWriteTextRenderer> {
 public:
     struct run {
         UINT32 text_position;
@@ -218,7 +218,7 @@ TEST(rich_layout, drawing_effects_reach_the_renderer)
     b.layout.draw(canvas.target.get(), {0, 0}, black.get(), icons);
     ASSERT_EQ(canvas.target->EndDraw(), S_OK);
 
-    auto renderer = tessel::controls_details::make_com_object<recording_renderer>();
+    auto renderer = tessel::make_com_object<recording_renderer>();
     ASSERT_EQ(b.layout.layout->Draw(nullptr, renderer.get(), 0, 0), S_OK);
     // Each position's run carries the brush of the last colour element covering it: the
     // enclosing red one wins over the inner blue one.

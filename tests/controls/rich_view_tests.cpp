@@ -98,10 +98,18 @@ TEST(rich_view, attaches_to_a_placeholder_and_follows_it)
     // Truncated into a small buffer, still terminated.
     EXPECT_EQ(::SendMessageW(window, WM_GETTEXT, 4, reinterpret_cast<LPARAM>(text)), 3);
     EXPECT_STREQ(text, L"Hel");
+    // GetDlgItem finds the placeholder first: it too reads without markup.
+    EXPECT_EQ(::GetWindowTextW(owner.placeholder, text, 64), 11);
+    EXPECT_STREQ(text, L"Hello world");
 
     // Dialog code talks to the placeholder; the view follows.
     ::SetWindowTextW(owner.placeholder, L"[[[iNew]]] text");
     EXPECT_EQ(view->text(), L"[[[iNew]]] text");
+    ::GetWindowTextW(owner.placeholder, text, 64);
+    EXPECT_STREQ(text, L"New text");
+    view->set_text(L"[[[uSet]]] directly");
+    ::GetWindowTextW(owner.placeholder, text, 64);
+    EXPECT_STREQ(text, L"Set directly");
     ::SetWindowPos(owner.placeholder, nullptr, 30, 40, 200, 60, SWP_NOZORDER | SWP_NOACTIVATE);
     r = child_rect(window);
     EXPECT_EQ(r.left, 30);
@@ -141,6 +149,15 @@ TEST(rich_view, measures_the_height_of_wrapped_text)
     EXPECT_GT(wide, one);       // two lines, one of them larger
     EXPECT_GT(narrow, 2 * wide);
     EXPECT_EQ(view->measure_height(120), narrow);  // measuring changes nothing
+    // The widest line fits the limit, and at that width the text needs no more height.
+    const SIZE fitted = view->measure(300);
+    EXPECT_LE(fitted.cx, 300);
+    EXPECT_GT(fitted.cx, 200);
+    EXPECT_EQ(view->measure_height(fitted.cx), fitted.cy);
+    view->set_text(L"short");
+    const SIZE small = view->measure(300);
+    EXPECT_LT(small.cx, 100);
+    EXPECT_EQ(small.cy, one);
     view->detach();
 }
 

@@ -28,6 +28,12 @@ struct seen_box {
     RECT text{};
     RECT lowest_button{};
     int default_id = 0;
+    std::wstring message;  // what GetDlgItem(1101) reads
+    bool rich_view_shown = false;
+    RECT rich_view{};
+    HICON icon = nullptr;
+    int icon_width = 0;
+    int icon_height = 0;
 };
 
 // Waits on another thread for the box, records what it shows, then lets `act` answer it.
@@ -95,6 +101,25 @@ private:
         ::GetWindowRect(::GetDlgItem(box, tessel::message_box_text_id), &seen_.text);
         ::MapWindowPoints(nullptr, box, reinterpret_cast<POINT*>(&seen_.text), 2);
         seen_.default_id = LOWORD(::SendMessageW(box, DM_GETDEFID, 0, 0));
+
+        seen_.message = text_of(::GetDlgItem(box, tessel::message_box_text_id));
+        if (HWND view = ::FindWindowExW(box, nullptr, L"qmx.tessel.richview", nullptr)) {
+            seen_.rich_view_shown = ::IsWindowVisible(view) != FALSE;
+            ::GetWindowRect(view, &seen_.rich_view);
+            ::MapWindowPoints(nullptr, box, reinterpret_cast<POINT*>(&seen_.rich_view), 2);
+        }
+        seen_.icon = reinterpret_cast<HICON>(
+            ::SendDlgItemMessageW(box, tessel::message_box_icon_id, STM_GETICON, 0, 0));
+        ICONINFO info{};
+        if (seen_.icon && ::GetIconInfo(seen_.icon, &info)) {
+            BITMAP bitmap{};
+            ::GetObjectW(info.hbmColor ? info.hbmColor : info.hbmMask, sizeof bitmap, &bitmap);
+            seen_.icon_width = bitmap.bmWidth;
+            seen_.icon_height = info.hbmColor ? bitmap.bmHeight : bitmap.bmHeight / 2;
+            if (info.hbmColor)
+                ::DeleteObject(info.hbmColor);
+            ::DeleteObject(info.hbmMask);
+        }
     }
 
     std::thread thread_;
@@ -198,6 +223,57 @@ TEST(message_box, grows_to_fit_a_long_text_and_keeps_buttons_inside)
         EXPECT_LE(box.lowest_button.bottom, box.client.bottom);
         EXPECT_GE(box.text.left, 0);
     }
+}
+
+TEST(message_box, renders_markup_and_reads_as_plain_text)
+{
+    int line_height = 0;
+    {
+        box_driver driver([](HWND box) { click(box, IDOK); });
+        show_message_box({.caption = caption, .text = L"One line.", .style = MB_OK});
+        driver.join();
+        line_height = driver.seen_.text.bottom - driver.seen_.text.top;
+        EXPECT_EQ(driver.seen_.message, L"One line.");
+    }
+    box_driver driver([](HWND box) { click(box, IDOK); });
+    show_message_box({.caption = caption,
+                      .text = L"[[[b[[[s:120:A title]]]]]]\n\nThe body, with [[[T#[#777]#grey]]] text.",
+                      .style = MB_OK | MB_ICONWARNING});
+    driver.join();
+    ASSERT_TRUE(driver.found_);
+    const seen_box& seen = driver.seen_;
+    EXPECT_EQ(seen.message, L"A title\n\nThe body, with grey text.");
+    EXPECT_TRUE(seen.rich_view_shown);
+    // The view sits where the text control was laid out, and is tall enough for three
+    // lines, the first of them larger.
+    EXPECT_EQ(seen.rich_view.left, seen.text.left);
+    EXPECT_EQ(seen.rich_view.top, seen.text.top);
+    EXPECT_EQ(seen.rich_view.bottom, seen.text.bottom);
+    EXPECT_GT(seen.text.bottom - seen.text.top, 3 * line_height) << "one line: " << line_height;
+    EXPECT_LE(seen.text.bottom, seen.lowest_button.top);
+}
+
+TEST(message_box, message_icons_come_from_the_program_icons_at_the_box_dpi)
+{
+    const int expected = ::GetSystemMetrics(SM_CXICON);
+    for (const UINT style : {MB_ICONINFORMATION, MB_ICONWARNING, MB_ICONERROR, MB_ICONQUESTION}) {
+        box_driver driver([](HWND box) { click(box, IDOK); });
+        show_message_box({.caption = caption, .text = L"Icon.", .style = MB_OK | style});
+        driver.join();
+        ASSERT_TRUE(driver.found_);
+        ASSERT_NE(driver.seen_.icon, nullptr) << "style " << style;
+        EXPECT_EQ(driver.seen_.icon_width, expected) << "style " << style;
+        EXPECT_EQ(driver.seen_.icon_height, expected) << "style " << style;
+        // Not the system's shared icon.
+        for (const wchar_t* system : {IDI_INFORMATION, IDI_WARNING, IDI_ERROR, IDI_QUESTION})
+            EXPECT_NE(driver.seen_.icon, ::LoadIconW(nullptr, system)) << "style " << style;
+    }
+    // Without an icon style there is none.
+    box_driver driver([](HWND box) { click(box, IDOK); });
+    show_message_box({.caption = caption, .text = L"No icon.", .style = MB_OK});
+    driver.join();
+    EXPECT_GE(driver.seen_.text.left, 0);
+    EXPECT_LT(driver.seen_.text.left, 20) << "the text takes the icon's place";
 }
 
 TEST(message_box, a_ticked_do_not_show_again_remembers_the_answer)

@@ -341,14 +341,16 @@ def encode_path(commands, a, offset):
     return head + bytes(verbs) + struct.pack(f"<{len(coords)}f", *coords)
 
 
-def compile_icon(path):
+def icon_shapes(path):
+    """The icon's view box (x, y, width, height) and its shapes in drawing order, each
+    (commands, attributes, offset); the rasterizer of the application icon reads them too."""
     root = ET.parse(path).getroot()
     if root.tag != SVG_NS + "svg":
         raise IconError("not an SVG document")
     view = [float(v) for v in NUMBER.findall(root.attrib.get("viewBox", ""))]
     if len(view) != 4 or view[2] <= 0 or view[3] <= 0:
         raise IconError("the viewBox is missing or empty")
-    paths = []
+    shapes = []
 
     def walk(element, inherited, offset):
         for child in element:
@@ -361,11 +363,15 @@ def compile_icon(path):
             if tag == "g":
                 walk(child, {k: v for k, v in a.items() if k in INHERITED or k == "opacity"}, child_offset)
                 continue
-            encoded = encode_path(shape_commands(tag, a), a, child_offset)
-            if encoded:
-                paths.append(encoded)
+            shapes.append((shape_commands(tag, a), a, child_offset))
 
     walk(root, {}, (0.0, 0.0))
+    return view, shapes
+
+
+def compile_icon(path):
+    view, shapes = icon_shapes(path)
+    paths = [encoded for encoded in (encode_path(c, a, o) for c, a, o in shapes) if encoded]
     return struct.pack("<ffffI", *view, len(paths)) + b"".join(paths)
 
 
