@@ -10,6 +10,7 @@
 #include "base/async_context.h"
 #include "base/com_object.h"
 #include "base/com_ptr.h"
+#include "base/coroutine.h"
 #include "base/failure.h"
 #include "base/service_registry.h"
 #include "base/utf.h"
@@ -24,6 +25,7 @@
 #include <dwrite.h>
 #include <gdiplus.h>
 
+#include <exception>
 #include <string>
 
 namespace servercfg {
@@ -53,6 +55,30 @@ std::wstring executable_folder()
 int show_error(std::wstring_view text)
 {
     return tessel::show_message_box({.text = text, .style = MB_OK | MB_ICONERROR});
+}
+
+// Work that ran as a coroutine and failed tells the user what went wrong instead of
+// ending the program. Abandoned work (operation_cancelled) is not reported at all.
+void report_failed_work(std::exception_ptr error) noexcept
+{
+    try {
+        std::wstring reason;
+        try {
+            std::rethrow_exception(error);
+        } catch (const fibra::details::operation_cancelled&) {
+            return;
+        } catch (const fibra::details::hresult_error& e) {
+            reason = ts_printf::format(tessel::load_string(tessel::string_ids::error_with_code), error_text(e.code()),
+                                       static_cast<std::uint32_t>(e.code()));
+        } catch (const std::exception& e) {
+            reason = tessel::utf8_to_utf16(e.what());
+        } catch (...) {
+            reason = error_text(E_UNEXPECTED);
+        }
+        show_error(ts_printf::format(tessel::load_string(tessel::string_ids::error_unexpected), reason));
+    } catch (...) {
+        tessel::debug_report(L"a failure of background work could not be shown");
+    }
 }
 
 // Steps 9's loop: until WM_QUIT, with the hook that resumes coroutines also inside modal loops.
@@ -87,6 +113,8 @@ int run(int show_command)
     // record does not stop the program (load_app_settings keeps what it could read).
     load_app_settings();
     tessel::initialize_localization(executable_folder(), current_app_settings().language);
+
+    fibra::set_unhandled_exception_reporter(report_failed_work);
 
     // 3. The services other parts ask for, then COM on this thread, a single-threaded
     // apartment.
