@@ -1,4 +1,3 @@
-#include "json_reader.h"
 #include "scenario.h"
 
 #include "base/unique_handle.h"
@@ -39,7 +38,8 @@ TEST(sim_scenario, a_full_document_is_read)
         ],
         "shares": [{"device": "k", "key": "s"}, {"device": "k"}, {"device": "x", "key": null}],
         "failures": [{"method": "GetName", "hresult": 2147942405, "device": "x"},
-                     {"method": "IsRunning", "hresult": "-2147467259"}]
+                     {"method": "IsRunning", "hresult": "-2147467259"},
+                     {"method": "GetDevices", "hresult": "0x8007000E"}]
     })");
     EXPECT_FALSE(s.running);
     EXPECT_EQ(s.settings.endpoints, L"[::]:1\u00e9");
@@ -67,10 +67,11 @@ TEST(sim_scenario, a_full_document_is_read)
     EXPECT_EQ(s.shares[0].key, L"s");
     EXPECT_EQ(s.shares[1].key, L"");
     EXPECT_EQ(s.shares[2].key, L"");
-    ASSERT_EQ(s.failures.size(), 2u);
+    ASSERT_EQ(s.failures.size(), 3u);
     EXPECT_EQ(s.failures[0].code, E_ACCESSDENIED);
     EXPECT_EQ(s.failures[0].device_id, L"x");
     EXPECT_EQ(s.failures[1].code, E_FAIL);
+    EXPECT_EQ(s.failures[2].code, E_OUTOFMEMORY);
 
     const scenario empty = parse_scenario("\xEF\xBB\xBF { } ");
     EXPECT_TRUE(empty.running);
@@ -80,38 +81,55 @@ TEST(sim_scenario, a_full_document_is_read)
 
 TEST(sim_scenario, errors_say_where_and_why)
 {
-    EXPECT_EQ(error_of(""), "line 1, column 1: unexpected end of the document, a value was expected");
-    EXPECT_EQ(error_of("{\n  \"running\": tru\n}"), "line 2, column 14: unexpected character 't', a value was expected");
-    EXPECT_EQ(error_of("{\"devices\": [1,]}"), "line 1, column 16: unexpected character ']', a value was expected");
-    EXPECT_EQ(error_of("{\"a\": 1} x"), "line 1, column 10: unexpected text after the end of the document");
+    // Malformed text: where reading stopped, and the member being read.
+    EXPECT_EQ(error_of(""), "line 1, column 1 (byte 0), the scenario: Object expected");
+    EXPECT_EQ(error_of("[]"), "line 1, column 1 (byte 0), the scenario: Object expected");
+    EXPECT_EQ(error_of("{\n  \"running\": tru\n}"), "line 2, column 14 (byte 15), running: bad json format");
+    EXPECT_EQ(error_of("{\"devices\": [{\"id\" \"a\"}]}"), "line 1, column 20 (byte 19), devices[0]: bad json format");
+    EXPECT_EQ(error_of("{\"settings\": {\"endpoints\": \"open"),
+              "line 1, column 28 (byte 27), settings.endpoints: bad json format");
+    EXPECT_EQ(error_of("{\"devices\": [{\"id\": \"\\q\"}]}"), "line 1, column 23 (byte 22), devices[0].id: bad json format");
+    EXPECT_EQ(error_of("{\"running\": true"), "line 1, column 17 (byte 16), the scenario: bad json format");
+    EXPECT_EQ(error_of("{} x"), "line 1, column 4 (byte 3), the scenario: has text after its end");
+    EXPECT_EQ(error_of("{}\n[]"), "line 2, column 1 (byte 3), the scenario: has text after its end");
     EXPECT_EQ(error_of("{\"running\": true, \"running\": false}"),
-              "line 1, column 28: the member \"running\" appears twice");
-    EXPECT_EQ(error_of("{\"s\": \"a\nb\"}"), "line 1, column 9: control characters must be escaped in strings");
-    EXPECT_EQ(error_of("{\"s\": \"\\ud800x\"}"),
-              "line 1, column 14: a high surrogate must be followed by a low surrogate");
-    EXPECT_EQ(error_of("{\"s\": \"\\q\"}"), "line 1, column 8: unknown escape '\\q'");
-    EXPECT_EQ(error_of("{\"n\": 012}"), "line 1, column 7: numbers must not have leading zeros");
-    EXPECT_EQ(error_of("{\"n\": 1e999}"), "line 1, column 7: the number is out of range");
-    EXPECT_EQ(error_of("{\"s\": \"open"), "line 1, column 12: the string is not closed");
-    EXPECT_EQ(error_of(std::string(100, '[')), "line 1, column 66: values are nested too deeply");
+              "line 1, column 30 (byte 29), running: is given twice");
 
-    EXPECT_EQ(error_of("[]"), "line 1, column 1: the scenario must be an object, not an array");
-    EXPECT_EQ(error_of("{\"runing\": true}"), "line 1, column 12: the scenario has an unknown member \"runing\"");
-    EXPECT_EQ(error_of("{\"running\": 1}"), "line 1, column 13: running must be true or false, not a number");
+    // Members that do not fit.
+    EXPECT_EQ(error_of("{\"runing\": true}"), "line 1, column 12 (byte 11), the scenario: has an unknown member \"runing\"");
+    EXPECT_EQ(error_of("{\"devices\": [{\"id\": \"a\", \"name\": \"A\", \"conected\": true}]}"),
+              "line 1, column 51 (byte 50), devices[0]: has an unknown member \"conected\"");
+    EXPECT_EQ(error_of("{\"running\": 1}"), "line 1, column 13 (byte 12), running: Boolean expected");
+    EXPECT_EQ(error_of("{\"running\": null}"), "line 1, column 17 (byte 16), running: Boolean expected");
     EXPECT_EQ(error_of("{\"devices\": [{\"id\": \"a\"}]}"),
-              "line 1, column 14: devices[0] needs the member \"name\"");
+              "line 1, column 24 (byte 23), devices[0]: needs the member \"name\"");
+    EXPECT_EQ(error_of("{\"failures\": [{\"hresult\": 1, \"method\": \"GetName\"}, {\"method\": \"GetName\"}]}"),
+              "line 1, column 72 (byte 71), failures[1]: needs the member \"hresult\"");
     EXPECT_EQ(error_of("{\"devices\": [{\"id\": \"a\", \"name\": 5}]}"),
-              "line 1, column 34: devices[0].name must be a string, not a number");
+              "line 1, column 34 (byte 33), devices[0].name: String expected");
     EXPECT_EQ(error_of("{\"devices\": [{\"id\": \"a\", \"name\": \"A\", \"class\": \"toaster\"}]}"),
-              "line 1, column 48: devices[0].class must be one of usb, hid, disk, keyboard, mouse, printer, "
+              "line 1, column 48 (byte 47), devices[0].class: must be one of usb, hid, disk, keyboard, mouse, printer, "
               "smartcard, image, media, net, ports, bluetooth or a GUID in braces");
-    EXPECT_EQ(error_of("{\"settings\": {\"port\": 65536}}"),
-              "line 1, column 23: settings.port must be a whole number from 0 to 65535");
-    EXPECT_EQ(error_of("{\"settings\": {\"port\": 80.5}}"),
-              "line 1, column 23: settings.port must be a whole number from 0 to 65535");
-    EXPECT_EQ(error_of("{\"failures\": [{\"method\": \"GetName\", \"hresult\": \"oops\"}]}"),
-              "line 1, column 48: failures[0].hresult must be an HRESULT such as \"0x80070005\" or \"E_ACCESSDENIED\"");
-    EXPECT_EQ(error_of("{\"shares\": {}}"), "line 1, column 12: shares must be an array, not an object");
+    EXPECT_EQ(error_of("{\"devices\": [{\"id\": \"a\", \"name\": \"A\", \"class\": 3}]}"),
+              "line 1, column 48 (byte 47), devices[0].class: must be one of usb, hid, disk, keyboard, mouse, printer, "
+              "smartcard, image, media, net, ports, bluetooth or a GUID in braces");
+    for (const char* port : {"65536", "80.5", "-1", "\"80\"", "true"})
+        EXPECT_EQ(error_of(std::string("{\"settings\": {\"port\": ") + port + "}}"),
+                  "line 1, column 23 (byte 22), settings.port: must be a whole number from 0 to 65535")
+            << port;
+    EXPECT_EQ(error_of("{\"settings_write_delay_ms\": 86400001}"),
+              "line 1, column 29 (byte 28), settings_write_delay_ms: must be a whole number from 0 to 86400000");
+    for (const char* code : {"\"oops\"", "4294967296", "-2147483649", "1.5", "\"0x1z\"", "false", "{}"})
+        EXPECT_EQ(error_of(std::string("{\"failures\": [{\"method\": \"GetName\", \"hresult\": ") + code + "}]}"),
+                  "line 1, column 48 (byte 47), failures[0].hresult: must be an HRESULT such as \"0x80070005\" or "
+                  "\"E_ACCESSDENIED\"")
+            << code;
+    // null is past when it is seen.
+    EXPECT_EQ(error_of("{\"failures\": [{\"method\": \"GetName\", \"hresult\": null}]}"),
+              "line 1, column 52 (byte 51), failures[0].hresult: must be an HRESULT such as \"0x80070005\" or "
+              "\"E_ACCESSDENIED\"");
+    EXPECT_EQ(error_of("{\"shares\": {}}"), "line 1, column 12 (byte 11), shares: Array expected");
+    EXPECT_EQ(error_of("{\"shares\": [\"a\"]}"), "line 1, column 13 (byte 12), shares[0]: Object expected");
 
     // Rules across members.
     EXPECT_EQ(error_of("{\"devices\": [{\"id\": \"a\", \"name\": \"A\"}, {\"id\": \"a\", \"name\": \"B\"}]}"),
@@ -164,8 +182,8 @@ TEST(sim_scenario, files_are_read_and_their_errors_named)
         (void)load_scenario_file(path);
         ADD_FAILURE() << "an unknown member was accepted";
     } catch (const scenario_error& e) {
-        EXPECT_NE(std::string(e.what()).find("sim-scenario-file-test.json\", line 2, column 11: the scenario has an "
-                                             "unknown member \"extra\""),
+        EXPECT_NE(std::string(e.what()).find("sim-scenario-file-test.json\", line 2, column 11 (byte 50), the scenario: "
+                                             "has an unknown member \"extra\""),
                   std::string::npos)
             << e.what();
     }

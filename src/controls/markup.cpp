@@ -1,6 +1,9 @@
 #include "controls/markup.h"
 
 #include <emmintrin.h>
+
+#include <cstring>
+#include <memory>
 #include <stdexcept>
 
 namespace tessel::windows::new_controls {
@@ -60,6 +63,9 @@ inline std::size_t find_unit(const wchar_t* data, std::size_t from, std::size_t 
 // copied, and the scan looks for '[' alone.
 inline std::size_t find_opener(const wchar_t* data, std::size_t n) noexcept
 {
+    // Cells that lead with an icon open an element at once.
+    if (n >= 3 && data[0] == L'[' && data[1] == L'[' && data[2] == L'[')
+        return 0;
     for (std::size_t i = find_unit<L'['>(data, 0, n); i < n; i = find_unit<L'['>(data, i + 1, n))
         if (i + 2 < n && data[i + 1] == L'[' && data[i + 2] == L'[')
             return i;
@@ -100,6 +106,16 @@ inline void copy_run(const wchar_t* in, std::size_t i, std::size_t j, std::size_
 inline std::size_t copy_to_bracket(const wchar_t* in, std::size_t i, std::size_t n, wchar_t* out,
                                    std::size_t& length) noexcept
 {
+    // The first two units one by one: between delimiters there is mostly a single unit or
+    // none ("[[[g:0: ]]][[[..."). Each step is a predicted branch, and the parse runs on
+    // past it at once, where a position taken from a block compare would first wait for
+    // the load, the compare and the bit count.
+    for (int k = 0; k < 2 && i < n; ++k, ++i) {
+        const wchar_t c = in[i];
+        if (c == L'[' || c == L']')
+            return i;
+        out[length++] = c;
+    }
     for (; i + 8 <= n; i += 8, length += 8) {
         const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
         _mm_storeu_si128(reinterpret_cast<__m128i*>(out + length), block);
@@ -132,6 +148,40 @@ inline std::int64_t read_number(const wchar_t* in, std::size_t& i, std::size_t n
     if (i < n && in[i] == L'-')
         ++i;
     std::uint64_t value = 0;  // unsigned: overflow wraps instead of being undefined
+    // Four units at a time: subtracting '0' from each 16-bit lane leaves a lane above 9
+    // for a non-digit. Borrows and carries only run towards later lanes, so the first
+    // non-digit is found exactly. A multiply then weighs the digits into the top lane.
+    constexpr std::uint64_t zeros = 0x0030'0030'0030'0030;
+    constexpr std::uint64_t above_nine = 0x7FF6'7FF6'7FF6'7FF6;
+    constexpr std::uint64_t sign_bits = 0x8000'8000'8000'8000;
+    constexpr std::uint64_t weights = 0x03E8'0064'000A'0001;  // 1000, 100, 10, 1
+    while (i + 4 <= n) {
+        std::uint64_t units;
+        std::memcpy(&units, in + i, sizeof units);
+        const std::uint64_t digits = units - zeros;
+        const std::uint64_t not_digit = ((digits + above_nine) | digits) & sign_bits;
+        if (not_digit == 0) {
+            value = value * 10000 + ((digits * weights) >> 48);
+            i += 4;
+            continue;
+        }
+        // The run's length by branches rather than by counting bits: the parse goes on
+        // from the unit after it, and a predicted branch lets that proceed at once where a
+        // computed position would wait for the load and the arithmetic.
+        if (not_digit & 0x8000) {
+            i += 1;
+        } else if (not_digit & 0x8000'0000) {
+            value = value * 10 + ((digits << 48) >> 48);
+            i += 2;
+        } else if (not_digit & 0x8000'0000'0000) {
+            value = value * 100 + (((digits << 32) * weights) >> 48);
+            i += 3;
+        } else {
+            value = value * 1000 + (((digits << 16) * weights) >> 48);
+            i += 4;
+        }
+        return static_cast<std::int64_t>(value);
+    }
     for (; i < n; ++i) {
         const unsigned digit = static_cast<unsigned>(in[i]) - L'0';
         if (digit > 9)
@@ -249,18 +299,22 @@ int hex_digit(wchar_t c) noexcept
 class markup_parser {
 public:
     explicit markup_parser(markup_result& into) noexcept
-        : into_(into), open_(into.open_.data()), capacity_(into.open_.size())
+        : into_(into), bottom_(into.open_.data()), top_(bottom_), limit_(std::to_address(into.open_.end()))
     {
     }
 
-    bool empty() const noexcept { return depth_ == 0; }
+    bool empty() const noexcept { return top_ == bottom_; }
 
     void open(wchar_t tag, UINT32 start, std::wstring_view argument, std::int64_t first, std::int64_t second)
     {
-        if (depth_ == capacity_) [[unlikely]]
-            grow();
-        markup_element& e = open_[depth_++];
-        e.range = {start, 0};
+        if (top_ == limit_) [[unlikely]] {
+            const std::size_t depth = static_cast<std::size_t>(top_ - bottom_);
+            bottom_ = grow(into_.open_);
+            top_ = bottom_ + depth;
+            limit_ = std::to_address(into_.open_.end());
+        }
+        markup_element& e = *top_++;
+        e.range.startPosition = start;  // the length comes with the closer
         e.argument = argument;
         e.first_number = first;
         e.second_number = second;
@@ -269,22 +323,25 @@ public:
 
     void close(UINT32 end)
     {
-        markup_element& e = into_.elements.emplace_back(open_[--depth_]);
-        e.range.length = end - e.range.startPosition;
+        // Field by field, each read as wide as open() wrote it: a wider read of several
+        // recent narrower writes would stall until they reach the cache.
+        const markup_element& o = *--top_;
+        into_.elements.push_back(markup_element{{o.range.startPosition, end - o.range.startPosition}, o.argument,
+                                                o.first_number, o.second_number, o.tag});
     }
 
     // Out of line: the text without markup, by far the most common, then costs its caller
     // no more than the scan for an opener.
-    [[gnu::noinline]] static void parse(std::wstring_view source, std::size_t opener, markup_result& into)
+    // The source as pointer and length: a string view would be passed through memory.
+    [[gnu::noinline]] static void parse(const wchar_t* in, std::size_t n, std::size_t opener, markup_result& into)
     {
-        const std::size_t n = source.size();
         into.in_buffer_ = true;
         into.length_ = 0;  // should the parse throw, the text is empty
         if (into.buffer_.size() < n + 8)
             into.buffer_.resize(n + 8);
         markup_parser records(into);
         try {
-            into.length_ = parse_from(source.data(), n, opener, into.buffer_.data(), records);
+            into.length_ = parse_from(in, n, opener, into.buffer_.data(), records);
         } catch (...) {
             into.elements.clear();
             throw;
@@ -292,17 +349,18 @@ public:
     }
 
 private:
-    [[gnu::noinline]] void grow()
+    // Static, so that the parser's own state never has its address taken and stays in
+    // registers wherever the register budget allows.
+    [[gnu::noinline]] static markup_element* grow(std::vector<markup_element>& open)
     {
-        capacity_ = capacity_ < 8 ? 8 : 2 * capacity_;
-        into_.open_.resize(capacity_);
-        open_ = into_.open_.data();
+        open.resize(open.size() < 8 ? 8 : 2 * open.size());
+        return open.data();
     }
 
     markup_result& into_;
-    markup_element* open_;
-    std::size_t capacity_;
-    std::size_t depth_ = 0;
+    markup_element* bottom_;
+    markup_element* top_;  // one past the innermost open element
+    markup_element* limit_;
 };
 
 void parse_markup(std::wstring_view source, markup_result& into)
@@ -314,7 +372,7 @@ void parse_markup(std::wstring_view source, markup_result& into)
         into.in_buffer_ = false;
         return;
     }
-    markup_parser::parse(source, opener, into);
+    markup_parser::parse(source.data(), source.size(), opener, into);
 }
 
 markup_result parse_markup(std::wstring_view source)

@@ -11,7 +11,7 @@
 
 namespace ts_printf::detail {
 
-// Converted values of one formatting run. Integers always fit inline.
+// Converted floating-point and date-time values; most fit inline.
 using scratch_buffer = small_buffer<wchar_t, 128>;
 
 // "00" to "99": two digits per division halves the dependent divisions of a conversion.

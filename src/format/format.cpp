@@ -8,6 +8,7 @@
 
 #include <array>
 #include <atomic>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -75,9 +76,13 @@ namespace {
 constexpr wchar_t replacement_character = 0xFFFD;
 constexpr wchar_t ellipsis_character = 0x2026;
 
+[[noreturn, gnu::cold, gnu::noinline]] void fail(const char* message)
+{
+    throw generic_exception(message);
+}
+
 // Room for the longest integer text: 64 binary digits and a sign.
 constexpr std::size_t integer_capacity = 72;
-static_assert(integer_capacity <= 128);
 
 template <class Unsigned>
 wchar_t* write_decimal(wchar_t* p, Unsigned value) noexcept
@@ -135,9 +140,13 @@ wchar_t* write_hexadecimal(wchar_t* p, std::uint64_t value, std::uint32_t flags)
     return p;
 }
 
-std::wstring_view convert_character(std::uint64_t code, bool negative, scratch_buffer& scratch) noexcept
+// The digits of one integer, written backwards from the end; kept on the stack of the run
+// so that the common fields need no buffer object at all.
+using integer_text = std::array<wchar_t, integer_capacity>;
+
+std::wstring_view convert_character(std::uint64_t code, bool negative, integer_text& text) noexcept
 {
-    wchar_t* const p = scratch.data();
+    wchar_t* const p = text.data();
     if (negative || code > 0x10FFFF) {
         p[0] = replacement_character;
         return {p, 1};
@@ -152,24 +161,31 @@ std::wstring_view convert_character(std::uint64_t code, bool negative, scratch_b
     return {p, 1};
 }
 
-std::wstring_view convert_integer(const argument& arg, const segment& seg, scratch_buffer& scratch) noexcept
+struct integer_value {
+    std::uint64_t magnitude;
+    bool negative;
+};
+
+[[gnu::always_inline]] inline integer_value value_of(const argument& arg, const segment& seg) noexcept
 {
-    using namespace segment_flags;
-    bool negative = false;
-    std::uint64_t magnitude = arg.unsigned_value;
+    integer_value value{arg.unsigned_value, false};
     if (arg.kind == argument_kind::signed_integer) {
-        if (seg.flags & as_unsigned) {
+        if (seg.flags & segment_flags::as_unsigned) {
             if (arg.size < sizeof(std::uint64_t))
-                magnitude &= (std::uint64_t{1} << (arg.size * 8)) - 1;
+                value.magnitude &= (std::uint64_t{1} << (arg.size * 8)) - 1;
         } else if (arg.signed_value < 0) {
-            negative = true;
-            magnitude = 0 - magnitude;
+            value = {0 - value.magnitude, true};
         }
     }
-    if (seg.flags & character)
-        return convert_character(magnitude, negative, scratch);
+    return value;
+}
 
-    wchar_t* const end = scratch.data() + integer_capacity;
+// Writes the number (not as a character) backwards so that it ends at end; returns its
+// first unit.
+[[gnu::always_inline]] inline wchar_t* write_integer(wchar_t* end, integer_value value, const segment& seg) noexcept
+{
+    using namespace segment_flags;
+    std::uint64_t magnitude = value.magnitude;
     wchar_t* p = end;
     switch (seg.base) {
     case 2:
@@ -196,11 +212,43 @@ std::wstring_view convert_integer(const argument& arg, const segment& seg, scrat
         p = write_hexadecimal(p, magnitude, seg.flags);
         break;
     }
-    if (negative)
+    if (value.negative)
         *--p = L'-';
     else if (seg.flags & plus_sign)
         *--p = L'+';
-    return {p, static_cast<std::size_t>(end - p)};
+    return p;
+}
+
+// The length write_integer gives, or 0 where it is not cheap to tell (grouped digits).
+[[gnu::always_inline]] inline std::size_t integer_length(integer_value value, const segment& seg) noexcept
+{
+    using namespace segment_flags;
+    const std::uint64_t magnitude = value.magnitude;
+    const std::size_t bits = magnitude == 0 ? 1 : static_cast<std::size_t>(std::bit_width(magnitude));
+    std::size_t length;
+    switch (seg.base) {
+    case 2:
+        length = bits;
+        break;
+    case 8:
+        length = (bits + 2) / 3;
+        break;
+    case 10:
+        if (seg.flags & group_thousands)
+            return 0;
+        length = 1;
+        for (std::uint64_t limit = 10; length < 20 && magnitude >= limit; limit *= 10)
+            ++length;
+        break;
+    default:
+        length = (bits + 3) / 4;
+        if (seg.flags & hex_pad)
+            length = length <= 8 ? 8 : 16;
+        if (seg.flags & hex_prefix)
+            length += 2;
+        break;
+    }
+    return length + ((value.negative || (seg.flags & plus_sign)) ? 1 : 0);
 }
 
 std::wstring_view convert_floating(const argument& arg, const segment& seg, scratch_buffer& scratch)
@@ -243,7 +291,7 @@ std::wstring_view convert_time(const std::tm& time, std::wstring_view format, co
     std::wstring_view pattern = L"%Y-%m-%d %H:%M:%S";
     if (seg.flags & segment_flags::time_pattern) {
         if (seg.start > format.size())
-            throw generic_exception("time pattern starts beyond its format string");
+            fail("time pattern starts beyond its format string");
         const std::size_t end = std::min<std::size_t>(seg.end, format.size());
         pattern = format.substr(seg.start, end > seg.start ? end - seg.start : 0);
     }
@@ -302,11 +350,13 @@ inline void copy_short(wchar_t* to, const wchar_t* from, std::size_t count) noex
 // largest single cost of a run. Once a piece does not fit, nothing more is written and
 // only the missing length is counted, so that the caller can grow the string to the exact
 // size and run again.
+//
+// A plain value: the run keeps it in registers, and the rare paths that are not inlined
+// take a copy and hand back the new state rather than a reference, which would force the
+// write position into memory for the whole loop.
 class run_output {
 public:
     run_output(wchar_t* first, wchar_t* limit) noexcept : next_(first), limit_(limit) {}
-    run_output(const run_output&) = delete;
-    run_output& operator=(const run_output&) = delete;
 
     void write(std::wstring_view text) noexcept
     {
@@ -322,6 +372,38 @@ public:
         }
     }
 
+    // For text that has just been written unit by unit (converted integers): copying it in
+    // wider units would stall on every load until those stores retire, so it goes one unit
+    // at a time whatever its length.
+    void write_fresh(std::wstring_view text) noexcept
+    {
+        const std::size_t count = text.size();
+        if (count <= room()) [[likely]] {
+            for (std::size_t i = 0; i < count; ++i) {
+                wchar_t unit = text[i];
+                // Keeps the compiler from turning the loop back into wide copies.
+                asm("" : "+r"(unit));
+                next_[i] = unit;
+            }
+            next_ += count;
+        } else {
+            overflow(count);
+        }
+    }
+
+    // Room for count units for the caller to write; null when they do not fit (they are
+    // then counted as missing).
+    [[nodiscard]] wchar_t* claim(std::size_t count) noexcept
+    {
+        if (count <= room()) [[likely]] {
+            wchar_t* const first = next_;
+            next_ += count;
+            return first;
+        }
+        overflow(count);
+        return nullptr;
+    }
+
     void write(wchar_t unit) noexcept
     {
         if (next_ != limit_) [[likely]]
@@ -333,8 +415,12 @@ public:
     void fill(std::size_t count, wchar_t unit) noexcept
     {
         if (count <= room()) [[likely]] {
-            for (std::size_t i = 0; i < count; ++i)
+            // Fills are a few units: a plain loop beats the vector code the compiler would
+            // make of it, with its set-up and tail.
+            for (std::size_t i = 0; i < count; ++i) {
+                asm("" : "+r"(unit));
                 next_[i] = unit;
+            }
             next_ += count;
         } else {
             overflow(count);
@@ -391,7 +477,7 @@ public:
         using namespace segment_flags;
         if (flags & condition_open) {
             if (depth_ == max_depth)
-                throw generic_exception("conditionals nested deeper than 8 levels");
+                fail("conditionals nested deeper than 8 levels");
             if (!is_true(arg))
                 false_levels_ |= 1u << depth_;
             ++depth_;
@@ -410,31 +496,44 @@ private:
     unsigned false_levels_ = 0;  // bit i: level i is false
 };
 
-void append_literal(run_output& out, std::wstring_view format, const segment& seg)
+// Every "{" in the run is the first of a "{{" pair.
+[[gnu::noinline]] run_output append_collapsed(run_output out, std::wstring_view run) noexcept
 {
-    if (seg.start > format.size())
-        throw generic_exception("literal segment starts beyond its format string");
-    const std::size_t end = std::min<std::size_t>(seg.end, format.size());
-    const std::wstring_view run = format.substr(seg.start, end > seg.start ? end - seg.start : 0);
-    if (!(seg.flags & segment_flags::collapse_escapes)) {
-        out.write(run);
-        return;
-    }
-    // Every "{" in the run is the first of a "{{" pair.
     std::size_t pos = 0;
     while (pos < run.size()) {
         const std::size_t brace = run.find(L'{', pos);
         if (brace == std::wstring_view::npos) {
             out.write(run.substr(pos));
-            return;
+            break;
         }
         out.write(run.substr(pos, brace + 1 - pos));
         pos = brace + 2;
     }
+    return out;
 }
 
-void emit(run_output& out, std::wstring_view text, const segment& seg)
+[[gnu::always_inline]] inline void append_literal(run_output& out, std::wstring_view format, const segment& seg)
 {
+    if (seg.start > format.size()) [[unlikely]]
+        fail("literal segment starts beyond its format string");
+    const std::size_t end = std::min<std::size_t>(seg.end, format.size());
+    const std::wstring_view run = format.substr(seg.start, end > seg.start ? end - seg.start : 0);
+    if (!(seg.flags & segment_flags::collapse_escapes)) [[likely]]
+        out.write(run);
+    else
+        out = append_collapsed(out, run);
+}
+
+// fresh: text has just been written unit by unit (see write_fresh).
+template <bool fresh = false>
+[[gnu::always_inline]] inline void emit(run_output& out, std::wstring_view text, const segment& seg)
+{
+    const auto write = [&out](std::wstring_view piece) {
+        if constexpr (fresh)
+            out.write_fresh(piece);
+        else
+            out.write(piece);
+    };
     const std::size_t length = text.size();
     if (seg.width > length) {
         const std::size_t fills = seg.width - length;
@@ -442,27 +541,56 @@ void emit(run_output& out, std::wstring_view text, const segment& seg)
                                    : seg.alignment == segment_alignment::centre ? fills / 2
                                                                                 : 0;
         out.fill(before, static_cast<wchar_t>(seg.fill));
-        out.write(text);
+        write(text);
         out.fill(fills - before, static_cast<wchar_t>(seg.fill));
-    } else if (seg.max_width != 0 && length > seg.max_width) {
+    } else if (seg.max_width != 0 && length > seg.max_width) [[unlikely]] {
         const bool mark = seg.flags & segment_flags::ellipsis;
         const std::size_t keep = seg.max_width - (mark ? 1 : 0);
         if (seg.alignment == segment_alignment::right) {
             if (mark)
                 out.write(ellipsis_character);
-            out.write(text.substr(length - keep));
+            write(text.substr(length - keep));
         } else {
-            out.write(text.substr(0, keep));
+            write(text.substr(0, keep));
             if (mark)
                 out.write(ellipsis_character);
         }
     } else {
-        out.write(text);
+        write(text);
     }
 }
 
-void format_field(run_output& out, std::wstring_view format, const segment& seg, const argument& arg,
-                  scratch_buffer& scratch)
+// Fields of rare kinds go out of line and keep the loop small.
+[[gnu::noinline]] run_output emit_rare(run_output out, std::wstring_view text, const segment& seg) noexcept
+{
+    emit(out, text, seg);
+    return out;
+}
+
+// Floating-point and date-time values: the only conversions that need a buffer that can
+// grow, so the only ones that create one.
+[[gnu::noinline]] run_output emit_converted(run_output out, std::wstring_view format, const segment& seg,
+                                            const argument& arg)
+{
+    scratch_buffer scratch;
+    switch (arg.kind) {
+    case argument_kind::floating:
+        emit(out, convert_floating(arg, seg, scratch), seg);
+        break;
+    case argument_kind::calendar_time:
+        emit(out, convert_time(*arg.calendar, format, seg, scratch), seg);
+        break;
+    case argument_kind::clock_time:
+        emit(out, convert_time(local_time(arg.seconds_since_epoch), format, seg, scratch), seg);
+        break;
+    default:
+        tessel::fail_fast(L"format argument of unexpected kind");
+    }
+    return out;
+}
+
+[[gnu::always_inline]] inline void format_field(run_output& out, std::wstring_view format, const segment& seg,
+                                                const argument& arg)
 {
     using namespace segment_flags;
     switch (arg.kind) {
@@ -471,53 +599,71 @@ void format_field(run_output& out, std::wstring_view format, const segment& seg,
         return;
     case argument_kind::character: {
         const auto unit = static_cast<wchar_t>(arg.unsigned_value);
-        emit(out, {&unit, 1}, seg);
+        out = emit_rare(out, {&unit, 1}, seg);
         return;
     }
     case argument_kind::boolean: {
         const bool value = arg.unsigned_value != 0;
         if (seg.flags & variant_n)
-            emit(out, value ? L"1" : L"0", seg);
+            out = emit_rare(out, value ? L"1" : L"0", seg);
         else
-            emit(out, value ? L"true" : L"false", seg);
+            out = emit_rare(out, value ? L"true" : L"false", seg);
         return;
     }
     case argument_kind::signed_integer:
-    case argument_kind::unsigned_integer:
-        emit(out, convert_integer(arg, seg, scratch), seg);
+    case argument_kind::unsigned_integer: {
+        const integer_value value = value_of(arg, seg);
+        integer_text text;
+        if (seg.flags & character) {
+            emit(out, convert_character(value.magnitude, value.negative, text), seg);
+            return;
+        }
+        // Without a width to apply, the digits go straight to their place.
+        if (seg.width == 0 && seg.max_width == 0) {
+            if (const std::size_t length = integer_length(value, seg); length != 0) {
+                if (wchar_t* const first = out.claim(length)) [[likely]]
+                    write_integer(first + length, value, seg);
+                return;
+            }
+        }
+        wchar_t* const end = text.data() + text.size();
+        emit<true>(out, {write_integer(end, value, seg), end}, seg);
         return;
+    }
     case argument_kind::floating:
-        emit(out, convert_floating(arg, seg, scratch), seg);
-        return;
     case argument_kind::calendar_time:
-        emit(out, convert_time(*arg.calendar, format, seg, scratch), seg);
-        return;
     case argument_kind::clock_time:
-        emit(out, convert_time(local_time(arg.seconds_since_epoch), format, seg, scratch), seg);
+        out = emit_converted(out, format, seg, arg);
         return;
     }
     tessel::fail_fast(L"format argument of unknown kind");
 }
 
-void run(run_output& output, std::wstring_view format, std::span<const segment> segments,
-         std::span<const argument> arguments)
+// Writes the whole list; on an exception, failure holds it and the result where the text
+// that was written ends.
+run_output run(run_output output, std::wstring_view format, std::span<const segment> segments,
+               std::span<const argument> arguments, std::exception_ptr& failure) noexcept
 {
-    scratch_buffer scratch;
     condition_stack conditions;
-    for (const segment& seg : segments) {
-        if (seg.flags & segment_flags::literal) {
-            if (!conditions.suppressing())
-                append_literal(output, format, seg);
-            continue;
+    try {
+        for (const segment& seg : segments) {
+            if (seg.flags & segment_flags::literal) {
+                if (!conditions.suppressing())
+                    append_literal(output, format, seg);
+                continue;
+            }
+            const bool marker = seg.flags & segment_flags::condition_marker;
+            if ((!marker && conditions.suppressing()) || seg.argument >= arguments.size())
+                continue;
+            if (marker)
+                conditions.apply(seg.flags, arguments[seg.argument]);
+            else
+                format_field(output, format, seg, arguments[seg.argument]);
         }
-        const bool marker = seg.flags & segment_flags::condition_marker;
-        if ((!marker && conditions.suppressing()) || seg.argument >= arguments.size())
-            continue;
-        if (marker)
-            conditions.apply(seg.flags, arguments[seg.argument]);
-        else
-            format_field(output, format, seg, arguments[seg.argument], scratch);
+    } catch (...) {
+        failure = std::current_exception();
     }
+    return output;
 }
 
 // Lets op write into out's units [0, size) and keeps the first op returns; what lies beyond
@@ -545,16 +691,10 @@ void format_segments(std::wstring& out, std::wstring_view format, std::span<cons
         std::size_t needed = 0;
         std::exception_ptr failure;
         overwrite(out, size, [&](wchar_t* data, std::size_t) noexcept {
-            run_output output(data + at, data + size);
-            try {
-                run(output, format, segments, arguments);
-            } catch (...) {
-                // The string must be left consistent before the exception goes on; it keeps
-                // what was written.
-                failure = std::current_exception();
-                return static_cast<std::size_t>(output.end() - data);
-            }
-            if (output.missing() == 0) [[likely]]
+            const run_output output = run({data + at, data + size}, format, segments, arguments, failure);
+            // On an exception the string must be left consistent before it goes on; it keeps
+            // what was written.
+            if (output.missing() == 0 || failure) [[likely]]
                 return static_cast<std::size_t>(output.end() - data);
             needed = static_cast<std::size_t>(output.end() - data) + output.missing();
             return at;

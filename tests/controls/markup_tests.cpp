@@ -103,6 +103,29 @@ TEST(markup, number_arguments)
     EXPECT_EQ(r.elements[0].first_number, 5);
     r = parse_markup(L"[[[w:9223372036854775808:x]]]");
     EXPECT_EQ(r.elements[0].first_number, INT64_MIN);
+
+    // Digits are read several at a time: every run length, against every kind of unit
+    // that can end it, whether or not the text goes on after it.
+    const std::wstring digits = L"9876543210123456789";
+    for (std::size_t count = 0; count <= digits.size(); ++count) {
+        std::uint64_t expected = 0;
+        for (std::size_t k = 0; k < count; ++k)
+            expected = expected * 10 + static_cast<std::uint64_t>(digits[k] - L'0');
+        for (const wchar_t end : {L':', L'/', L';', L'x', L' ', L'\x660', L'\xFF10', L'\xD800'}) {
+            if (count == 0 && end == L':')
+                continue;  // "::", no number at all
+            const std::wstring number = digits.substr(0, count) + end;
+            r = parse_markup(L"[[[n:" + number + L"Q]]]");
+            ASSERT_EQ(r.elements.size(), 1u) << count;
+            EXPECT_EQ(static_cast<std::uint64_t>(r.elements[0].first_number), expected) << count << ' ' << int(end);
+            EXPECT_EQ(r.text(), L"Q") << count << ' ' << int(end);
+            r = parse_markup(L"[[[n#[s]#:" + number + L"]]]");
+            EXPECT_EQ(static_cast<std::uint64_t>(r.elements[0].second_number), expected) << count << ' ' << int(end);
+            EXPECT_EQ(r.text(), L"") << count << ' ' << int(end);
+        }
+        r = parse_markup(L"x[[[n:" + digits.substr(0, count));
+        EXPECT_EQ(r.text(), L"x") << count;
+    }
 }
 
 TEST(markup, string_arguments)

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -144,6 +145,45 @@ TEST(format_output, integer_bases_signs_and_characters)
               L"A\u263A\U0001F600\uFFFD\u00FF");
     EXPECT_EQ(format(L"{0c}", 0x110000), L"\uFFFD");
     EXPECT_EQ(format(L"{0c}{0c}", 0), L"\0\0"s);
+}
+
+// Numbers without a width are written straight into the output after their length is
+// worked out beforehand: every length boundary in every base must still come out whole.
+TEST(format_output, integer_lengths_at_every_digit_boundary)
+{
+    const auto reference = [](std::uint64_t value, unsigned base) {
+        std::wstring text;
+        do {
+            text.insert(text.begin(), L"0123456789ABCDEF"[value % base]);
+            value /= base;
+        } while (value);
+        return text;
+    };
+    std::vector<std::uint64_t> values = {0, std::numeric_limits<std::uint64_t>::max()};
+    for (std::uint64_t power = 1; power <= 10'000'000'000'000'000'000ull; power *= 10) {
+        values.insert(values.end(), {power - 1, power, power + 1});
+        if (power > std::numeric_limits<std::uint64_t>::max() / 10)
+            break;
+    }
+    for (int shift = 0; shift < 64; ++shift)
+        values.insert(values.end(), {std::uint64_t{1} << shift, (std::uint64_t{1} << shift) - 1});
+    for (const std::uint64_t value : values) {
+        const std::wstring decimal = reference(value, 10), hex = reference(value, 16);
+        const std::wstring padded = std::wstring(hex.size() <= 8 ? 8 - hex.size() : 16 - hex.size(), L'0') + hex;
+        std::wstring out = L"<";
+        format_to(out, compiled_format(L"{0}|{0b2}|{0b8}|{0b16}|{0b016}|{0b16p}|{0+}|{0w1}>"), value);
+        EXPECT_EQ(out, L"<" + decimal + L"|" + reference(value, 2) + L"|" + reference(value, 8) + L"|" + hex + L"|0x" +
+                           hex + L"|" + padded + L"|+" + decimal + L"|" + decimal + L">")
+            << value;
+        if (value != 0 && value <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+            EXPECT_EQ(format(L"{0}{0b016}", -static_cast<std::int64_t>(value)), L"-" + decimal + L"-0x" + hex) << value;
+        }
+    }
+    // A number that does not fit the string's room makes it grow, like any other piece.
+    std::wstring out;
+    out.shrink_to_fit();
+    format_to(out, compiled_format(L"{0}{1b2}{0b016}"), std::numeric_limits<std::uint64_t>::max(), -1);
+    EXPECT_EQ(out, L"18446744073709551615-1" + std::wstring(L"0xFFFFFFFFFFFFFFFF"));
 }
 
 TEST(format_output, hexadecimal_case_follows_the_program_wide_switch)
