@@ -14,6 +14,7 @@
 #include "base/failure.h"
 #include "base/service_registry.h"
 #include "base/utf.h"
+#include "controls/factories.h"
 #include "format/ts_printf.h"
 #include "localization/localization.h"
 #include "msgbox/message_box.h"
@@ -22,7 +23,6 @@
 
 #include <windows.h>
 #include <commctrl.h>
-#include <dwrite.h>
 #include <gdiplus.h>
 
 #include <exception>
@@ -81,7 +81,7 @@ void report_failed_work(std::exception_ptr error) noexcept
     }
 }
 
-// Steps 9's loop: until WM_QUIT, with the hook that resumes coroutines also inside modal loops.
+// Step 9's loop: until WM_QUIT, with the hook that resumes coroutines also inside modal loops.
 int run_message_loop(HWND main_window)
 {
     tessel::unique_hhook hook = tessel::windows::impl::install_ui_return_hook();
@@ -164,9 +164,7 @@ int run(int show_command)
     }
 
     // 8. Text and bitmap machinery of the controls, and the main window's object.
-    tessel::com_ptr<IDWriteFactory> dwrite;
-    tessel::throw_if_failed(::DWriteCreateFactory(DWRITE_FACTORY_TYPE_SHARED, __uuidof(IDWriteFactory),
-                                                  reinterpret_cast<IUnknown**>(dwrite.put())));
+    (void)tessel::d2d::dwrite_factory();
     Gdiplus::GdiplusStartupInput gdiplus_input;
     ULONG_PTR gdiplus_token = 0;
     if (Gdiplus::GdiplusStartup(&gdiplus_token, &gdiplus_input, nullptr) != Gdiplus::Ok)

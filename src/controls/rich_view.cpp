@@ -2,6 +2,7 @@
 
 #include "base/failure.h"
 #include "controls/dark_theme.h"
+#include "controls/factories.h"
 
 #include <vssym32.h>
 #include <windowsx.h>
@@ -14,27 +15,8 @@ namespace {
 
 constexpr UINT_PTR placeholder_subclass_id = 0x51C4;
 
-ID2D1Factory* d2d_factory()
-{
-    static const com_ptr<ID2D1Factory> factory = [] {
-        com_ptr<ID2D1Factory> f;
-        throw_if_failed(::D2D1CreateFactory(D2D1_FACTORY_TYPE_SINGLE_THREADED, __uuidof(ID2D1Factory), nullptr,
-                                            f.put_void()));
-        return f;
-    }();
-    return factory.get();
-}
-
-IDWriteFactory* dwrite_factory()
-{
-    static const com_ptr<IDWriteFactory> factory = [] {
-        com_ptr<IDWriteFactory> f;
-        throw_if_failed(::DWriteCreateFactory(DWRITE_FACTORY_TYPE_SHARED, __uuidof(IDWriteFactory),
-                                              reinterpret_cast<IUnknown**>(f.put())));
-        return f;
-    }();
-    return factory.get();
-}
+using d2d::d2d_factory;
+using d2d::dwrite_factory;
 
 D2D1_COLOR_F colour_of(COLORREF colour) noexcept
 {
