@@ -49,6 +49,29 @@ RECT child_rect(HWND dialog, int id)
     return r;
 }
 
+// The designed layout is kept in 1/100 dialog units, which follow the dialog's font and so
+// its DPI: after a move to a monitor with another DPI the same numbers still fit.
+int dialog_base_unit(HWND dialog, bool horizontal)
+{
+    RECT base{0, 0, 400, 800};  // 100 average characters wide, 100 high
+    ::MapDialogRect(dialog, &base);
+    return std::max<int>(1, horizontal ? base.right : base.bottom);
+}
+
+RECT to_layout_units(HWND dialog, const RECT& pixels)
+{
+    const int x = dialog_base_unit(dialog, true), y = dialog_base_unit(dialog, false);
+    return {::MulDiv(pixels.left, 40000, x), ::MulDiv(pixels.top, 80000, y), ::MulDiv(pixels.right, 40000, x),
+            ::MulDiv(pixels.bottom, 80000, y)};
+}
+
+RECT to_pixels(HWND dialog, const RECT& units)
+{
+    const int x = dialog_base_unit(dialog, true), y = dialog_base_unit(dialog, false);
+    return {::MulDiv(units.left, x, 40000), ::MulDiv(units.top, y, 80000), ::MulDiv(units.right, x, 40000),
+            ::MulDiv(units.bottom, y, 80000)};
+}
+
 void move_child(HWND dialog, int id, const RECT& r)
 {
     ::MoveWindow(::GetDlgItem(dialog, id), r.left, r.top, r.right - r.left, r.bottom - r.top, FALSE);
@@ -213,7 +236,7 @@ INT_PTR main_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)
     case WM_GETMINMAXINFO: {
         // Never smaller than designed: the controls do not fit otherwise.
         auto* limits = reinterpret_cast<MINMAXINFO*>(lparam);
-        RECT frame{0, 0, initial_client_.cx, initial_client_.cy};
+        RECT frame = to_pixels(window_, {0, 0, initial_client_.cx, initial_client_.cy});
         ::AdjustWindowRectEx(&frame, static_cast<DWORD>(::GetWindowLongPtrW(window_, GWL_STYLE)), FALSE,
                              static_cast<DWORD>(::GetWindowLongPtrW(window_, GWL_EXSTYLE)));
         limits->ptMinTrackSize = {frame.right - frame.left, frame.bottom - frame.top};
@@ -259,9 +282,10 @@ void main_dialog::on_init_dialog()
 
     RECT client;
     ::GetClientRect(window_, &client);
-    initial_client_ = {client.right, client.bottom};
+    const RECT client_units = to_layout_units(window_, client);
+    initial_client_ = {client_units.right, client_units.bottom};
     for (size_t i = 0; i < std::size(anchors); ++i)
-        initial_rects_[i] = child_rect(window_, anchors[i].id);
+        initial_rects_[i] = to_layout_units(window_, child_rect(window_, anchors[i].id));
 }
 
 void main_dialog::on_size()
@@ -270,11 +294,12 @@ void main_dialog::on_size()
         return;
     RECT client;
     ::GetClientRect(window_, &client);
-    const int dx = client.right - initial_client_.cx;
-    const int dy = client.bottom - initial_client_.cy;
+    const RECT initial = to_pixels(window_, {0, 0, initial_client_.cx, initial_client_.cy});
+    const int dx = client.right - initial.right;
+    const int dy = client.bottom - initial.bottom;
     HDWP batch = ::BeginDeferWindowPos(static_cast<int>(std::size(anchors)));
     for (size_t i = 0; i < std::size(anchors) && batch; ++i) {
-        RECT r = initial_rects_[i];
+        RECT r = to_pixels(window_, initial_rects_[i]);
         if (anchors[i].left_follows)
             r.left += dx;
         if (anchors[i].right_follows)

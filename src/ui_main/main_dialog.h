@@ -76,7 +76,8 @@ private:
     bool listening_ = false;
     std::unique_ptr<tessel::windows::ole_thread> ole_thread_;
     tessel::windows::window_icons icons_;
-    // Client size at creation and where each edge-bound control sat, for resizing.
+    // Client size at creation and where each edge-bound control sat, for resizing, in
+    // 1/100 dialog units (they follow the window's DPI).
     SIZE initial_client_{};
     RECT initial_rects_[9]{};
 };

@@ -1,0 +1,157 @@
+// The main window against the substitute server, in this process.
+
+#include "ui_main/main_dialog.h"
+
+#include "base/window_text.h"
+#include "nsm/app_settings.h"
+
+#include <gtest/gtest.h>
+
+#include <objbase.h>
+
+namespace {
+
+using servercfg::main_dialog;
+namespace ids = servercfg::main_dialog_controls;
+
+std::wstring bin_folder()
+{
+    wchar_t path[MAX_PATH];
+    const DWORD length = ::GetModuleFileNameW(nullptr, path, MAX_PATH);
+    std::wstring folder(path, length);
+    return folder.substr(0, folder.find_last_of(L"\\/") + 1);
+}
+
+RECT child_rect(HWND dialog, int id)
+{
+    RECT r{};
+    ::GetWindowRect(::GetDlgItem(dialog, id), &r);
+    ::MapWindowPoints(nullptr, dialog, reinterpret_cast<POINT*>(&r), 2);
+    return r;
+}
+
+void pump()
+{
+    MSG message;
+    while (::PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
+        ::TranslateMessage(&message);
+        ::DispatchMessageW(&message);
+    }
+}
+
+class main_window : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ::RegDeleteTreeW(HKEY_CURRENT_USER, app_settings_key.data());
+        current_app_settings() = app_settings{};
+        ASSERT_TRUE(SUCCEEDED(::CoInitialize(nullptr)));
+        module_ = ::LoadLibraryW((bin_folder() + L"UlmoraSimServer.dll").c_str());
+        ASSERT_NE(module_, nullptr);
+        using entry = HRESULT(STDAPICALLTYPE*)();
+        const auto register_server =
+            reinterpret_cast<entry>(reinterpret_cast<void*>(::GetProcAddress(module_, "DllRegisterServer")));
+        ASSERT_EQ(register_server(), S_OK);
+        ASSERT_EQ(::CoCreateInstance(CLSID_UsbServer, nullptr, CLSCTX_ALL, __uuidof(IUsbServer), server_.put_void()),
+                  S_OK);
+    }
+    void TearDown() override
+    {
+        server_.reset();
+        ::CoUninitialize();
+        ::RegDeleteTreeW(HKEY_CURRENT_USER, app_settings_key.data());
+    }
+
+    HMODULE module_ = nullptr;
+    tessel::com_ptr<IUsbServer> server_;
+};
+
+TEST_F(main_window, keeps_its_controls_anchored_when_resized_and_never_shrinks_below_its_design)
+{
+    tessel::value_on_stack<main_dialog> dialog(server_);
+    const HWND window = dialog.create(SW_SHOW);
+    pump();
+
+    EXPECT_EQ(tessel::windows::window_text(window), L"QMX Software Ulmora Tools Server");
+    EXPECT_EQ(tessel::windows::window_text(::GetDlgItem(window, ids::hide_disconnected)), L"Hide disconnected");
+    EXPECT_FALSE(::IsWindowEnabled(::GetDlgItem(window, ids::copy_device_id)));
+
+    RECT client_before;
+    ::GetClientRect(window, &client_before);
+    const RECT close_before = child_rect(window, IDCANCEL);
+    const RECT settings_before = child_rect(window, ids::settings);
+    const RECT tree_before = child_rect(window, ids::tree_placeholder);
+    const RECT label_before = child_rect(window, ids::devices_label);
+    // The tree reaches down to the buttons.
+    EXPECT_LT(tree_before.bottom, settings_before.top);
+    EXPECT_GT(tree_before.bottom, settings_before.top - 40);
+
+    RECT frame;
+    ::GetWindowRect(window, &frame);
+    ::SetWindowPos(window, nullptr, 0, 0, frame.right - frame.left + 200, frame.bottom - frame.top + 100,
+                   SWP_NOMOVE | SWP_NOZORDER);
+    pump();
+    RECT client_after;
+    ::GetClientRect(window, &client_after);
+    ASSERT_EQ(client_after.right - client_before.right, 200);
+    ASSERT_EQ(client_after.bottom - client_before.bottom, 100);
+
+    const RECT close_after = child_rect(window, IDCANCEL);
+    EXPECT_EQ(close_after.left - close_before.left, 200) << "Close follows the bottom-right corner";
+    EXPECT_EQ(close_after.top - close_before.top, 100);
+    EXPECT_EQ(close_after.right - close_after.left, close_before.right - close_before.left);
+    const RECT settings_after = child_rect(window, ids::settings);
+    EXPECT_EQ(settings_after.left, settings_before.left) << "Settings stays at the left";
+    EXPECT_EQ(settings_after.top - settings_before.top, 100);
+    const RECT tree_after = child_rect(window, ids::tree_placeholder);
+    EXPECT_EQ(tree_after.right - tree_before.right, 200) << "the tree takes the new room";
+    EXPECT_EQ(tree_after.bottom - tree_before.bottom, 100);
+    EXPECT_EQ(child_rect(window, ids::devices_label).top, label_before.top);
+
+    ::SetWindowPos(window, nullptr, 0, 0, 100, 100, SWP_NOMOVE | SWP_NOZORDER);
+    pump();
+    RECT small;
+    ::GetClientRect(window, &small);
+    EXPECT_GE(small.right, client_before.right);
+    EXPECT_GE(small.bottom, client_before.bottom);
+}
+
+TEST_F(main_window, view_options_mirror_the_settings_and_are_saved_when_toggled)
+{
+    current_app_settings().collapse_all = true;
+    tessel::value_on_stack<main_dialog> dialog(server_);
+    const HWND window = dialog.create(SW_SHOW);
+    pump();
+    EXPECT_EQ(::IsDlgButtonChecked(window, ids::collapse_all), BST_CHECKED);
+    EXPECT_EQ(::IsDlgButtonChecked(window, ids::hide_disconnected), BST_UNCHECKED);
+
+    ::SendMessageW(::GetDlgItem(window, ids::hide_disconnected), BM_CLICK, 0, 0);
+    EXPECT_TRUE(current_app_settings().hide_disconnected);
+    DWORD stored = 0, size = sizeof stored;
+    EXPECT_EQ(::RegGetValueW(HKEY_CURRENT_USER, app_settings_key.data(), L"hideDisconnected", RRF_RT_REG_DWORD,
+                             nullptr, &stored, &size),
+              ERROR_SUCCESS);
+    EXPECT_EQ(stored, 1u);
+
+    // Closing ends the message loop with code 0.
+    ::PostMessageW(window, WM_CLOSE, 0, 0);
+    MSG message;
+    int quit_code = -1;
+    const ULONGLONG deadline = ::GetTickCount64() + 5000;
+    while (::GetTickCount64() < deadline) {
+        if (::PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
+            if (message.message == WM_QUIT) {
+                quit_code = static_cast<int>(message.wParam);
+                break;
+            }
+            ::TranslateMessage(&message);
+            ::DispatchMessageW(&message);
+        } else {
+            ::Sleep(10);
+        }
+    }
+    EXPECT_EQ(quit_code, 0);
+    EXPECT_EQ(dialog.window(), nullptr);
+}
+
+}  // namespace
