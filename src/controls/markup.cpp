@@ -21,9 +21,24 @@ inline unsigned units_equal(__m128i block, wchar_t c) noexcept
 }
 
 // All ones in the lanes that hold '[' or ']'.
+// With `reload`, the constants are read from memory at each use: hoisted out of the parse
+// loop they would stay live across its calls, in registers that every parse must save and
+// restore on entry. The empty asm ties their address to the block, so that it is not
+// loop-invariant. The stripper has registers to spare and keeps them hoisted.
+alignas(16) constexpr std::int16_t bracket_units[2][8] = {
+    {L'[', L'[', L'[', L'[', L'[', L'[', L'[', L'['},
+    {L']', L']', L']', L']', L']', L']', L']', L']'},
+};
+
+template <bool reload>
 inline __m128i bracket_hits(__m128i block) noexcept
 {
-    return _mm_or_si128(_mm_cmpeq_epi16(block, _mm_set1_epi16(L'[')), _mm_cmpeq_epi16(block, _mm_set1_epi16(L']')));
+    if constexpr (!reload)
+        return _mm_or_si128(_mm_cmpeq_epi16(block, _mm_set1_epi16(L'[')), _mm_cmpeq_epi16(block, _mm_set1_epi16(L']')));
+    const std::int16_t(*units)[8] = bracket_units;
+    asm("" : "+r"(units) : "x"(block));
+    return _mm_or_si128(_mm_cmpeq_epi16(block, _mm_load_si128(reinterpret_cast<const __m128i*>(units[0]))),
+                        _mm_cmpeq_epi16(block, _mm_load_si128(reinterpret_cast<const __m128i*>(units[1]))));
 }
 
 inline std::size_t first_lane(unsigned mask) noexcept
@@ -103,6 +118,7 @@ inline void copy_run(const wchar_t* in, std::size_t i, std::size_t j, std::size_
 
 // Index of the next '[' or ']' at or after i, n when there is none, copying what it passes
 // over to out[length...] in whole blocks, as copy_run does.
+template <bool reload>
 inline std::size_t copy_to_bracket(const wchar_t* in, std::size_t i, std::size_t n, wchar_t* out,
                                    std::size_t& length) noexcept
 {
@@ -119,7 +135,7 @@ inline std::size_t copy_to_bracket(const wchar_t* in, std::size_t i, std::size_t
     for (; i + 8 <= n; i += 8, length += 8) {
         const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
         _mm_storeu_si128(reinterpret_cast<__m128i*>(out + length), block);
-        if (const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(bracket_hits(block)))) {
+        if (const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(bracket_hits<reload>(block)))) {
             length += first_lane(mask);
             return i + first_lane(mask);
         }
@@ -127,7 +143,7 @@ inline std::size_t copy_to_bracket(const wchar_t* in, std::size_t i, std::size_t
     if (i < n && within_one_page(reinterpret_cast<std::uintptr_t>(in + i), 16)) {
         const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
         _mm_storeu_si128(reinterpret_cast<__m128i*>(out + length), block);
-        const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(bracket_hits(block))) & ((1u << 2 * (n - i)) - 1);
+        const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(bracket_hits<reload>(block))) & ((1u << 2 * (n - i)) - 1);
         const std::size_t run = mask ? first_lane(mask) : n - i;
         length += run;
         return i + run;
@@ -268,13 +284,14 @@ std::size_t parse_from(const wchar_t* in, std::size_t n, std::size_t opener, wch
             length += 3;
             i += 3;
         }
-        i = copy_to_bracket(in, i, n, out, length);
+        i = copy_to_bracket<element_records::reload_constants>(in, i, n, out, length);
     } while (i < n);
     return length;
 }
 
 // The stripper keeps no records; a counter is all it needs to tell a stray closer.
 struct depth_counter {
+    static constexpr bool reload_constants = false;
     std::size_t depth = 0;
     bool empty() const noexcept { return depth == 0; }
     void open(wchar_t, UINT32, std::wstring_view, std::int64_t, std::int64_t) noexcept { ++depth; }
@@ -303,6 +320,8 @@ public:
     {
     }
 
+    static constexpr bool reload_constants = true;
+
     bool empty() const noexcept { return top_ == bottom_; }
 
     void open(wchar_t tag, UINT32 start, std::wstring_view argument, std::int64_t first, std::int64_t second)
@@ -323,11 +342,18 @@ public:
 
     void close(UINT32 end)
     {
+        // The vector grows out of line, before anything is read: no field is then held
+        // across a call, which would take registers that every parse must save.
+        std::vector<markup_element>& elements = into_.elements;
+        if (elements.size() == elements.capacity()) [[unlikely]]
+            make_room(elements);
+        if (elements.size() == elements.capacity())
+            __builtin_unreachable();
         // Field by field, each read as wide as open() wrote it: a wider read of several
         // recent narrower writes would stall until they reach the cache.
         const markup_element& o = *--top_;
-        into_.elements.push_back(markup_element{{o.range.startPosition, end - o.range.startPosition}, o.argument,
-                                                o.first_number, o.second_number, o.tag});
+        elements.push_back(markup_element{{o.range.startPosition, end - o.range.startPosition}, o.argument,
+                                          o.first_number, o.second_number, o.tag});
     }
 
     // Out of line: the text without markup, by far the most common, then costs its caller
@@ -355,6 +381,11 @@ private:
     {
         open.resize(open.size() < 8 ? 8 : 2 * open.size());
         return open.data();
+    }
+
+    [[gnu::noinline, gnu::cold]] static void make_room(std::vector<markup_element>& elements)
+    {
+        elements.reserve(elements.size() < 8 ? 8 : 2 * elements.size());
     }
 
     markup_result& into_;

@@ -72,6 +72,7 @@ private:
     std::uint64_t read_uint64_general();
     void close_general(char closer);
     void skip_whitespace() noexcept;
+    void skip_whitespace_general() noexcept;
     void after_value() noexcept;
     [[nodiscard]] bool in_array() const noexcept { return depth_ > 0 && is_array_[depth_ - 1]; }
     void push(bool is_array);

@@ -269,9 +269,29 @@ __attribute__((always_inline)) inline void json_reader::skip_whitespace() noexce
 {
     const char* p = position_;
     // Every whitespace byte is at most a space: one comparison settles the usual case.
-    if (p == end_ || static_cast<unsigned char>(*p) > ' ' || !has_class(*p, c_whitespace))
+    if (p == end_ || static_cast<unsigned char>(*p) > ' ')
         return;
-    // Indented text has runs of spaces after every line break.
+    // Indented text: a line break, then a run of spaces shorter than a block, then the token.
+    if (*p == '\n' && end_ - p > 16) {
+        const __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 1));
+        const unsigned other =
+            ~static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(chunk, _mm_set1_epi8(' ')))) & 0xFFFF;
+        if (other != 0) [[likely]] {
+            const char* const token = p + 1 + __builtin_ctz(other);
+            if (static_cast<unsigned char>(*token) > ' ') [[likely]] {
+                position_ = token;
+                return;
+            }
+        }
+    }
+    skip_whitespace_general();
+}
+
+__attribute__((noinline)) void json_reader::skip_whitespace_general() noexcept
+{
+    const char* p = position_;
+    if (p == end_ || !has_class(*p, c_whitespace))
+        return;
     const __m128i space = _mm_set1_epi8(' ');
     const __m128i line_feed = _mm_set1_epi8('\n');
     const __m128i carriage_return = _mm_set1_epi8('\r');
@@ -297,11 +317,14 @@ __attribute__((always_inline)) inline void json_reader::skip_whitespace() noexce
 // by next_entry, which sees what follows it.
 __attribute__((always_inline)) inline void json_reader::after_value() noexcept
 {
-    skip_whitespace();
-    if (position_ != end_ && *position_ == ',') {
-        ++position_;
+    // Nearly always the separator follows at once.
+    if (position_ == end_ || *position_ != ',') {
         skip_whitespace();
+        if (position_ == end_ || *position_ != ',')
+            return;
     }
+    ++position_;
+    skip_whitespace();
 }
 
 void json_reader::push(bool is_array)

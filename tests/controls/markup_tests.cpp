@@ -187,6 +187,33 @@ TEST(markup, nesting_lists_inner_elements_first)
     EXPECT_EQ(tags_of(r), L"fF");
     EXPECT_EQ(r.elements[1].first_number, 123);
     EXPECT_EQ(r.text(), L"3 Name");
+
+    // Past the first growth of the open stack and of the element list, and again into the
+    // same result, whose buffers then already have room.
+    std::wstring deep, flat;
+    for (int k = 0; k < 40; ++k) {
+        deep += L"[[[b:" + std::to_wstring(k) + L":x";
+        flat += L"[[[i:" + std::to_wstring(k) + L":y]]]";
+    }
+    deep += std::wstring(120, L']');
+    for (int pass = 0; pass < 2; ++pass) {
+        parse_markup(deep, r);
+        ASSERT_EQ(r.elements.size(), 40u);
+        EXPECT_EQ(r.text(), std::wstring(40, L'x'));
+        for (UINT32 k = 0; k < 40; ++k) {
+            EXPECT_EQ(r.elements[k].first_number, 39 - k);
+            EXPECT_EQ(r.elements[k].range.startPosition, 39 - k);
+            EXPECT_EQ(r.elements[k].range.length, k + 1);
+        }
+        parse_markup(flat, r);
+        ASSERT_EQ(r.elements.size(), 40u);
+        EXPECT_EQ(r.text(), std::wstring(40, L'y'));
+        for (UINT32 k = 0; k < 40; ++k) {
+            EXPECT_EQ(r.elements[k].first_number, k);
+            EXPECT_EQ(r.elements[k].range.startPosition, k);
+            EXPECT_EQ(r.elements[k].range.length, 1u);
+        }
+    }
 }
 
 TEST(markup, stray_closers_and_truncated_openers)

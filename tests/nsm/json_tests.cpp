@@ -7,8 +7,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <windows.h>
+
 #include <cmath>
+#include <cstring>
 #include <limits>
+#include <memory>
 
 namespace nsm = tessel::nsm;
 using nsm::details::json_reader;
@@ -481,6 +485,81 @@ TEST(json_reader, read_ahead_and_general_paths_agree)
                         }),
                         HasSubstr(L"bad json format"))
                 << bad << padding;
+        }
+    }
+}
+
+// Whitespace runs of every length, of every make-up, ending at every distance from the end
+// of the text; the text ends at a no-access page, so a read past it would crash the test.
+TEST(json_reader, whitespace_runs_are_skipped_up_to_the_end_of_the_text)
+{
+    SYSTEM_INFO system{};
+    ::GetSystemInfo(&system);
+    const std::size_t page = system.dwPageSize;
+    const std::unique_ptr<char, decltype([](char* p) { ::VirtualFree(p, 0, MEM_RELEASE); })> pages(
+        static_cast<char*>(::VirtualAlloc(nullptr, 2 * page, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE)));
+    char* const base = pages.get();
+    ASSERT_NE(base, nullptr);
+    DWORD old = 0;
+    ASSERT_TRUE(::VirtualProtect(base + page, page, PAGE_NOACCESS, &old));
+
+    // A line break and spaces (the writer's layout), spaces alone, and runs that a block of
+    // spaces does not settle: a tab or a second line break after the spaces, CR LF.
+    const auto run = [](std::size_t length, int make_up) {
+        std::string text(length, ' ');
+        if (make_up == 0 && length > 0)
+            text[0] = '\n';
+        if (make_up == 2 && length > 0)
+            text[length - 1] = '\t';
+        if (make_up == 3 && length > 1)
+            text[0] = '\r', text[1] = '\n';
+        if (make_up == 4 && length > 0)
+            text[0] = '\n', text[length / 2] = '\n';
+        return text;
+    };
+    std::wstring text;
+    for (int make_up = 0; make_up < 5; ++make_up) {
+        for (std::size_t length = 0; length <= 40; ++length) {
+            const std::string w = run(length, make_up);
+            for (std::size_t tail = 0; tail <= 40; ++tail) {
+                const std::string document = "{" + w + "\"a\"" + w + ":" + w + "[" + w + "1" + w + "," + w + "{" + w +
+                                             "}" + w + "," + w + "[" + w + "]" + w + "]" + w + "," + w + "\"b\":" + w +
+                                             "\"" + std::string(tail, 'x') + "\"" + w + "," + w + "\"c\": null" + w +
+                                             "}" + w;
+                SCOPED_TRACE(document);
+                ASSERT_LE(document.size(), page);
+                char* const start = base + page - document.size();
+                std::memcpy(start, document.data(), document.size());
+                json_reader reader(std::string_view(start, document.size()));
+                ASSERT_TRUE(reader.next_entry().flags & nsm::kind::object);
+                reader.begin_object();
+                nsm::entry_info entry = reader.next_entry();
+                EXPECT_EQ(entry.name, "a");
+                reader.begin_array();
+                EXPECT_TRUE(reader.next_entry().flags & nsm::kind::number);
+                EXPECT_EQ(reader.read_uint64(), 1u);
+                EXPECT_TRUE(reader.next_entry().flags & nsm::kind::object);
+                reader.begin_object();
+                EXPECT_TRUE(reader.next_entry().at_end());
+                reader.end_object();
+                EXPECT_TRUE(reader.next_entry().flags & nsm::kind::sequence);
+                reader.begin_array();
+                EXPECT_TRUE(reader.next_entry().at_end());
+                reader.end_array();
+                EXPECT_TRUE(reader.next_entry().at_end());
+                reader.end_array();
+                entry = reader.next_entry();
+                EXPECT_EQ(entry.name, "b");
+                reader.read_wstring(text);
+                EXPECT_EQ(text, std::wstring(tail, L'x'));
+                entry = reader.next_entry();
+                EXPECT_EQ(entry.name, "c");
+                EXPECT_FALSE(entry.flags & nsm::kind::present);
+                EXPECT_TRUE(reader.next_entry().at_end());
+                reader.end_object();
+                EXPECT_TRUE(reader.next_entry().at_end());
+                EXPECT_EQ(reader.offset(), document.size());
+            }
         }
     }
 }
