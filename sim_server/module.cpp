@@ -4,6 +4,7 @@
 #include "server.h"
 
 #include "base/failure.h"
+#include "base/module_path.h"
 #include "base/unique_handle.h"
 #include "base/utf.h"
 
@@ -122,15 +123,13 @@ extern "C" HRESULT STDAPICALLTYPE DllCanUnloadNow()
 extern "C" HRESULT STDAPICALLTYPE DllRegisterServer()
 {
     try {
-        wchar_t path[MAX_PATH * 4];
-        const DWORD length = ::GetModuleFileNameW(sim_server::this_module(), path, static_cast<DWORD>(std::size(path)));
-        tessel::throw_last_error_if(length == 0 || length >= std::size(path));
+        const std::wstring path = tessel::module_path(sim_server::this_module());
 
         const std::wstring key_path = sim_server::clsid_key();
         const auto key = sim_server::create_key(HKEY_LOCAL_MACHINE, key_path);
         sim_server::set_string_value(key.get(), nullptr, L"Ulmora Tools Server (substitute)");
         const auto inproc = sim_server::create_key(key.get(), L"InprocServer32");
-        sim_server::set_string_value(inproc.get(), nullptr, std::wstring(path, length));
+        sim_server::set_string_value(inproc.get(), nullptr, path);
         sim_server::set_string_value(inproc.get(), L"ThreadingModel", L"Apartment");
         return S_OK;
     } catch (...) {

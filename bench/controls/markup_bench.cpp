@@ -12,6 +12,7 @@
 
 #include "base/com_ptr.h"
 #include "base/failure.h"
+#include "controls/factories.h"
 #include "controls/markup.h"
 #include "controls/rich_layout.h"
 
@@ -80,9 +81,7 @@ void time_batch(const std::vector<std::wstring>& texts, int iterations, samples&
 int main()
 try {
     throw_if_failed(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED));
-    com_ptr<IDWriteFactory> dwrite;
-    throw_if_failed(::DWriteCreateFactory(DWRITE_FACTORY_TYPE_SHARED, __uuidof(IDWriteFactory),
-                                          reinterpret_cast<IUnknown**>(dwrite.put())));
+    const com_ptr<IDWriteFactory> dwrite(tessel::d2d::dwrite_factory());
     com_ptr<IDWriteTextFormat> format;
     throw_if_failed(dwrite->CreateTextFormat(L"Tahoma", nullptr, DWRITE_FONT_WEIGHT_NORMAL, DWRITE_FONT_STYLE_NORMAL,
                                              DWRITE_FONT_STRETCH_NORMAL, 12.f, L"en-us", format.put()));

@@ -3,6 +3,7 @@
 #include "control_protocol.h"
 #include "device_tree.h"
 
+#include "base/module_path.h"
 #include "base/utf.h"
 
 #include <cfgmgr32.h>
@@ -65,10 +66,7 @@ std::wstring text_of(BSTR text)
 
 std::wstring exe_folder()
 {
-    wchar_t path[MAX_PATH];
-    const DWORD length = ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring folder(path, length);
-    return folder.substr(0, folder.find_last_of(L"\\/") + 1);
+    return tessel::module_folder();
 }
 
 std::wstring device_id_of(DWORD devinst)

@@ -12,6 +12,7 @@
 #include "base/com_ptr.h"
 #include "base/coroutine.h"
 #include "base/failure.h"
+#include "base/module_path.h"
 #include "base/service_registry.h"
 #include "base/utf.h"
 #include "controls/factories.h"
@@ -35,22 +36,6 @@ constexpr DWORD common_control_classes = ICC_LISTVIEW_CLASSES | ICC_TREEVIEW_CLA
                                          ICC_UPDOWN_CLASS | ICC_PROGRESS_CLASS | ICC_USEREX_CLASSES |
                                          ICC_STANDARD_CLASSES;
 static_assert(common_control_classes == 0x4237);
-
-std::wstring executable_folder()
-{
-    std::wstring path(MAX_PATH, L'\0');
-    for (;;) {
-        const DWORD length = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
-        tessel::throw_last_error_if(length == 0);
-        if (length < path.size()) {
-            path.resize(length);
-            break;
-        }
-        path.resize(path.size() * 2);
-    }
-    path.resize(path.find_last_of(L"\\/") + 1);
-    return path;
-}
 
 int show_error(std::wstring_view text)
 {
@@ -112,7 +97,7 @@ int run(int show_command)
     // 2. Settings first: they name the language every later message is shown in. A damaged
     // record does not stop the program (load_app_settings keeps what it could read).
     load_app_settings();
-    tessel::initialize_localization(executable_folder(), current_app_settings().language);
+    tessel::initialize_localization(tessel::module_folder(), current_app_settings().language);
 
     fibra::set_unhandled_exception_reporter(report_failed_work);
 

@@ -1,6 +1,7 @@
 #include "localization/localization.h"
 
 #include "base/failure.h"
+#include "base/module_path.h"
 
 #include <cwctype>
 #include <mutex>
@@ -8,23 +9,6 @@
 namespace tessel {
 
 namespace {
-
-std::wstring executable_file_name()
-{
-    std::wstring path(MAX_PATH, L'\0');
-    for (;;) {
-        const DWORD length = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
-        if (length == 0)
-            return {};
-        if (length < path.size()) {
-            path.resize(length);
-            break;
-        }
-        path.resize(path.size() * 2);
-    }
-    const auto separator = path.find_last_of(L"\\/");
-    return separator == std::wstring::npos ? path : path.substr(separator + 1);
-}
 
 std::wstring system_user_locale_name()
 {
@@ -80,7 +64,7 @@ localization::localization(const localization_options& options, std::wstring& la
             if (view_.map(pack.path) && is_well_formed_pack(view_.bytes())) {
                 active_ = &pack;
                 const std::wstring program_module =
-                    options.program_module_name.empty() ? executable_file_name() : options.program_module_name;
+                    options.program_module_name.empty() ? module_file_name() : options.program_module_name;
                 common_image = find_module(view_.bytes(), common_module_name);
                 program_image = find_module(view_.bytes(), program_module);
             } else {
@@ -94,7 +78,7 @@ localization::localization(const localization_options& options, std::wstring& la
                                              std::wstring(common_module_name));
     program_ = std::make_shared<LanguagePack>(options.resource_module, program_strings_resource, common_,
                                               program_image,
-                                              options.program_module_name.empty() ? executable_file_name()
+                                              options.program_module_name.empty() ? module_file_name()
                                                                                    : options.program_module_name);
 }
 

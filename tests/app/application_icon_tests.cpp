@@ -1,3 +1,4 @@
+#include "base/module_path.h"
 #include "base/unique_handle.h"
 
 #include <gtest/gtest.h>
@@ -11,10 +12,7 @@ namespace {
 
 std::wstring program_path()
 {
-    wchar_t path[MAX_PATH] = {};
-    const DWORD length = ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring folder(path, length);
-    return folder.substr(0, folder.find_last_of(L"\\/") + 1) + L"ServerCfg.exe";
+    return tessel::module_folder() + L"ServerCfg.exe";
 }
 
 // The icon's pixels, 32-bit BGRA top row first, straight alpha as icons keep it.

@@ -1,6 +1,7 @@
 // The real executable, started as a process under the same Wine session, against the
 // substitute server. Its windows are found and answered through ui_driver.exe.
 
+#include "base/module_path.h"
 #include "base/unique_handle.h"
 #include "base/utf.h"
 
@@ -21,10 +22,7 @@ constexpr int main_tree_placeholder_id = 1003;
 
 std::wstring bin_folder()
 {
-    wchar_t path[MAX_PATH];
-    const DWORD length = ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring folder(path, length);
-    return folder.substr(0, folder.find_last_of(L"\\/") + 1);
+    return tessel::module_folder();
 }
 
 class process {

@@ -1,5 +1,6 @@
 #include "app/startup.h"
 
+#include "base/module_path.h"
 #include "base/unique_handle.h"
 #include "base/utf.h"
 
@@ -40,10 +41,7 @@ TEST(startup, error_texts_fall_back_to_the_programs_own_text)
 
 TEST(startup, a_new_copy_starts_with_the_very_same_command_line)
 {
-    wchar_t path[MAX_PATH];
-    const DWORD length = ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring folder(path, length);
-    folder.resize(folder.find_last_of(L"\\/") + 1);
+    const std::wstring folder = tessel::module_folder();
     wchar_t temp[MAX_PATH];
     ::GetTempPathW(MAX_PATH, temp);
     const std::wstring record = std::wstring(temp) + L"servercfg-restart-test.txt";

@@ -1,6 +1,7 @@
 #include "test_support.h"
 
 #include "base/failure.h"
+#include "controls/factories.h"
 
 #include <gdiplus.h>
 #include <gtest/gtest.h>
@@ -31,24 +32,12 @@ private:
 
 IDWriteFactory* dwrite()
 {
-    static const com_ptr<IDWriteFactory> factory = [] {
-        com_ptr<IDWriteFactory> f;
-        throw_if_failed(::DWriteCreateFactory(DWRITE_FACTORY_TYPE_SHARED, __uuidof(IDWriteFactory),
-                                              reinterpret_cast<IUnknown**>(f.put())));
-        return f;
-    }();
-    return factory.get();
+    return tessel::d2d::dwrite_factory();
 }
 
 ID2D1Factory* d2d()
 {
-    static const com_ptr<ID2D1Factory> factory = [] {
-        com_ptr<ID2D1Factory> f;
-        throw_if_failed(::D2D1CreateFactory(D2D1_FACTORY_TYPE_SINGLE_THREADED, __uuidof(ID2D1Factory), nullptr,
-                                            f.put_void()));
-        return f;
-    }();
-    return factory.get();
+    return tessel::d2d::d2d_factory();
 }
 
 IWICImagingFactory* wic()

@@ -4,8 +4,10 @@
 
 #include "base/com_ptr.h"
 #include "base/failure.h"
+#include "base/module_path.h"
 #include "base/utf.h"
 #include "controls/embedded_font.h"
+#include "controls/factories.h"
 #include "controls/rich_layout.h"
 #include "controls/vector_icons.h"
 
@@ -141,11 +143,8 @@ int run(const std::wstring& output)
     ULONG_PTR gdiplus_token = 0;
     Gdiplus::GdiplusStartup(&gdiplus_token, &gdiplus_input, nullptr);
 
-    com_ptr<IDWriteFactory> dwrite;
-    throw_if_failed(::DWriteCreateFactory(DWRITE_FACTORY_TYPE_SHARED, __uuidof(IDWriteFactory),
-                                          reinterpret_cast<IUnknown**>(dwrite.put())));
-    com_ptr<ID2D1Factory> d2d;
-    throw_if_failed(::D2D1CreateFactory(D2D1_FACTORY_TYPE_SINGLE_THREADED, __uuidof(ID2D1Factory), nullptr, d2d.put_void()));
+    const com_ptr<IDWriteFactory> dwrite(tessel::d2d::dwrite_factory());
+    const com_ptr<ID2D1Factory> d2d(tessel::d2d::d2d_factory());
     auto wic = create_instance<IWICImagingFactory>(CLSID_WICImagingFactory);
     const ui::embedded_font_loaders fonts(dwrite.get());
     const com_ptr<IDWriteFontCollection> fluent = fonts.program_font();
@@ -213,10 +212,7 @@ try {
     if (argc > 1) {
         output = argv[1];
     } else {
-        wchar_t path[MAX_PATH] = {};
-        ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-        output = path;
-        output = output.substr(0, output.find_last_of(L"\\/") + 1) + L"controls_visual_sample.png";
+        output = tessel::module_folder() + L"controls_visual_sample.png";
     }
     return run(output);
 } catch (...) {

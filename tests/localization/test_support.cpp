@@ -1,5 +1,6 @@
 #include "test_support.h"
 
+#include "base/module_path.h"
 #include "localization/pack_file.h"
 #include "localization/string_id.h"
 #include "localization/string_table.h"
@@ -67,10 +68,9 @@ void remove_tree(const std::wstring& folder)
 
 std::wstring executable_folder()
 {
-    wchar_t path[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring folder = path;
-    return folder.substr(0, folder.find_last_of(L"\\/"));
+    std::wstring folder = tessel::module_folder();
+    folder.pop_back();  // callers add their own separator
+    return folder;
 }
 
 std::wstring test_data_folder()

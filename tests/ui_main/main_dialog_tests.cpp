@@ -2,6 +2,7 @@
 
 #include "ui_main/main_dialog.h"
 
+#include "base/module_path.h"
 #include "base/window_text.h"
 #include "nsm/app_settings.h"
 
@@ -13,14 +14,6 @@ namespace {
 
 using servercfg::main_dialog;
 namespace ids = servercfg::main_dialog_controls;
-
-std::wstring bin_folder()
-{
-    wchar_t path[MAX_PATH];
-    const DWORD length = ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring folder(path, length);
-    return folder.substr(0, folder.find_last_of(L"\\/") + 1);
-}
 
 RECT child_rect(HWND dialog, int id)
 {
@@ -46,7 +39,7 @@ protected:
         ::RegDeleteTreeW(HKEY_CURRENT_USER, app_settings_key.data());
         current_app_settings() = app_settings{};
         ASSERT_TRUE(SUCCEEDED(::CoInitialize(nullptr)));
-        module_ = ::LoadLibraryW((bin_folder() + L"UlmoraSimServer.dll").c_str());
+        module_ = ::LoadLibraryW((tessel::module_folder() + L"UlmoraSimServer.dll").c_str());
         ASSERT_NE(module_, nullptr);
         using entry = HRESULT(STDAPICALLTYPE*)();
         const auto register_server =
