@@ -13,6 +13,8 @@ function(tessel_add_test name)
   endif()
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} gmock gtest_main)
+  # Helpers shared by several test executables (tests/support).
+  target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests/support)
   # The runner kills the process a little before ctest would, so that the message
   # says what happened.
   math(EXPR runner_timeout "${arg_TIMEOUT} - 10")

@@ -1,6 +1,6 @@
 #include "format/ts_printf.h"
 
-#include "guarded_text.h"
+#include "guarded_memory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -156,7 +156,7 @@ TEST(format_compile, malformed_strings_throw_at_the_offending_character)
 TEST(format_compile, brace_search_sees_every_position_without_reading_past_the_end)
 {
     // Lengths and positions across the 16-, 8- and 4-unit blocks and the scalar tail.
-    guarded_text guard;
+    test_support::guarded_buffer guard;
     for (std::size_t length = 3; length <= 70; ++length) {
         for (std::size_t at = 0; at + 3 <= length; ++at) {
             std::wstring text(length, L'.');

@@ -1,6 +1,6 @@
 #include "format/ts_printf.h"
 
-#include "guarded_text.h"
+#include "guarded_memory.h"
 
 #include <gtest/gtest.h>
 
@@ -118,7 +118,7 @@ void exercise(std::wstring_view text, outcome& counts)
 TEST(format_random, generated_and_mutated_strings_never_read_outside_the_text)
 {
     std::mt19937 random(20250102);
-    guarded_text guard;
+    test_support::guarded_buffer guard;
     outcome counts;
     for (int i = 0; i < 4000; ++i)
         exercise(guard.place(generate(random)), counts);

@@ -7,6 +7,7 @@
 #include "localization/string_id.h"
 #include "localization/string_table.h"
 
+#include "guarded_memory.h"
 #include "test_support.h"
 
 #include <gtest/gtest.h>
@@ -15,7 +16,7 @@
 #include <random>
 
 using namespace tessel;
-using test_support::guarded_buffer;
+using test_support::guarded_buffer;  // texts are read in place: placed 2-aligned
 using test_support::make_pack;
 using test_support::table_builder;
 
@@ -76,12 +77,12 @@ TEST(fuzz, truncated_and_bit_flipped_packs_are_used_or_rejected_whole)
     const auto pack = make_pack({{L"common", sample_common()}, {L"ServerCfg.exe", sample_program()}});
     guarded_buffer memory(pack.size() + 64);
 
-    ASSERT_TRUE(use_pack(memory.place(pack), english));
+    ASSERT_TRUE(use_pack(memory.place(pack, 2), english));
 
     // Every truncation, including the empty file, is rejected: the last module runs to
     // the end of the file, so losing any byte damages it.
     for (std::size_t size = 0; size < pack.size(); ++size)
-        EXPECT_FALSE(use_pack(memory.place(std::span(pack).first(size)), english)) << size;
+        EXPECT_FALSE(use_pack(memory.place(std::span(pack).first(size), 2), english)) << size;
 
     std::mt19937 random(12345);
     std::size_t accepted = 0;
@@ -96,7 +97,7 @@ TEST(fuzz, truncated_and_bit_flipped_packs_are_used_or_rejected_whole)
         }
         if (round % 3 == 0)
             damaged.resize(random() % (damaged.size() + 1));
-        accepted += use_pack(memory.place(damaged), english);
+        accepted += use_pack(memory.place(damaged, 2), english);
     }
     // Flips inside texts leave the pack usable, so both outcomes occur.
     EXPECT_GT(accepted, 0u);
@@ -113,7 +114,7 @@ TEST(fuzz, damaged_table_images_load_or_stay_empty)
     guarded_buffer memory(image.size() + 64);
 
     for (std::size_t size = 0; size <= image.size(); ++size) {
-        const auto table = string_table::load(memory.place(std::span(image).first(size)), true, nullptr);
+        const auto table = string_table::load(memory.place(std::span(image).first(size), 2), true, nullptr);
         EXPECT_EQ(table->loaded(), size == image.size()) << size;
         EXPECT_EQ(table->loaded(), is_well_formed_table_image(std::span(image).first(size), true));
         if (!table->loaded()) {
@@ -129,7 +130,7 @@ TEST(fuzz, damaged_table_images_load_or_stay_empty)
         const int flips = 1 + static_cast<int>(random() % 3);
         for (int flip = 0; flip < flips; ++flip)
             damaged[random() % damaged.size()] ^= std::byte{static_cast<unsigned char>(1u << (random() % 8))};
-        const auto placed = memory.place(damaged);
+        const auto placed = memory.place(damaged, 2);
         const auto table = string_table::load(placed, true, nullptr);
         EXPECT_EQ(table->loaded(), is_well_formed_table_image(placed, true));
         loaded += table->loaded();

@@ -198,34 +198,4 @@ std::vector<std::byte> make_pack(const std::vector<std::pair<std::wstring, std::
     return out;
 }
 
-guarded_buffer::guarded_buffer(std::size_t capacity)
-{
-    SYSTEM_INFO info{};
-    GetSystemInfo(&info);
-    const std::size_t page = info.dwPageSize;
-    usable_ = (capacity + page - 1) / page * page;
-    base_ = static_cast<std::byte*>(VirtualAlloc(nullptr, usable_ + page, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
-    if (!base_)
-        throw std::bad_alloc();
-    DWORD old = 0;
-    if (!VirtualProtect(base_ + usable_, page, PAGE_NOACCESS, &old))
-        throw std::runtime_error("VirtualProtect failed");
-}
-
-guarded_buffer::~guarded_buffer()
-{
-    VirtualFree(base_, 0, MEM_RELEASE);
-}
-
-std::span<const std::byte> guarded_buffer::place(std::span<const std::byte> data)
-{
-    if (data.size() > usable_)
-        throw std::length_error("guarded buffer too small");
-    std::byte* start = base_ + usable_ - data.size();
-    if (reinterpret_cast<std::uintptr_t>(start) % 2 != 0)
-        --start;
-    std::memcpy(start, data.data(), data.size());
-    return {start, data.size()};
-}
-
 }  // namespace test_support

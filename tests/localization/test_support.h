@@ -56,21 +56,5 @@ private:
 std::vector<std::byte> make_pack(const std::vector<std::pair<std::wstring, std::vector<std::byte>>>& modules,
                                  bool sort = true);
 
-// Read/write memory whose last byte lies right before a PAGE_NOACCESS page, so that any
-// read past the data faults.
-class guarded_buffer {
-public:
-    explicit guarded_buffer(std::size_t capacity);
-    ~guarded_buffer();
-    guarded_buffer(const guarded_buffer&) = delete;
-    guarded_buffer& operator=(const guarded_buffer&) = delete;
-    // Copies data so that it ends at the guard page (one byte earlier when its size is
-    // odd: wide texts are used in place and must stay aligned).
-    std::span<const std::byte> place(std::span<const std::byte> data);
-
-private:
-    std::byte* base_ = nullptr;
-    std::size_t usable_ = 0;
-};
 
 }  // namespace test_support

@@ -6,6 +6,8 @@
 #include "nsm/record.h"
 #include "update_document.h"
 
+#include "guarded_memory.h"
+
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -17,46 +19,7 @@ namespace nsm = tessel::nsm;
 
 namespace {
 
-class guarded_buffer {
-public:
-    explicit guarded_buffer(std::size_t capacity)
-    {
-        SYSTEM_INFO info;
-        ::GetSystemInfo(&info);
-        page_ = info.dwPageSize;
-        data_size_ = (capacity + page_ - 1) / page_ * page_;
-        base_ = static_cast<char*>(::VirtualAlloc(nullptr, data_size_ + page_, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
-        DWORD old = 0;
-        if (!base_ || !::VirtualProtect(base_ + data_size_, page_, PAGE_NOACCESS, &old))
-            throw std::runtime_error("guard page");
-    }
-    ~guarded_buffer() { ::VirtualFree(base_, 0, MEM_RELEASE); }
-
-    // The page after the text is really out of bounds (so a stray read would crash the test).
-    [[nodiscard]] bool guarded() const
-    {
-        MEMORY_BASIC_INFORMATION info{};
-        return ::VirtualQuery(base_ + data_size_, &info, sizeof info) == sizeof info && info.Protect == PAGE_NOACCESS &&
-               ::IsBadReadPtr(base_ + data_size_, 1);
-    }
-    guarded_buffer(const guarded_buffer&) = delete;
-    guarded_buffer& operator=(const guarded_buffer&) = delete;
-
-    // The text, ending at the guard page.
-    std::string_view place(std::string_view text)
-    {
-        if (text.size() > data_size_)
-            throw std::runtime_error("text too large for the guarded buffer");
-        char* start = base_ + data_size_ - text.size();
-        std::memcpy(start, text.data(), text.size());
-        return {start, text.size()};
-    }
-
-private:
-    std::size_t page_ = 0;
-    std::size_t data_size_ = 0;
-    char* base_ = nullptr;
-};
+using test_support::guarded_buffer;
 
 // Reads every value with the operation its kind suggests, so that paths a record would
 // never reach (unknown names, odd kinds) are walked too.
