@@ -23,3 +23,8 @@ function(tessel_add_test name)
                    $<TARGET_FILE:${name}> --gtest_output=xml:Z:${TESSEL_TEST_RESULTS}/${name}.xml)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT})
 endfunction()
+
+# Replaces operator new/delete of the executable that links it, to count allocations
+# (tests and benchmarks that prove code allocates nothing).
+add_library(allocation_counter OBJECT ${CMAKE_SOURCE_DIR}/tests/support/allocation_counter.cpp)
+target_include_directories(allocation_counter PUBLIC ${CMAKE_SOURCE_DIR}/tests/support)

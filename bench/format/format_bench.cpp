@@ -25,22 +25,7 @@
 #include <string>
 #include <vector>
 
-namespace {
-std::atomic<long long> allocations{0};
-}
-
-void* operator new(std::size_t size)
-{
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(size ? size : 1))
-        return p;
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+#include "allocation_counter.h"
 
 namespace {
 
@@ -74,12 +59,12 @@ double now_ns()
 template <class Body>
 void run_batch(Body& body, measurement& result, int batch_index)
 {
-    const long long allocations_before = allocations.load();
+    const auto allocations_before = test_support::allocation_count();
     const double start = now_ns();
     for (int i = 0; i < batch_size; ++i)
         body();
     const double elapsed = now_ns() - start;
-    result.allocations += allocations.load() - allocations_before;
+    result.allocations += static_cast<long long>(test_support::allocation_count() - allocations_before);
     result.batch_ns[static_cast<std::size_t>(batch_index)] = elapsed / batch_size;
     if (elapsed / batch_size < result.ns_per_format)
         result.ns_per_format = elapsed / batch_size;

@@ -24,48 +24,7 @@
 #include <utility>
 #include <vector>
 
-// ---- allocation counting ----------------------------------------------------------
-
-namespace {
-std::atomic<std::uint64_t> allocation_count{0};
-}
-
-void* operator new(std::size_t size)
-{
-    allocation_count.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(size ? size : 1))
-        return p;
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t size)
-{
-    return operator new(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept
-{
-    allocation_count.fetch_add(1, std::memory_order_relaxed);
-    return std::malloc(size ? size : 1);
-}
-void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept
-{
-    return operator new(size, tag);
-}
-void operator delete(void* p) noexcept
-{
-    std::free(p);
-}
-void operator delete[](void* p) noexcept
-{
-    std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept
-{
-    std::free(p);
-}
-void operator delete[](void* p, std::size_t) noexcept
-{
-    std::free(p);
-}
+#include "allocation_counter.h"
 
 namespace {
 
@@ -174,12 +133,12 @@ void measure(std::vector<candidate>& candidates, int rounds)
         for (std::size_t slot = 0; slot < candidates.size(); ++slot) {
             const std::size_t k = (slot + static_cast<std::size_t>(round)) % candidates.size();
             candidate& c = candidates[k];
-            const std::uint64_t allocations_before = allocation_count.load();
+            const std::uint64_t allocations_before = test_support::allocation_count();
             const auto start = std::chrono::steady_clock::now();
             for (int i = 0; i < c.documents_per_round; ++i)
                 c.result.checksum += c.one_document();
             const auto stop = std::chrono::steady_clock::now();
-            allocations[k] += allocation_count.load() - allocations_before;
+            allocations[k] += test_support::allocation_count() - allocations_before;
             c.rounds.push_back(std::chrono::duration<double>(stop - start).count() / c.documents_per_round);
         }
     }

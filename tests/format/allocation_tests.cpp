@@ -1,29 +1,10 @@
 #include "format/ts_printf.h"
 
+#include "allocation_counter.h"
+
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
-
-// Every allocation of the test executable is counted, so that a test can assert that a
-// stretch of code allocates nothing.
-namespace {
-std::atomic<long> allocations{0};
-}
-
-void* operator new(std::size_t size)
-{
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(size ? size : 1))
-        return p;
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+#include <cstdint>
 
 namespace {
 
@@ -52,9 +33,9 @@ TEST(format_allocations, reused_output_and_compiled_format_allocate_nothing)
         }
     };
     run();  // grows the output once
-    const long before = allocations.load();
+    const std::uint64_t before = test_support::allocation_count();
     run();
-    EXPECT_EQ(allocations.load() - before, 0);
+    EXPECT_EQ(test_support::allocation_count() - before, 0u);
 }
 
 }  // namespace
