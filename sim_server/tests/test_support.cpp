@@ -33,30 +33,6 @@ HMODULE server_module()
 
 }  // namespace
 
-bool pump_until(const std::function<bool()>& done, DWORD timeout_ms)
-{
-    const ULONGLONG deadline = ::GetTickCount64() + timeout_ms;
-    for (;;) {
-        MSG msg;
-        while (::PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) {
-            ::TranslateMessage(&msg);
-            ::DispatchMessageW(&msg);
-        }
-        if (done())
-            return true;
-        const ULONGLONG now = ::GetTickCount64();
-        if (now >= deadline)
-            return false;
-        ::MsgWaitForMultipleObjects(0, nullptr, FALSE, static_cast<DWORD>(std::min<ULONGLONG>(deadline - now, 20)),
-                                    QS_ALLINPUT);
-    }
-}
-
-void pump_for(DWORD ms)
-{
-    pump_until([] { return false; }, ms);
-}
-
 std::wstring text_of(BSTR text)
 {
     std::wstring result = text ? std::wstring(text, ::SysStringLen(text)) : std::wstring();

@@ -9,6 +9,8 @@
 #include "base/com_ptr.h"
 #include "base/unique_handle.h"
 
+#include "message_pump.h"
+
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -17,10 +19,8 @@
 
 namespace sim_test {
 
-// Pumps the thread's messages until done() answers true; false after timeout_ms.
-bool pump_until(const std::function<bool()>& done, DWORD timeout_ms = 5000);
-// Pumps for a while regardless, to let anything already posted arrive.
-void pump_for(DWORD ms);
+using test_support::pump_for;
+using test_support::pump_until;
 
 std::wstring text_of(BSTR text);
 

@@ -2,6 +2,8 @@
 #include "base/coroutine.h"
 #include "base/registered_messages.h"
 
+#include "message_pump.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -12,21 +14,6 @@ namespace {
 
 using fibra::details::cancellation_source_body;
 using tessel::windows::impl::async_context;
-
-// Runs the thread's message loop until `done` or the time limit, like the program's loop.
-void pump_until(const bool& done, DWORD limit_ms = 5000)
-{
-    const ULONGLONG end = ::GetTickCount64() + limit_ms;
-    MSG message;
-    while (!done && ::GetTickCount64() < end) {
-        if (::PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
-            ::TranslateMessage(&message);
-            ::DispatchMessageW(&message);
-        } else {
-            ::MsgWaitForMultipleObjects(0, nullptr, FALSE, 20, QS_ALLINPUT);
-        }
-    }
-}
 
 void drain_queue()
 {
@@ -67,7 +54,7 @@ TEST(ui_dispatch, cancelled_context_throws_even_on_the_ui_thread)
     switch_and_record(posting, log, done);
     EXPECT_FALSE(done);
     posting.cancel_work();
-    pump_until(done);
+    test_support::pump_until([&] { return done; });
     EXPECT_EQ(log, (std::vector<std::wstring>{L"resumed on UI thread", L"cancelled", L"cancelled"}));
 }
 
