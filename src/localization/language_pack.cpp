@@ -93,15 +93,20 @@ std::wstring_view LanguagePack::text(std::uint32_t id) const
 
 std::wstring_view LanguagePack::item(std::uint32_t id, std::size_t index) const
 {
-    const string_entry& entry = find(id);
-    if (!entry.is_list) {
-        if (index != 0)
-            throw no_string_exception();
-        return entry.text;
+    // Item by item: a pack whose list is shorter than the built-in one (a partial
+    // translation) overrides only the items it has; the rest come from further down.
+    for (const string_table* table = head_.get(); table; table = table->parent().get()) {
+        const string_entry* entry = table->find(id);
+        if (!entry)
+            continue;
+        if (!entry->is_list) {
+            if (index == 0)
+                return entry->text;
+        } else if (entry->has_item(index)) {
+            return entry->items[index];
+        }
     }
-    if (!entry.has_item(index))
-        throw no_string_exception();
-    return entry.items[index];
+    throw no_string_exception();
 }
 
 std::wstring LanguagePack::text_by_key(std::wstring_view key) const

@@ -44,8 +44,8 @@ public:
     [[nodiscard]] const string_entry& find(std::uint32_t id) const;
     // A single string; for an indexed list its item 0. Throws no_string_exception.
     [[nodiscard]] std::wstring_view text(std::uint32_t id) const;
-    // Item index of an indexed list (index 0 of a single string is the string). Throws
-    // no_string_exception also for an empty slot.
+    // Item index of an indexed list (index 0 of a single string is the string), from the
+    // first table of the chain that has that item. Throws no_string_exception when none has.
     [[nodiscard]] std::wstring_view item(std::uint32_t id, std::size_t index) const;
     // By key text (dialog and control captions). A recorded correction wins.
     [[nodiscard]] std::wstring text_by_key(std::wstring_view key) const;

@@ -1,5 +1,7 @@
 #include "localization/string_table.h"
 
+#include "localization/string_id.h"
+
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -48,20 +50,23 @@ public:
         return true;
     }
 
-    // i16 length L, L UTF-16 units, one UTF-16 NUL. The units are used in place, so they
-    // must be aligned for wchar_t.
-    [[nodiscard]] bool wide_text(std::wstring_view& text) noexcept
+    // i16 length L, L UTF-16 units, one UTF-16 NUL, anywhere in the image: nothing in the
+    // layout aligns the texts (a locale name of odd length moves all of them), so the
+    // units are only located here, not yet used as wchar_t.
+    [[nodiscard]] bool wide_text(const std::byte*& start, std::size_t& length) noexcept
     {
-        std::int16_t length = 0;
-        if (!read(length) || length < 0)
+        std::int16_t units = 0;
+        if (!read(units) || units < 0)
             return false;
-        const std::size_t bytes = (static_cast<std::size_t>(length) + 1) * sizeof(wchar_t);
-        if (remaining() < bytes || reinterpret_cast<std::uintptr_t>(data_ + pos_) % alignof(wchar_t) != 0)
+        const std::size_t bytes = (static_cast<std::size_t>(units) + 1) * sizeof(wchar_t);
+        if (remaining() < bytes)
             return false;
-        const auto* start = reinterpret_cast<const wchar_t*>(data_ + pos_);
-        if (start[length] != L'\0')
+        wchar_t terminator = 0;
+        std::memcpy(&terminator, data_ + pos_ + bytes - sizeof(wchar_t), sizeof terminator);
+        if (terminator != L'\0')
             return false;
-        text = {start, static_cast<std::size_t>(length)};
+        start = data_ + pos_;
+        length = static_cast<std::size_t>(units);
         pos_ += bytes;
         return true;
     }
@@ -95,34 +100,63 @@ bool read_header(image_reader& reader, bool from_resource, header& result) noexc
            result.entry_count <= reader.remaining() / min_entry_size;
 }
 
+// A text as located in the image: used in place when it is aligned for wchar_t, else
+// copied once into the table's own storage.
+struct raw_text {
+    const std::byte* start = nullptr;
+    std::size_t length = 0;
+
+    [[nodiscard]] bool aligned() const noexcept
+    {
+        return reinterpret_cast<std::uintptr_t>(start) % alignof(wchar_t) == 0;
+    }
+    // Units the copy needs, with its NUL; 0 when the text stays in place.
+    [[nodiscard]] std::size_t copy_units() const noexcept { return aligned() ? 0 : length + 1; }
+};
+
 struct raw_entry {
     std::uint32_t id = 0;
     std::uint32_t descriptor = 0;
-    std::wstring_view text;          // kind 0
+    raw_text text;                   // kind 0
     image_reader items{{}};          // kind != 0: positioned at the first item
     std::uint32_t item_count = 0;
     std::uint32_t slot_count = 0;    // largest index + 1
+    std::size_t copy_units = 0;      // of every text of the entry that is not aligned
 
     [[nodiscard]] bool is_list() const noexcept { return (descriptor & 3) != 0; }
 };
 
-// Reads one entry and checks its whole body.
-bool read_entry(image_reader& reader, raw_entry& entry) noexcept
+// Largest list a well-formed image of this size can describe: each item takes at least
+// min_item_size bytes, so a list sized by its largest index never needs more slots than
+// the image could hold items. A hostile index in a small image cannot size a huge vector.
+std::uint32_t max_list_slots(std::size_t image_size) noexcept
 {
+    return static_cast<std::uint32_t>(std::min<std::size_t>(image_size / min_item_size, 0xFFFFFFFFu));
+}
+
+// Reads one entry and checks its whole body.
+bool read_entry(image_reader& reader, std::uint32_t max_slots, raw_entry& entry) noexcept
+{
+    entry.copy_units = 0;
     if (!reader.read(entry.id) || !reader.read(entry.descriptor))
         return false;
-    if (!entry.is_list())
-        return reader.wide_text(entry.text);
+    if (!entry.is_list()) {
+        if (!reader.wide_text(entry.text.start, entry.text.length))
+            return false;
+        entry.copy_units = entry.text.copy_units();
+        return true;
+    }
     if (!reader.read(entry.item_count) || entry.item_count > reader.remaining() / min_item_size)
         return false;
     entry.items = reader;
     entry.slot_count = 0;
     for (std::uint32_t i = 0; i < entry.item_count; ++i) {
         std::uint32_t index = 0;
-        std::wstring_view text;
-        if (!reader.read(index) || index > max_list_index || !reader.wide_text(text))
+        raw_text text;
+        if (!reader.read(index) || index >= max_slots || !reader.wide_text(text.start, text.length))
             return false;
         entry.slot_count = std::max(entry.slot_count, index + 1);
+        entry.copy_units += text.copy_units();
     }
     return true;
 }
@@ -137,7 +171,7 @@ bool is_well_formed_table_image(std::span<const std::byte> image, bool from_reso
         return false;
     raw_entry entry;
     for (std::uint32_t i = 0; i < head.entry_count; ++i)
-        if (!read_entry(reader, entry))
+        if (!read_entry(reader, max_list_slots(image.size()), entry))
             return false;
     return true;
 }
@@ -151,6 +185,7 @@ std::shared_ptr<const string_table> string_table::load(std::span<const std::byte
         // Nothing of a damaged image is used, not even the entries before the damage.
         table->buckets_.clear();
         table->nodes_.clear();
+        table->copies_.reset();
         table->language_code_.clear();
         table->locale_name_.clear();
         table->loaded_ = false;
@@ -170,14 +205,41 @@ bool string_table::read(std::span<const std::byte> image, bool from_resource)
         loaded_ = true;
         return true;
     }
+
+    // First pass: the whole image is checked before anything is kept, and the texts that
+    // cannot be used in place are counted, so that their copies take one allocation whose
+    // addresses never move.
+    const std::uint32_t max_slots = max_list_slots(image.size());
+    raw_entry raw;
+    std::size_t copy_units = 0;
+    {
+        image_reader check = reader;
+        for (std::uint32_t i = 0; i < head.entry_count; ++i) {
+            if (!read_entry(check, max_slots, raw))
+                return false;
+            copy_units += raw.copy_units;
+        }
+    }
+    if (copy_units != 0)
+        copies_ = std::make_unique<wchar_t[]>(copy_units);
+    std::size_t copied = 0;
+    const auto text_of = [&](const raw_text& text) {
+        if (text.aligned())
+            return std::wstring_view(reinterpret_cast<const wchar_t*>(text.start), text.length);
+        wchar_t* const home = copies_.get() + copied;
+        std::memcpy(home, text.start, (text.length + 1) * sizeof(wchar_t));
+        copied += text.length + 1;
+        return std::wstring_view(home, text.length);
+    };
+
     buckets_.assign(head.entry_count, 0);
     nodes_.reserve(head.entry_count);
-
-    raw_entry raw;
     for (std::uint32_t i = 0; i < head.entry_count; ++i) {
-        if (!read_entry(reader, raw))
+        if (!read_entry(reader, max_slots, raw))
             return false;
         const std::uint32_t revision = raw.descriptor >> 2;
+        if (!from_resource && raw.id == product_title_id)
+            continue;  // the title is the key of single-instance detection: never translated
         if (parent_) {
             if (const string_entry* inherited = parent_->find_in_chain(raw.id); inherited && inherited->revision != revision)
                 continue;
@@ -190,17 +252,17 @@ bool string_table::read(std::span<const std::byte> image, bool from_resource)
         entry.revision = revision;
         entry.is_list = raw.is_list();
         if (!entry.is_list) {
-            entry.text = raw.text;
+            entry.text = text_of(raw.text);
         } else {
             entry.items.resize(raw.slot_count);
             for (std::uint32_t item = 0; item < raw.item_count; ++item) {
                 std::uint32_t index = 0;
-                std::wstring_view text;
+                raw_text text;
                 // Checked by read_entry already; a failure here would mean the image
                 // changed under us, which is treated as damage like any other.
-                if (!raw.items.read(index) || index >= raw.slot_count || !raw.items.wide_text(text))
+                if (!raw.items.read(index) || index >= raw.slot_count || !raw.items.wide_text(text.start, text.length))
                     return false;
-                entry.items[index] = text;
+                entry.items[index] = text_of(text);
             }
         }
         insert(std::move(entry));

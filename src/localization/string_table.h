@@ -6,7 +6,11 @@
 // The images come from files that an elevated program maps, so reading never trusts a
 // length: every count, length and text is checked against the image's end, and an image
 // that fails any check is rejected as a whole (the table stays empty and not loaded).
-// Texts must also lie at even addresses, which the pack tool guarantees.
+// Nothing in the layout aligns the UTF-16 texts (packs from other tools put them at odd
+// offsets as often as not): aligned texts are used in place, the others are copied once,
+// at load, into one block the table owns.
+
+#include "localization/string_id.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -24,9 +28,13 @@ inline constexpr std::byte table_signature[16] = {
     std::byte{0xF7}, std::byte{0x43}, std::byte{0x84}, std::byte{0x1A}, std::byte{0x26}, std::byte{0x0C},
     std::byte{0x00}, std::byte{0xFF}, std::byte{0x99}, std::byte{0x29}};
 
-// Indexed lists larger than this are malformed: an index read from a damaged pack must
-// not size a vector of billions of slots.
-inline constexpr std::uint32_t max_list_index = 1023;
+// The product title, caption of every box and key of single-instance detection: a pack
+// module's entry for it is ignored, so no translation can change it.
+inline constexpr std::uint32_t product_title_id = string_id(L"QMX Software Ulmora Tools Server");
+
+// An indexed list is sized by its largest index + 1, bounded by what the image could
+// hold: an index past image size / 8 (the smallest item) makes the image malformed, so a
+// hostile index never sizes a vector larger than twice the image.
 
 struct string_entry {
     std::uint32_t id = 0;
@@ -49,7 +57,8 @@ public:
     // start with table_signature; a mismatch or any malformation gives an empty table
     // whose loaded() is false. Entries whose id the parent chain holds with another
     // revision are dropped (stale translations fall back to the parent's text); of two
-    // entries with one id in the same image the first stays.
+    // entries with one id in the same image the first stays. Without from_resource (a
+    // pack module) an entry for the product title is dropped.
     [[nodiscard]] static std::shared_ptr<const string_table> load(std::span<const std::byte> image,
                                                                  bool from_resource,
                                                                  std::shared_ptr<const string_table> parent);
@@ -82,6 +91,7 @@ private:
     std::string locale_name_;
     std::vector<std::uint32_t> buckets_;  // index + 1 of the bucket's first node
     std::vector<node> nodes_;
+    std::unique_ptr<wchar_t[]> copies_;  // aligned homes of the texts that were not aligned
     bool loaded_ = false;
 };
 

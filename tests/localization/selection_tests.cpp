@@ -236,6 +236,8 @@ TEST(german_pack, translates_every_text_and_the_dialogs)
         ASSERT_TRUE(english && english->loaded());
         EXPECT_EQ(english->language_code(), "ENU");
         for (const string_entry* entry : english->entries()) {
+            if (entry->id == product_title_id)
+                continue;  // never translated
             const string_entry* translated = german->find(entry->id);
             ASSERT_NE(translated, nullptr) << std::hex << entry->id;
             EXPECT_EQ(translated->is_list, entry->is_list);

@@ -121,14 +121,13 @@ TEST(string_table, tool_built_tables_and_pack_round_trip)
     EXPECT_EQ(program.text(string_id(L"status")), L"{0} bereit");
     EXPECT_EQ(program.find(string_id(L"status")).revision, 2u);
 
-    // A translated list replaces the English list as a whole: its missing items are empty.
-    const string_entry& columns = program.find(string_id(L"columns"));
-    ASSERT_TRUE(columns.is_list);
-    ASSERT_EQ(columns.items.size(), 4u);
-    EXPECT_EQ(columns.items[0], L"Ger\u00E4t");
-    EXPECT_FALSE(columns.has_item(1));
-    EXPECT_FALSE(columns.has_item(2));
-    EXPECT_EQ(columns.items[3], L"Klient");
+    // A partly translated list overrides only its own items; the rest stay English.
+    const std::uint32_t columns = string_id(L"columns");
+    EXPECT_EQ(program.item(columns, 0), L"Ger\u00E4t");
+    EXPECT_EQ(program.item(columns, 1), L"Manufacturer");
+    EXPECT_EQ(program.item(columns, 3), L"Klient");
+    EXPECT_EQ(program.item(columns, 4), L"Authentication key");
+    EXPECT_THROW((void)program.item(columns, 5), no_string_exception);
 
     // The pack's version comes from its file name.
     const auto record = parse_pack_file_name(L"rt.Roundtrip.102030004.lpack", data);
@@ -194,6 +193,72 @@ TEST(string_table, lists_duplicates_revisions_and_empty_tables)
     LanguagePack missing(nullptr, 4711, parent, std::nullopt, L"x");
     EXPECT_FALSE(missing.loaded());
     EXPECT_EQ(missing.text_by_key(L"Shown"), L"Shown");
+}
+
+// Packs made by other tools: nothing in the layout aligns texts or modules, lists may be
+// sparse and long, and the product title must stay what single-instance detection seeks.
+TEST(string_table, packs_from_other_tools_read_correctly)
+{
+    const auto english = table_builder()
+                             .text(product_title_id, L"QMX Software Ulmora Tools Server")
+                             .text(L"OK", L"OK")
+                             .list(9, {{0, L"Device"}, {1, L"Manufacturer"}, {2, L"Shared"}})
+                             .image(true);
+    // "de-DE" with two reserved bytes puts every text at an odd offset of the image.
+    const std::wstring padding(3000, L'p');
+    const auto module = table_builder()
+                            .language("DEU", "de-DE")
+                            .reserved(2)
+                            .text(L"OK", L"Gut")
+                            .text(product_title_id, L"\u00DCbersetzter Titel")
+                            .list(9, {{2, L"Geteilt"}})
+                            .list(10, {{749, L"far"}, {0, L"near"}})
+                            .text(L"padding", padding)
+                            .image(false);
+    const auto common_module = table_builder().language("DEU", "de").text(L"Yes", L"Ja").image(false);
+    // Back to back: the second module starts at an odd offset of the file as well.
+    const auto pack = make_pack({{L"common", common_module}, {L"ServerCfg.exe", module}}, true, false);
+    ASSERT_TRUE(is_well_formed_pack(pack));
+    const auto found = find_module(pack, L"ServerCfg.exe");
+    ASSERT_TRUE(found);
+
+    auto base = std::make_shared<LanguagePack>(bytes(english), nullptr, find_module(pack, L"common"), L"common");
+    LanguagePack german(bytes(english), base, found, L"ServerCfg.exe");
+    ASSERT_TRUE(german.head()->loaded());
+    EXPECT_EQ(german.head()->locale_name(), "de-DE");
+    EXPECT_EQ(german.text_by_key(L"OK"), L"Gut");
+    EXPECT_EQ(german.text_by_key(L"Yes"), L"Ja");
+    EXPECT_EQ(german.text_by_key(L"padding"), padding);
+    for (const std::wstring_view text : {german.text(string_id(L"OK")), german.text(string_id(L"Yes"))})
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(text.data()) % alignof(wchar_t), 0u);
+
+    // Texts that are aligned stay where they lie; only the others are copied. Shifting the
+    // module by one byte moves its texts from one case to the other.
+    int in_place = 0;
+    for (const std::size_t shift : {0, 1}) {
+        std::vector<std::byte> buffer(found->size() + 1);
+        std::memcpy(buffer.data() + shift, found->data(), found->size());
+        const auto table = string_table::load(std::span(buffer).subspan(shift, found->size()), false, nullptr);
+        ASSERT_TRUE(table->loaded());
+        const std::wstring_view ok = table->find(string_id(L"OK"))->text;
+        EXPECT_EQ(ok, L"Gut");
+        const auto* at = reinterpret_cast<const std::byte*>(ok.data());
+        in_place += at >= buffer.data() && at < buffer.data() + buffer.size();
+    }
+    EXPECT_EQ(in_place, 1);
+
+    // A list shorter than the built-in one: the missing items come from English.
+    EXPECT_EQ(german.item(9, 0), L"Device");
+    EXPECT_EQ(german.item(9, 1), L"Manufacturer");
+    EXPECT_EQ(german.item(9, 2), L"Geteilt");
+    // Far more than 1023 slots is fine when the image could hold that many items.
+    EXPECT_EQ(german.find(10).items.size(), 750u);
+    EXPECT_EQ(german.item(10, 749), L"far");
+    EXPECT_THROW((void)german.item(10, 1), no_string_exception);
+
+    // The product title is never translated, whatever a pack holds.
+    EXPECT_EQ(german.text(product_title_id), L"QMX Software Ulmora Tools Server");
+
 }
 
 TEST(pack_file, directory_search_and_validation)

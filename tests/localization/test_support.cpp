@@ -130,6 +130,12 @@ table_builder& table_builder::language(std::string code, std::string locale)
     return *this;
 }
 
+table_builder& table_builder::reserved(std::uint8_t count)
+{
+    reserved_ = count;
+    return *this;
+}
+
 table_builder& table_builder::text(std::uint32_t id, std::wstring_view text, std::uint32_t revision)
 {
     append_value(entries_, id);
@@ -166,7 +172,9 @@ std::vector<std::byte> table_builder::image(bool with_signature) const
     append_narrow(out, code_);
     append_narrow(out, locale_);
     // The reserved block keeps the entries, and with them every text, at even offsets.
-    const std::uint8_t reserved = (out.size() + 1 + 2 + 4) % 2 == 0 ? 2 : 3;
+    const std::uint8_t reserved = reserved_ >= 0                           ? static_cast<std::uint8_t>(reserved_)
+                                  : (out.size() + 1 + 2 + 4) % 2 == 0 ? 2
+                                                                       : 3;
     append_value(out, reserved);
     out.resize(out.size() + reserved);
     append_value(out, count_);
@@ -174,7 +182,8 @@ std::vector<std::byte> table_builder::image(bool with_signature) const
     return out;
 }
 
-std::vector<std::byte> make_pack(const std::vector<std::pair<std::wstring, std::vector<std::byte>>>& modules, bool sort)
+std::vector<std::byte> make_pack(const std::vector<std::pair<std::wstring, std::vector<std::byte>>>& modules, bool sort,
+                                 bool align)
 {
     std::vector<std::pair<std::uint32_t, const std::vector<std::byte>*>> order;
     for (const auto& [name, image] : modules)
@@ -186,13 +195,15 @@ std::vector<std::byte> make_pack(const std::vector<std::pair<std::wstring, std::
     append_value(out, static_cast<std::uint32_t>(order.size()));
     std::size_t offset = out.size() + order.size() * 8;
     for (const auto& [hash, image] : order) {
-        offset = (offset + 3) & ~std::size_t{3};
+        if (align)
+            offset = (offset + 3) & ~std::size_t{3};
         append_value(out, hash);
         append_value(out, static_cast<std::int32_t>(offset));
         offset += image->size();
     }
     for (const auto& [hash, image] : order) {
-        out.resize((out.size() + 3) & ~std::size_t{3});
+        if (align)
+            out.resize((out.size() + 3) & ~std::size_t{3});
         out.insert(out.end(), image->begin(), image->end());
     }
     return out;

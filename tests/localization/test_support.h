@@ -38,6 +38,9 @@ private:
 class table_builder {
 public:
     table_builder& language(std::string code, std::string locale);
+    // A reserved block of exactly this size, as other tools may write it; without it the
+    // block keeps every text at an even offset, as our own tool does.
+    table_builder& reserved(std::uint8_t count);
     table_builder& text(std::uint32_t id, std::wstring_view text, std::uint32_t revision = 0);
     table_builder& text(std::wstring_view key, std::wstring_view text, std::uint32_t revision = 0);
     // Items in the order given.
@@ -50,11 +53,13 @@ private:
     std::string locale_ = "en";
     std::vector<std::byte> entries_;
     std::uint32_t count_ = 0;
+    int reserved_ = -1;
 };
 
-// Modules are written in the order given; sort = false leaves the directory unsorted.
+// Modules are written in the order given; sort = false leaves the directory unsorted;
+// align = false packs the modules back to back at whatever offsets that gives.
 std::vector<std::byte> make_pack(const std::vector<std::pair<std::wstring, std::vector<std::byte>>>& modules,
-                                 bool sort = true);
+                                 bool sort = true, bool align = true);
 
 
 }  // namespace test_support

@@ -30,6 +30,7 @@ greeting = "Hello {0}, {1} new {2?<}message{2?|}messages{2?>}"
 styled = "[[[b{0}]]] and [[[T#[#777]#grey]]]"
 columns[0] = "Device"
 columns[1] = "Client"
+"QMX Software Ulmora Tools Server"
 '''
 
 HEADER = 'pack xx "Test"\nlanguage XXX\nlocale xx-XX\nmodule common\n'
@@ -84,6 +85,8 @@ class bad_translations(tool_case):
         self.expect_error('"OK" = "bad \\q escape"\n', 5, 'unknown escape')
         self.expect_error('columns = "x"\n', 5, 'is an indexed list in English')
         self.expect_error('"Collapse all" rev 2 = "x"\n', 5, 'newer than the English one')
+        self.expect_error('"QMX Software Ulmora Tools Server" = "QMX Software Ulmora Tools Server"\n', 5,
+                          'the product title is never translated')
 
     def test_conditionals_may_be_dropped_and_placeholders_reordered(self):
         result, _ = self.pack('greeting = "{1} neue Nachrichten f\u00FCr {0}"\n')
@@ -156,7 +159,7 @@ class images(tool_case):
             data = f.read()
         self.assertEqual(data[:16], tool.TABLE_SIGNATURE)
         # "ENU", "en", two reserved zero bytes, then the entry count.
-        self.assertEqual(data[16:34], b'\x03\x00ENU\x00\x02\x00en\x00\x02\x00\x00\x05\x00\x00\x00')
+        self.assertEqual(data[16:34], b'\x03\x00ENU\x00\x02\x00en\x00\x02\x00\x00\x06\x00\x00\x00')
         with open(os.path.join(out, 'x.rc')) as f:
             self.assertIn('139 STRINGS "', f.read())
         with open(os.path.join(out, 'ids.h')) as f:

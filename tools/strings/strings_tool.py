@@ -45,8 +45,11 @@ import xml.parsers.expat
 TABLE_SIGNATURE = struct.pack('<QQ', 0x43F74FBBEF132B79, 0x2999FF000C261A84)
 PACK_SIGNATURE = struct.pack('<QQ', 0x4CC1A172FD275891, 0x21DD98FC4E56BA8A)
 MAX_TEXT_UNITS = 0x7FFF
-MAX_LIST_INDEX = 1023          # the program rejects lists with larger indexes
+MAX_LIST_INDEX = 1023          # our lists are small and dense; a larger index is a typo
 ENGLISH_LANGUAGE = 'ENU'
+# The product title is the key of single-instance detection and the caption of every box:
+# no pack may carry it (the program ignores such an entry anyway).
+PRODUCT_TITLE = 'QMX Software Ulmora Tools Server'
 ENGLISH_LOCALE = 'en'
 
 
@@ -506,6 +509,9 @@ def check_translation(english, translation, require_complete=False):
             original = source.entries.get(entry.key)
             if original is None:
                 raise SourceError(translation.path, entry.line, f'unknown key {entry.key!r}')
+            if entry.key == PRODUCT_TITLE:
+                raise SourceError(translation.path, entry.line,
+                                  'the product title is never translated (a second start finds the program by it)')
             if (entry.items is None) != (original.items is None):
                 kind = 'an indexed list' if original.items is not None else 'a single text'
                 raise SourceError(translation.path, entry.line, f'{entry.key!r} is {kind} in English')
@@ -523,6 +529,8 @@ def check_translation(english, translation, require_complete=False):
         for source in english.values():
             module = translation.modules.get(source.name)
             for entry in source.entries.values():
+                if entry.key == PRODUCT_TITLE:
+                    continue
                 done = module.entries.get(entry.key) if module else None
                 if done is None or (entry.items is not None and set(done.items) != set(entry.items)):
                     raise SourceError(translation.path, module.line if module else 1,
