@@ -42,17 +42,19 @@ std::wstring language_from_locale(std::wstring_view locale_name, const std::vect
     return has_pack(lowered) ? lowered : std::wstring();
 }
 
-localization::localization(const localization_options& options, std::wstring& language)
+localization::localization(const localization_options& options, std::wstring_view setting)
+    : language_(setting)
 {
     // Without a folder there is nothing to enumerate (the English-only packs used before
     // start-up has chosen a language).
     if (!options.program_folder.empty())
         packs_ = enumerate_packs(options.program_folder);
 
-    if (language.empty()) {
+    if (language_.empty()) {
         const std::wstring locale = options.user_locale_name ? options.user_locale_name() : system_user_locale_name();
-        language = language_from_locale(locale, packs_);
+        language_ = language_from_locale(locale, packs_);
     }
+    const std::wstring& language = language_;
 
     std::optional<std::span<const std::byte>> common_image;
     std::optional<std::span<const std::byte>> program_image;
@@ -93,26 +95,25 @@ localization& global()
 {
     std::lock_guard guard(global_lock);
     if (!global_localization) {
-        std::wstring english = L"en";
-        global_localization = std::make_unique<localization>(localization_options{}, english);
+        global_localization = std::make_unique<localization>(localization_options{}, L"en");
     }
     return *global_localization;
 }
 
 }  // namespace
 
-void initialize_localization(const localization_options& options, std::wstring& language)
+void initialize_localization(const localization_options& options, std::wstring_view setting)
 {
-    auto chosen = std::make_unique<localization>(options, language);
+    auto chosen = std::make_unique<localization>(options, setting);
     std::lock_guard guard(global_lock);
     global_localization = std::move(chosen);
 }
 
-void initialize_localization(std::wstring_view executable_folder, std::wstring& language)
+void initialize_localization(std::wstring_view executable_folder, std::wstring_view setting)
 {
     localization_options options;
     options.program_folder = executable_folder;
-    initialize_localization(options, language);
+    initialize_localization(options, setting);
 }
 
 LanguagePack& program_strings()
@@ -157,7 +158,8 @@ language_list make_language_list(const std::vector<pack_record>& packs, std::wst
 
 language_list ui_language_list(std::wstring_view setting)
 {
-    return make_language_list(global().packs(), setting);
+    const localization& current = global();
+    return make_language_list(current.packs(), setting.empty() ? std::wstring_view(current.language()) : setting);
 }
 
 void translate_dialog(HWND dialog) noexcept

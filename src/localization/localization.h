@@ -43,15 +43,18 @@ struct localization_options {
 
 class localization {
 public:
-    // Chooses the language and builds the packs. When language is empty and the user's
-    // locale matches a pack, language is set to that pack's code (so the choice shows in
-    // the settings dialog; it is saved only if something else saves the settings).
-    localization(const localization_options& options, std::wstring& language);
+    // Chooses the language and builds the packs. An empty setting means "follow the user's
+    // locale": the code derived from it is used but never written back, so that the
+    // setting stays empty until the user picks a language and a later change of the
+    // Windows display language is followed.
+    localization(const localization_options& options, std::wstring_view setting);
 
     localization(const localization&) = delete;
     localization& operator=(const localization&) = delete;
 
     [[nodiscard]] const std::vector<pack_record>& packs() const noexcept { return packs_; }
+    // The code in use: the setting, or the one derived from the locale; empty for English.
+    [[nodiscard]] const std::wstring& language() const noexcept { return language_; }
     // The pack file in use, null for English.
     [[nodiscard]] const pack_record* active_pack() const noexcept { return active_; }
     [[nodiscard]] const std::shared_ptr<LanguagePack>& common_pack() const noexcept { return common_; }
@@ -60,6 +63,7 @@ public:
 
 private:
     std::vector<pack_record> packs_;
+    std::wstring language_;
     const pack_record* active_ = nullptr;
     mapped_file view_;
     std::shared_ptr<LanguagePack> common_;
@@ -73,8 +77,8 @@ private:
 // ---- Process-wide use -------------------------------------------------------------------
 
 // Once at start-up, after the settings have been loaded.
-void initialize_localization(std::wstring_view executable_folder, std::wstring& language);
-void initialize_localization(const localization_options& options, std::wstring& language);
+void initialize_localization(std::wstring_view executable_folder, std::wstring_view setting);
+void initialize_localization(const localization_options& options, std::wstring_view setting);
 
 // The process-wide packs. Used before initialize_localization, they are English only.
 [[nodiscard]] LanguagePack& program_strings();
@@ -87,7 +91,8 @@ void initialize_localization(const localization_options& options, std::wstring& 
 [[nodiscard]] std::wstring load_string_by_key(std::wstring_view key);
 
 // The UI language list: "English" (code "en") first, then every pack in list order.
-// selected is the index of the entry the setting names, or -1.
+// selected is the index of the entry the setting names, or -1. ui_language_list selects,
+// for an empty setting, the language the locale chose (English when none).
 struct language_choice {
     std::wstring code;
     std::wstring display_name;

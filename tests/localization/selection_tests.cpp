@@ -34,13 +34,13 @@ public:
     }
 
     // Runs the selection with the given setting and user locale.
-    std::unique_ptr<localization> select(std::wstring& language, std::wstring locale = L"en-US") const
+    std::unique_ptr<localization> select(std::wstring_view setting, std::wstring locale = L"en-US") const
     {
         localization_options options;
         options.program_folder = folder_.path();
         options.program_module_name = program_module;
         options.user_locale_name = [locale] { return locale; };
-        return std::make_unique<localization>(options, language);
+        return std::make_unique<localization>(options, setting);
     }
 
 private:
@@ -65,9 +65,8 @@ TEST(language_selection, user_locale_picks_full_name_then_language_part)
         pack_folder folder;
         folder.add(L"pt.Portugues.100000000.lpack", marked_pack(L"pt"));
         folder.add(L"pt-br.Brasil.100000000.lpack", marked_pack(L"pt-br"));
-        std::wstring language;
-        const auto chosen = folder.select(language, L"pt-BR");
-        EXPECT_EQ(language, L"pt-br");
+        const auto chosen = folder.select(L"", L"pt-BR");
+        EXPECT_EQ(chosen->language(), L"pt-br");
         ASSERT_NE(chosen->active_pack(), nullptr);
         EXPECT_EQ(chosen->active_pack()->code, L"pt-br");
         EXPECT_EQ(ok_text(*chosen), L"OK pt-br");
@@ -78,25 +77,22 @@ TEST(language_selection, user_locale_picks_full_name_then_language_part)
     {
         pack_folder folder;
         folder.add(L"pt.Portugues.100000000.lpack", marked_pack(L"pt"));
-        std::wstring language;
-        const auto chosen = folder.select(language, L"pt-BR");
-        EXPECT_EQ(language, L"pt");
+        const auto chosen = folder.select(L"", L"pt-BR");
+        EXPECT_EQ(chosen->language(), L"pt");
         EXPECT_EQ(ok_text(*chosen), L"OK pt");
     }
     {
         pack_folder folder;
         folder.add(L"de.Deutsch.100000000.lpack", marked_pack(L"de"));
-        std::wstring language;
-        const auto chosen = folder.select(language, L"pt-BR");
-        EXPECT_EQ(language, L"");
+        const auto chosen = folder.select(L"", L"pt-BR");
+        EXPECT_EQ(chosen->language(), L"");
         EXPECT_EQ(chosen->active_pack(), nullptr);
         EXPECT_EQ(ok_text(*chosen), L"OK");
         // A locale name without "-" matches only a whole code; none at all gives nothing.
-        std::wstring no_dash;
-        EXPECT_EQ(folder.select(no_dash, L"DE")->active_pack()->code, L"de");
-        std::wstring unknown;
-        EXPECT_EQ(folder.select(unknown, L"")->active_pack(), nullptr);
-        EXPECT_EQ(unknown, L"");
+        EXPECT_EQ(folder.select(L"", L"DE")->active_pack()->code, L"de");
+        const auto unknown = folder.select(L"", L"");
+        EXPECT_EQ(unknown->active_pack(), nullptr);
+        EXPECT_EQ(unknown->language(), L"");
     }
 
     const std::vector<pack_record> packs = {{L"pt-br", L"", {}, L""}, {L"pt", L"", {}, L""}};
@@ -115,34 +111,29 @@ TEST(language_selection, setting_names_a_pack_exactly)
     folder.add(L"x1.First.100000000.lpack", marked_pack(L"x1", false));
 
     // "EN" is not "en": a pack "EN" is looked for and, absent, English it is.
-    std::wstring upper = L"EN";
-    auto chosen = folder.select(upper, L"de-DE");
-    EXPECT_EQ(upper, L"EN");
+    auto chosen = folder.select(L"EN", L"de-DE");
+    EXPECT_EQ(chosen->language(), L"EN");
     EXPECT_EQ(chosen->active_pack(), nullptr);
     EXPECT_EQ(ok_text(*chosen), L"OK");
 
     // "en" is the built-in language even when a pack claims the code.
-    std::wstring english = L"en";
-    chosen = folder.select(english, L"de-DE");
+    chosen = folder.select(L"en", L"de-DE");
     EXPECT_EQ(chosen->active_pack(), nullptr);
     EXPECT_EQ(ok_text(*chosen), L"OK");
 
     // A setting wins over the locale and is never changed.
-    std::wstring german = L"de";
-    chosen = folder.select(german, L"fr-FR");
-    EXPECT_EQ(german, L"de");
+    chosen = folder.select(L"de", L"fr-FR");
+    EXPECT_EQ(chosen->language(), L"de");
     EXPECT_EQ(hide_text(*chosen), L"Hide de");
 
     // A pack without this program's module still translates the common texts.
-    std::wstring partial = L"x1";
-    chosen = folder.select(partial);
+    chosen = folder.select(L"x1");
     EXPECT_EQ(ok_text(*chosen), L"OK x1");
     EXPECT_EQ(hide_text(*chosen), L"Hide disconnected");
     EXPECT_TRUE(chosen->program_pack()->loaded());
 
-    std::wstring missing = L"fr";
-    chosen = folder.select(missing, L"de-DE");
-    EXPECT_EQ(missing, L"fr");
+    chosen = folder.select(L"fr", L"de-DE");
+    EXPECT_EQ(chosen->language(), L"fr");
     EXPECT_EQ(chosen->active_pack(), nullptr);
 }
 
@@ -162,8 +153,7 @@ TEST(language_selection, first_pack_of_a_code_wins_and_damaged_packs_mean_englis
     folder.add(L"unsorted.Unsorted.100000000.lpack", unsorted);
     folder.add(L"not a pack.lpack", marked_pack(L"name"));
 
-    std::wstring duplicate = L"dup";
-    auto chosen = folder.select(duplicate);
+    auto chosen = folder.select(L"dup");
     const pack_record* first = nullptr;
     for (const pack_record& pack : chosen->packs())
         if (pack.code == L"dup" && !first)
@@ -179,12 +169,10 @@ TEST(language_selection, first_pack_of_a_code_wins_and_damaged_packs_mean_englis
     for (const wchar_t* code : {L"bad", L"cut", L"empty", L"unsorted"}) {
         if (std::wstring_view(code) == L"unsorted" && !unsorted_is_damaged)
             continue;
-        std::wstring language = code;
-        chosen = folder.select(language);
+        chosen = folder.select(code);
         EXPECT_EQ(chosen->active_pack(), nullptr) << code;
         EXPECT_EQ(ok_text(*chosen), L"OK") << code;
         EXPECT_EQ(hide_text(*chosen), L"Hide disconnected") << code;
-        EXPECT_EQ(language, code);
     }
 
     // No "languages" folder at all.
@@ -192,10 +180,9 @@ TEST(language_selection, first_pack_of_a_code_wins_and_damaged_packs_mean_englis
     localization_options options;
     options.program_folder = bare.path();
     options.user_locale_name = [] { return std::wstring(L"de-DE"); };
-    std::wstring language;
-    localization plain(options, language);
+    localization plain(options, L"");
     EXPECT_TRUE(plain.packs().empty());
-    EXPECT_EQ(language, L"");
+    EXPECT_EQ(plain.language(), L"");
     EXPECT_EQ(plain.program_pack()->text_by_key(L"OK"), L"OK");
 }
 
@@ -222,8 +209,9 @@ TEST(german_pack, translates_every_text_and_the_dialogs)
     localization_options options;
     options.program_folder = test_support::executable_folder();
     options.program_module_name = L"ServerCfg.exe";
-    std::wstring language = L"de";
-    initialize_localization(options, language);
+    // An empty setting follows the user's locale; the list shows the language in use.
+    options.user_locale_name = [] { return std::wstring(L"de-AT"); };
+    initialize_localization(options, L"");
 
     ASSERT_NE(common_strings().head(), nullptr);
     // Every built-in text has a current German translation (none dropped as stale).
@@ -252,7 +240,7 @@ TEST(german_pack, translates_every_text_and_the_dialogs)
               L"Ulmora Tools Version {0} ist verf\u00FCgbar. M\u00F6chten Sie jetzt aktualisieren?");
     EXPECT_EQ(load_string_by_key(L"QMX Software Ulmora Tools Server"), L"QMX Software Ulmora Tools Server");
 
-    const language_list list = ui_language_list(language);
+    const language_list list = ui_language_list(L"");
     ASSERT_GE(list.entries.size(), 2u);
     EXPECT_EQ(list.entries[static_cast<std::size_t>(list.selected)].display_name, L"Deutsch");
 
@@ -285,8 +273,7 @@ TEST(german_pack, translates_every_text_and_the_dialogs)
     DestroyWindow(dialog);
 
     // Back to English for the rest of the process.
-    std::wstring english = L"en";
-    initialize_localization(options, english);
+    initialize_localization(options, L"en");
     EXPECT_EQ(load_string_by_key(L"Hide disconnected"), L"Hide disconnected");
-    EXPECT_EQ(ui_language_list(english).selected, 0);
+    EXPECT_EQ(ui_language_list(L"en").selected, 0);
 }
