@@ -15,6 +15,42 @@ D2D1_COLOR_F element_colour(const markup_element& element, const layout_options&
     return parse_markup_colour(element.argument).value_or(options.default_colour);
 }
 
+// Numbers in markup come from translators, and DirectWrite refuses some of them with an
+// error that would fail the whole layout (a blank window for a typo). Each is clamped to
+// the nearest value DirectWrite takes: weight 1-999 (see set_markup_weight), stretch 1-9 (DWRITE_FONT_STRETCH
+// ultra-condensed to ultra-expanded), and a size percentage whose result lies between
+// min_markup_font_size and max_markup_font_size DIPs ("s:0:" gives the smallest size).
+DWRITE_FONT_WEIGHT markup_weight(std::int64_t number) noexcept
+{
+    return static_cast<DWRITE_FONT_WEIGHT>(std::clamp<std::int64_t>(number, 1, 999));
+}
+
+// Some DirectWrite implementations stop at ultra-black (950) rather than 999; a weight
+// above that which they refuse is drawn ultra-black.
+void set_markup_weight(IDWriteTextLayout* layout, std::int64_t number, DWRITE_TEXT_RANGE range)
+{
+    const DWRITE_FONT_WEIGHT weight = markup_weight(number);
+    const HRESULT hr = layout->SetFontWeight(weight, range);
+    if (hr == E_INVALIDARG && weight > DWRITE_FONT_WEIGHT_ULTRA_BLACK)
+        throw_if_failed(layout->SetFontWeight(DWRITE_FONT_WEIGHT_ULTRA_BLACK, range));
+    else
+        throw_if_failed(hr);
+}
+
+DWRITE_FONT_STRETCH markup_stretch(std::int64_t number) noexcept
+{
+    return static_cast<DWRITE_FONT_STRETCH>(std::clamp<std::int64_t>(number, DWRITE_FONT_STRETCH_ULTRA_CONDENSED,
+                                                                     DWRITE_FONT_STRETCH_ULTRA_EXPANDED));
+}
+
+float markup_size(float base_size, std::int64_t percent) noexcept
+{
+    const double size = static_cast<double>(base_size) * static_cast<double>(percent) * 0.01;
+    if (!std::isfinite(size))
+        return base_size;
+    return static_cast<float>(std::clamp(size, double{min_markup_font_size}, double{max_markup_font_size}));
+}
+
 std::wstring icon_name(std::int64_t number, const layout_options& options)
 {
     if (number == 0 || !options.vector_icon_name)
@@ -43,14 +79,12 @@ rich_layout build_layout(const markup_result& markup, const layout_options& opti
         const DWRITE_TEXT_RANGE r = e.range;
         switch (e.tag) {
         case L'b': throw_if_failed(layout->SetFontWeight(DWRITE_FONT_WEIGHT_BOLD, r)); break;
-        case L'w': throw_if_failed(layout->SetFontWeight(static_cast<DWRITE_FONT_WEIGHT>(e.first_number), r)); break;
+        case L'w': set_markup_weight(layout, e.first_number, r); break;
         case L'i': throw_if_failed(layout->SetFontStyle(DWRITE_FONT_STYLE_ITALIC, r)); break;
         case L'u': throw_if_failed(layout->SetUnderline(TRUE, r)); break;
         case L'-': throw_if_failed(layout->SetStrikethrough(TRUE, r)); break;
-        case L'c': throw_if_failed(layout->SetFontStretch(static_cast<DWRITE_FONT_STRETCH>(e.first_number), r)); break;
-        case L's':
-            throw_if_failed(layout->SetFontSize(base_size * static_cast<float>(e.first_number) * 0.01f, r));
-            break;
+        case L'c': throw_if_failed(layout->SetFontStretch(markup_stretch(e.first_number), r)); break;
+        case L's': throw_if_failed(layout->SetFontSize(markup_size(base_size, e.first_number), r)); break;
         case L'f': throw_if_failed(layout->SetFontFamilyName(std::wstring(e.argument).c_str(), r)); break;
         case L'F':
             // The number is the address of a collection the caller keeps alive.

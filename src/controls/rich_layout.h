@@ -33,6 +33,12 @@ struct link_range {
     bool hover_only;        // set for "H": no link colour, no underline
 };
 
+// Bounds of a size set by markup ("[[[s:percent:...]]]"), in DIPs: a zero, tiny or
+// absurd percentage from a translation is clamped into them instead of failing the layout.
+// Weights are clamped to 1-999 (950 where DirectWrite stops there) and stretches to 1-9.
+inline constexpr float min_markup_font_size = 1.0f;
+inline constexpr float max_markup_font_size = 1000.0f;
+
 struct layout_options {
     IDWriteFactory* factory = nullptr;
     IDWriteTextFormat* format = nullptr;  // base font family and size

@@ -150,6 +150,30 @@ TEST(rich_layout, font_properties_of_ranges)
     EXPECT_EQ(weight_at(unknown.layout, 0), DWRITE_FONT_WEIGHT_NORMAL);
 }
 
+// A translator's typo must never blank a window: numbers DirectWrite refuses are clamped
+// to the nearest it takes instead of failing the layout.
+TEST(rich_layout, numbers_directwrite_refuses_are_clamped)
+{
+    const built b = build(L"[[[w:0:a]]][[[w:5000:b]]][[[c:0:c]]][[[c:10:d]]][[[s:0:e]]][[[s:99999999999:f]]]"
+                          L"[[[s:-50:g]]]");
+    const rich_layout& l = b.layout;
+    EXPECT_EQ(weight_at(l, 0), 1);
+    EXPECT_GE(weight_at(l, 1), DWRITE_FONT_WEIGHT_ULTRA_BLACK);  // 999, or 950 where that is the top
+    DWRITE_FONT_STRETCH stretch{};
+    l.layout->GetFontStretch(2, &stretch);
+    EXPECT_EQ(stretch, DWRITE_FONT_STRETCH_ULTRA_CONDENSED);
+    l.layout->GetFontStretch(3, &stretch);
+    EXPECT_EQ(stretch, DWRITE_FONT_STRETCH_ULTRA_EXPANDED);
+    FLOAT size = 0;
+    l.layout->GetFontSize(4, &size);
+    EXPECT_FLOAT_EQ(size, min_markup_font_size);
+    l.layout->GetFontSize(5, &size);
+    EXPECT_FLOAT_EQ(size, max_markup_font_size);
+    l.layout->GetFontSize(6, &size);
+    EXPECT_FLOAT_EQ(size, 6.f);  // the sign of a number is ignored: 50 % of 12
+    EXPECT_GT(l.height(), 0.f);
+}
+
 TEST(rich_layout, enclosing_elements_are_applied_last_and_win)
 {
     const built b = build(L"[[[w:300:[[[bX]]]Y]]][[[b[[[w:300:Z]]]]]]");
