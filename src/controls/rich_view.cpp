@@ -1,5 +1,6 @@
 #include "controls/rich_view.h"
 
+#include "base/dpi.h"
 #include "base/failure.h"
 #include "controls/dark_theme.h"
 #include "controls/factories.h"
@@ -119,11 +120,10 @@ void rich_view::set_text(std::wstring markup)
         parse_markup(markup_, parsed_);
         plain_text_ = parsed_.text();
     } catch (const std::out_of_range&) {
-        // The one way parsing fails: an opener cut off at the very end. Show what comes
-        // before it; readers still get the whole text.
+        // The one way parsing fails: an opener cut off at the very end. The text before it
+        // is shown, and readers (WM_GETTEXT, screen readers) get exactly what is shown.
         parse_markup(std::wstring_view(markup_).substr(0, markup_.size() - 3), parsed_);
         plain_text_ = parsed_.text();
-        plain_text_ += L"[[[";
     }
     store_plain_text();
     text_changed();
@@ -184,11 +184,9 @@ void rich_view::ensure_text_format()
     if (hfont && ::GetObjectW(hfont, sizeof font, &font)) {
         size_dips = std::abs(static_cast<float>(font.lfHeight)) * 96.f / dpi();
     } else {
-        NONCLIENTMETRICSW metrics{};
-        metrics.cbSize = sizeof metrics;
-        ::SystemParametersInfoW(SPI_GETNONCLIENTMETRICS, sizeof metrics, &metrics, 0);
-        font = metrics.lfMessageFont;
-        size_dips = std::abs(static_cast<float>(font.lfHeight));
+        const dip_font message = message_font_in_dips(static_cast<UINT>(dpi()));
+        font = message.font;
+        size_dips = message.size_dips;
     }
     if (size_dips < 1)
         size_dips = 12;
@@ -200,6 +198,17 @@ void rich_view::ensure_text_format()
         font.lfItalic ? DWRITE_FONT_STYLE_ITALIC : DWRITE_FONT_STYLE_NORMAL, DWRITE_FONT_STRETCH_NORMAL, size_dips,
         L"", text_format_.put()));
     throw_if_failed(text_format_->SetWordWrapping(DWRITE_WORD_WRAPPING_WRAP));
+}
+
+dip_font message_font_in_dips(UINT dpi) noexcept
+{
+    // The system answers in pixels of the DPI it is asked for; text formats take DIPs.
+    NONCLIENTMETRICSW metrics{};
+    metrics.cbSize = sizeof metrics;
+    if (!system_parameters_for_dpi(SPI_GETNONCLIENTMETRICS, sizeof metrics, &metrics, dpi))
+        return {};
+    const float size = std::abs(static_cast<float>(metrics.lfMessageFont.lfHeight)) * 96.f / static_cast<float>(dpi);
+    return {metrics.lfMessageFont, size};
 }
 
 rich_layout rich_view::build(float width_dips)

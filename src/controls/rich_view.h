@@ -35,6 +35,14 @@ struct nm_rich_view_link {
     bool by_keyboard;
 };
 
+// The system's message font for a window at `dpi`, its height converted to DIPs (the
+// font of a rich view whose window has none). size_dips is 0 when the system has none.
+struct dip_font {
+    LOGFONTW font{};
+    float size_dips = 0;
+};
+[[nodiscard]] dip_font message_font_in_dips(UINT dpi) noexcept;
+
 class rich_view {
 public:
     // Creates the view over `placeholder`, takes over its text and font, hides it and

@@ -218,16 +218,35 @@ TEST(rich_view, links_are_activated_by_mouse_and_keyboard)
     view->detach();
 }
 
-TEST(rich_view, tolerates_markup_cut_off_at_the_end)
+TEST(rich_view, markup_cut_off_at_the_end_reads_as_it_is_shown)
 {
     owner_window owner;
     rich_view* view = rich_view::attach(owner.placeholder);
     view->set_text(L"broken [[[");
     wchar_t text[32] = {};
     ::GetWindowTextW(view->window(), text, 32);
-    EXPECT_STREQ(text, L"broken [[[");
+    EXPECT_STREQ(text, L"broken ");
+    // What readers get is what the layout shows, unit for unit.
+    std::size_t shown = 0;
+    for (const cluster_box& cluster : view->layout().clusters())
+        shown += cluster.length;
+    EXPECT_EQ(static_cast<std::size_t>(::GetWindowTextLengthW(view->window())), shown);
+    ::GetWindowTextW(owner.placeholder, text, 32);
+    EXPECT_STREQ(text, L"broken ");
     EXPECT_GE(view->measure_height(100), 1);
     view->detach();
+}
+
+// A window without a font takes the system's message font, whose pixel height belongs to
+// the DPI asked for: in DIPs it is the same size at every DPI.
+TEST(rich_view, message_font_fallback_is_sized_in_dips)
+{
+    const dip_font at_96 = message_font_in_dips(96);
+    const dip_font at_144 = message_font_in_dips(144);
+    ASSERT_GT(at_96.size_dips, 0.f);
+    EXPECT_NEAR(at_144.size_dips, at_96.size_dips, 0.75f);
+    EXPECT_GT(std::abs(at_144.font.lfHeight), std::abs(at_96.font.lfHeight));
+    EXPECT_STREQ(at_144.font.lfFaceName, at_96.font.lfFaceName);
 }
 
 TEST(rich_view, takes_the_tab_stop_only_with_links)
