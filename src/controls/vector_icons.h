@@ -3,6 +3,11 @@
 // tools/icons/build_icons.py into the "VICON2" resource, read back here and rendered onto
 // pixel surfaces.
 //
+// The reader takes a collection whole or not at all: a damaged or hostile collection is
+// refused as one. So that one icon of ours can never make all of them disappear, the
+// generator refuses at build time every icon this reader would reject (validate_icon's
+// limits are repeated there).
+//
 // Resource (little-endian):
 //   0   16  magic: the GUID {1395E7F2-8BD3-49A5-B5BC-8BEB4C73B8F7} in binary form
 //   16  4   size of the decompressed collection

@@ -3,6 +3,9 @@
 
 #include "test_support.h"
 
+#include "base/module_path.h"
+#include "base/unique_handle.h"
+
 #include <gtest/gtest.h>
 #include <lz4.h>
 
@@ -144,6 +147,73 @@ TEST(vector_icons, program_collection_holds_every_icon)
     EXPECT_TRUE(icons->find(std::wstring_view(L"s\u00e9rver")).empty());
     // The same object each time: loaded once, shared from the cache.
     EXPECT_EQ(program_icons(), icons);
+}
+
+// The generator's real output for SVG features the shipped icons do not use: the reader
+// must take the whole collection, and each feature must come out as the SVG means it.
+TEST(vector_icons, generator_output_with_every_svg_feature_reads_and_renders)
+{
+    std::vector<std::byte> file;
+    {
+        const std::wstring path = tessel::module_folder() + L"controls_test_data\\features.vicon2";
+        const tessel::unique_file handle(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                                       OPEN_EXISTING, 0, nullptr));
+        ASSERT_TRUE(handle) << "the build did not compile the feature icons";
+        file.resize(::GetFileSize(handle.get(), nullptr));
+        DWORD read = 0;
+        ASSERT_TRUE(::ReadFile(handle.get(), file.data(), DWORD(file.size()), &read, nullptr));
+    }
+    const auto collection = read_only_collection::from_resource(file);
+    ASSERT_EQ(collection.size(), 5u) << "the reader refused the generator's output";
+    const auto icon = [&](const char* name) { return collection.find(std::string_view(name)); };
+    const auto paths_of = [&](const char* name) {
+        std::vector<path_view> paths;
+        icon(name).for_each_path([&](const path_view& p) { paths.push_back(p); });
+        return paths;
+    };
+    const auto pixel = [](const surface_t& s, float x, float y) {  // in view units of a 16-unit box
+        return s.pixel(int(x / 16 * s.width()), int(y / 16 * s.height()));
+    };
+
+    // Arcs: the top half of a disc of radius 6 around (8, 8), curved, not cut by chords.
+    const surface_t arc = render_icon(icon("feature.arc"), 64);
+    EXPECT_EQ(arc.pixel(32, 10), 0xFFFF0000u);               // (8, 2.5): inside the curve
+    EXPECT_EQ(alpha_of(pixel(arc, 2.5f, 4.f)), 0u);           // in the box, outside the curve
+    EXPECT_EQ(alpha_of(pixel(arc, 8.f, 9.5f)), 0u);           // between the two arcs
+    EXPECT_EQ(paths_of("feature.arc").size(), 2u);
+
+    // Quadratic curves and their smooth continuation, in blue written as "#00f".
+    const surface_t quadratic = render_icon(icon("feature.quadratic"), 64);
+    EXPECT_EQ(pixel(quadratic, 4.f, 12.f), 0xFF0000FFu);
+    EXPECT_EQ(alpha_of(pixel(quadratic, 4.f, 6.f)), 0u);    // above the curve's peak at 8
+    EXPECT_EQ(alpha_of(pixel(quadratic, 12.f, 12.f)), 0u);  // the reflected curve bends below the box
+
+    // Even-odd fill in the named colour green (0, 128, 0).
+    const surface_t even_odd = render_icon(icon("feature.even-odd"), 64);
+    EXPECT_EQ(pixel(even_odd, 3.f, 8.f), 0xFF008000u);
+    EXPECT_EQ(alpha_of(pixel(even_odd, 8.f, 8.f)), 0u);
+    EXPECT_TRUE(paths_of("feature.even-odd").at(0).flags & path_even_odd);
+
+    // Square caps reach half the width past the line's ends; a bevel join cuts the apex
+    // where a miter would reach up to y = 5.5. Named "grey" is (128, 128, 128).
+    const auto strokes = paths_of("feature.strokes");
+    ASSERT_EQ(strokes.size(), 2u);
+    EXPECT_EQ(strokes[0].line_cap, 2);
+    EXPECT_EQ(strokes[1].line_join, 2);
+    EXPECT_EQ(strokes[1].stroke_rgba, 0xFF808080u);
+    const surface_t stroked = render_icon(icon("feature.strokes"), 64);
+    EXPECT_EQ(alpha_of(pixel(stroked, 3.3f, 3.f)), 255u);
+    EXPECT_EQ(alpha_of(pixel(stroked, 12.7f, 3.f)), 255u);
+    EXPECT_EQ(alpha_of(pixel(stroked, 8.f, 5.75f)), 0u);
+    EXPECT_EQ(pixel(stroked, 5.f, 10.5f), 0xFF808080u);
+
+    // Ellipse, polygon, named white and red, fill opacity.
+    const auto shapes = paths_of("feature.shapes");
+    ASSERT_EQ(shapes.size(), 2u);
+    EXPECT_EQ(shapes[0].fill_rgba, 0xFFFFFFFFu);
+    EXPECT_EQ(shapes[0].stroke_rgba, 0xFF000000u);
+    EXPECT_EQ(shapes[1].fill_rgba, 0x800000FFu);
+    EXPECT_EQ(icon("feature.shapes").view_width(), 32.f);
 }
 
 TEST(vector_icons, rendered_through_direct2d_onto_a_wic_bitmap)

@@ -11,6 +11,13 @@ attributes fill, fill-rule, fill-opacity, stroke, stroke-width, stroke-linecap,
 stroke-linejoin, stroke-miterlimit, stroke-opacity, opacity, also inside style="".
 Anything else is an error, so that an icon never silently loses a part.
 
+The program's reader takes a collection whole or not at all: one icon it would reject
+(a view box outside 0.01-10000 units or its origin beyond 100000, a stroke wider than the
+box, a miter limit above 100, a point more than two box sizes left/above or three right/
+below of the box's origin) would make every icon disappear at run time. Such an icon is
+refused here instead, at build time, naming its file; keep these limits in step with
+validate_icon in src/controls/vector_icons.cpp.
+
 The collection layout is documented in src/controls/vector_icons.h; keep both in step.
 """
 
@@ -341,6 +348,42 @@ def encode_path(commands, a, offset):
     return head + bytes(verbs) + struct.pack(f"<{len(coords)}f", *coords)
 
 
+def as_float32(value):
+    """The value as the reader sees it, after storing it in 32 bits."""
+    try:
+        return struct.unpack("<f", struct.pack("<f", value))[0]
+    except OverflowError:
+        return math.inf
+
+
+def check_view(view):
+    x, y, w, h = (as_float32(v) for v in view)
+    for name, v in (("x", x), ("y", y)):
+        if not math.isfinite(v) or abs(v) >= 1.0e5:
+            raise IconError(f"the viewBox {name} {v:g} lies too far from the origin (limit 100000)")
+    for name, v in (("width", w), ("height", h)):
+        if not (0.01 <= v <= 1.0e4):
+            raise IconError(f"the viewBox {name} {v:g} is outside 0.01-10000")
+
+
+def check_path(view, commands, a, offset):
+    """Refuses what the reader would refuse in one path (see the module's docstring)."""
+    x, y, w, h = (as_float32(v) for v in view)
+    extent = max(w, h)
+    stroke_width = as_float32(float(a.get("stroke-width", 1)))
+    if not (0 <= stroke_width <= extent):
+        raise IconError(f"stroke-width {stroke_width:g} is wider than the view box ({extent:g})")
+    miter = as_float32(float(a.get("stroke-miterlimit", 4)))
+    if not (0 <= miter <= 100):
+        raise IconError(f"stroke-miterlimit {miter:g} is outside 0-100")
+    for _, points in commands:
+        for px, py in points:
+            for value, origin, axis in ((px + offset[0], x, "x"), (py + offset[1], y, "y")):
+                v = as_float32(value)
+                if not (math.isfinite(v) and abs(v) < 1.0e5 and origin - 2 * extent <= v <= origin + 3 * extent):
+                    raise IconError(f"point {axis} = {value:g} lies far outside the view box")
+
+
 def icon_shapes(path):
     """The icon's view box (x, y, width, height) and its shapes in drawing order, each
     (commands, attributes, offset); the rasterizer of the application icon reads them too."""
@@ -371,7 +414,13 @@ def icon_shapes(path):
 
 def compile_icon(path):
     view, shapes = icon_shapes(path)
-    paths = [encoded for encoded in (encode_path(c, a, o) for c, a, o in shapes) if encoded]
+    check_view(view)
+    paths = []
+    for commands, a, offset in shapes:
+        encoded = encode_path(commands, a, offset)
+        if encoded:  # a shape with neither fill nor stroke is not stored, so not checked
+            check_path(view, commands, a, offset)
+            paths.append(encoded)
     return struct.pack("<ffffI", *view, len(paths)) + b"".join(paths)
 
 
