@@ -1,6 +1,7 @@
 #include "controls/embedded_font.h"
 
 #include "base/com_object.h"
+#include "base/failure.h"
 
 #include <cstring>
 
@@ -16,6 +17,11 @@ bool read_key(const void* key, UINT32 key_size, font_resource_key& out) noexcept
 }
 
 }  // namespace
+
+HRESULT resource_load_failure(DWORD last_error) noexcept
+{
+    return last_error == ERROR_SUCCESS ? E_FAIL : hresult_from_win32(last_error);
+}
 
 // The resource bytes live as long as the module; the stream only points at them.
 class font_file_stream final : public com_object<IDWriteFontFileStream> {
@@ -68,7 +74,7 @@ public:
         HGLOBAL loaded = ::LoadResource(module, found);
         const void* bytes = loaded ? ::LockResource(loaded) : nullptr;
         if (!bytes)
-            return HRESULT_FROM_WIN32(::GetLastError());
+            return resource_load_failure(::GetLastError());
         try {
             *stream = make_com_object<font_file_stream>(bytes, ::SizeofResource(module, found)).detach();
             return S_OK;

@@ -26,6 +26,10 @@ static_assert(sizeof(font_resource_key) == 16);
 // The loader objects, created through these functions and registered by
 // embedded_font_loaders below.
 [[nodiscard]] com_ptr<IDWriteFontFileLoader> make_font_file_loader();
+// The HRESULT the loader returns when a resource was found but cannot be loaded or
+// locked: the last error's, and E_FAIL when the system left none (a failure must never
+// read as S_OK without a stream).
+[[nodiscard]] HRESULT resource_load_failure(DWORD last_error) noexcept;
 [[nodiscard]] com_ptr<IDWriteFontCollectionLoader> make_font_collection_loader(IDWriteFontFileLoader* file_loader);
 
 }  // namespace details

@@ -54,11 +54,18 @@ TEST(embedded_font, loaders_accept_only_sixteen_byte_keys)
     }
     EXPECT_EQ(static_cast<HRESULT>(E_INVALIDARG), static_cast<HRESULT>(0x80070057));
 
-    // A key naming a resource that does not exist: no stream.
-    const details::font_resource_key missing{key.module, 4711};
-    com_ptr<IDWriteFontFileStream> none;
-    EXPECT_TRUE(FAILED(file_loader->CreateStreamFromKey(&missing, sizeof missing, none.put())));
-    EXPECT_FALSE(none);
+    // Keys naming resources that cannot be had: a failing HRESULT and no stream, also when
+    // the system leaves no last error behind.
+    for (const details::font_resource_key unusable : {details::font_resource_key{key.module, 4711},
+                                                       details::font_resource_key{0, 4711}}) {
+        ::SetLastError(ERROR_SUCCESS);
+        com_ptr<IDWriteFontFileStream> none;
+        EXPECT_TRUE(FAILED(file_loader->CreateStreamFromKey(&unusable, sizeof unusable, none.put())));
+        EXPECT_FALSE(none);
+    }
+    EXPECT_EQ(details::resource_load_failure(ERROR_SUCCESS), E_FAIL);
+    EXPECT_EQ(details::resource_load_failure(ERROR_RESOURCE_DATA_NOT_FOUND),
+              HRESULT_FROM_WIN32(ERROR_RESOURCE_DATA_NOT_FOUND));
 }
 
 TEST(embedded_font, stream_points_at_the_resource_bytes)
