@@ -3,6 +3,8 @@
 
 #include <windows.h>
 
+#include <ctime>
+
 #include <array>
 #include <iterator>
 #include <locale>
@@ -187,11 +189,17 @@ void append_from_locale(scratch_buffer& out, const std::tm& time, char conversio
 
 void append_utc_offset(scratch_buffer& out, const std::tm& time)
 {
-    TIME_ZONE_INFORMATION zone;
-    if (::GetTimeZoneInformation(&zone) == TIME_ZONE_ID_INVALID)
-        return;
-    const long bias = zone.Bias + (time.tm_isdst > 0 ? zone.DaylightBias : zone.StandardBias);
-    const long offset = -bias;
+    // The offset comes from where the clock fields come from: the C runtime's zone, which
+    // follows a TZ variable when one is set and the system's zone otherwise. Taking it
+    // from GetTimeZoneInformation instead would disagree with those fields under TZ, and
+    // a time written and read back would move by the difference every time.
+    static const bool zone_read = [] {
+        _tzset();
+        return true;
+    }();
+    (void)zone_read;
+    const long bias_seconds = _timezone + (time.tm_isdst > 0 ? _dstbias : 0);
+    const long offset = -bias_seconds / 60;
     out.push_back(offset < 0 ? L'-' : L'+');
     const long minutes = offset < 0 ? -offset : offset;
     append_number(out, minutes / 60, 2);

@@ -6,6 +6,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
+#include <utility>
+
 using nsm_test::test_key;
 using ::testing::ElementsAre;
 using ::testing::UnorderedElementsAre;
@@ -120,4 +124,35 @@ TEST(app_settings, stored_values_of_other_types_and_versions)
     EXPECT_EQ(load_failure(partial, key), L"loaded");
     EXPECT_EQ(partial.promo.expires_on, tessel::nsm::date(tessel::nsm::days(19874)));
     EXPECT_EQ(partial.language, L"de");
+}
+
+// The expiry date is stored as local time with its offset. Both must come from one zone:
+// under a TZ variable that disagrees with the system's zone the date would otherwise move
+// by a day on every save and load west of UTC.
+TEST(app_settings, expiry_date_survives_saves_and_loads_west_and_east_of_utc)
+{
+    test_key key(L"zones");
+    const tessel::nsm::date day(tessel::nsm::days(19874));  // 2024-05-31
+    const std::pair<const char*, const wchar_t*> zones[] = {{"TZ=EST5", L"2024-05-30T19:00:00-0500"},
+                                                            {"TZ=HST10", L"2024-05-30T14:00:00-1000"},
+                                                            {"TZ=JST-9", L"2024-05-31T09:00:00+0900"},
+                                                            {"TZ=NZT-12", L"2024-05-31T12:00:00+1200"}};
+    for (const auto& [zone, stored] : zones) {
+        _putenv(zone);
+        _tzset();
+        app_settings record;
+        record.promo.expires_on = day;
+        for (int round = 0; round < 3; ++round) {
+            save_settings(record, HKEY_CURRENT_USER, key.path());
+            record = {};
+            load_settings(record, HKEY_CURRENT_USER, key.path());
+            EXPECT_EQ(record.promo.expires_on, day) << zone << ", round " << round;
+        }
+        wchar_t text[64] = {};
+        DWORD size = sizeof text;
+        ::RegGetValueW(key.open(L"promo").get(), nullptr, L"ExpiresOn", RRF_RT_REG_SZ, nullptr, text, &size);
+        EXPECT_STREQ(text, stored) << zone;
+    }
+    _putenv("TZ=");
+    _tzset();
 }
