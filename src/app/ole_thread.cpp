@@ -6,6 +6,7 @@
 #include <ole2.h>
 
 #include <exception>
+#include <system_error>
 
 namespace tessel::windows {
 namespace {
@@ -33,10 +34,18 @@ void name_current_thread() noexcept
 
 }  // namespace
 
-ole_thread::ole_thread() : ready_(::CreateEventW(nullptr, TRUE, FALSE, nullptr))
+ole_thread::ole_thread() : ole_thread(::CreateEventW) {}
+
+ole_thread::ole_thread(create_event_fn create_event) : ready_(create_event(nullptr, TRUE, FALSE, nullptr))
 {
-    throw_last_error_if(!ready_);
-    thread_ = std::thread([this] { run(); });
+    // Without its thread the window would go on half set up: the process ends instead.
+    if (!ready_)
+        fail_fast_last_error(L"CreateEvent failed for the OLE thread");
+    try {
+        thread_ = std::thread([this] { run(); });
+    } catch (const std::system_error&) {
+        fail_fast(L"the OLE thread could not start");
+    }
     ::WaitForSingleObject(ready_.get(), INFINITE);
 }
 
@@ -81,10 +90,12 @@ void ole_thread::run() noexcept
             } catch (...) {
                 record->error = std::current_exception();
             }
+            // The wake happens under the lock: once the lock is released the caller may
+            // see `done`, return and free the record, which lives on its stack.
             ::AcquireSRWLockExclusive(&record->lock);
             record->done = true;
-            ::ReleaseSRWLockExclusive(&record->lock);
             ::WakeConditionVariable(&record->done_signal);
+            ::ReleaseSRWLockExclusive(&record->lock);
             continue;
         }
         ::TranslateMessage(&message);

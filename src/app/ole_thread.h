@@ -21,6 +21,9 @@ public:
     // Starts the thread and returns once it accepts calls. A failure of its set-up ends
     // the process (fail fast): nothing sensible can run without it.
     ole_thread();
+    // The same with the event's creation supplied, so that tests can make it fail.
+    using create_event_fn = HANDLE(WINAPI*)(LPSECURITY_ATTRIBUTES, BOOL, BOOL, LPCWSTR);
+    explicit ole_thread(create_event_fn create_event);
     ~ole_thread();
     ole_thread(const ole_thread&) = delete;
     ole_thread& operator=(const ole_thread&) = delete;
