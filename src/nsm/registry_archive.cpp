@@ -12,6 +12,8 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <limits>
+#include <type_traits>
 #include <vector>
 
 namespace tessel::nsm {
@@ -56,12 +58,14 @@ std::wstring shortest_text(T value)
 {
     if (std::isnan(value)) {
         // Quiet and signalling NaNs keep their forms apart, as the readers of these keys
-        // have always seen them.
-        std::uint64_t bits = 0;
-        const double as_double = static_cast<double>(value);
-        std::memcpy(&bits, &as_double, sizeof bits);
-        const bool quiet = (bits & 0x0008000000000000ull) != 0;
-        return std::wstring(std::signbit(value) ? L"-" : L"") + (quiet ? L"nan(ind)" : L"nan(snan)");
+        // have always seen them; a NaN has no sign worth keeping. The quiet bit is read in
+        // the value's own type: widening a float to double would quieten it first.
+        using bits_type = std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>;
+        static_assert(sizeof(bits_type) == sizeof(T));
+        bits_type bits = 0;
+        std::memcpy(&bits, &value, sizeof bits);
+        constexpr bits_type quiet_bit = bits_type{1} << (std::numeric_limits<T>::digits - 2);
+        return (bits & quiet_bit) != 0 ? L"nan(ind)" : L"nan(snan)";
     }
     char buffer[64];
     const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);

@@ -10,6 +10,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
+#include <limits>
 
 namespace nsm = tessel::nsm;
 using nsm_test::test_key;
@@ -164,6 +166,31 @@ TEST(registry_archive, value_types_boundaries_and_kind_flags)
                                    "versioned"));
     EXPECT_THAT(flags, ElementsAre(0x83u, 0x88u, 0x83u, 0x83u, 0x1A6u, 0x1A6u, 0x83u, 0x83u, 0x1A6u, 0x1A6u | (2u << 9)));
     reader->end_object();
+}
+
+TEST(registry_archive, nan_texts_tell_signalling_from_quiet_and_carry_no_sign)
+{
+    test_key key(L"nans");
+    nsm::registry archive(HKEY_CURRENT_USER, key.path());
+    {
+        auto writer = archive.create_writer();
+        writer->begin_object({}, 0x90, 4, 0);
+        writer->write_float("float_signalling", 0x82, std::numeric_limits<float>::signaling_NaN());
+        writer->write_float("float_quiet", 0x82, std::copysign(std::numeric_limits<float>::quiet_NaN(), -1.0f));
+        writer->write_double("double_signalling", 0x82, -std::numeric_limits<double>::signaling_NaN());
+        writer->write_double("double_quiet", 0x82, std::copysign(std::numeric_limits<double>::quiet_NaN(), -1.0));
+        writer->end_object();
+    }
+    const auto text = [&](const wchar_t* name) {
+        wchar_t buffer[32] = {};
+        DWORD size = sizeof buffer;
+        ::RegGetValueW(key.open().get(), nullptr, name, RRF_RT_REG_SZ, nullptr, buffer, &size);
+        return std::wstring(buffer);
+    };
+    EXPECT_EQ(text(L"float_signalling"), L"nan(snan)");
+    EXPECT_EQ(text(L"float_quiet"), L"nan(ind)");
+    EXPECT_EQ(text(L"double_signalling"), L"nan(snan)");
+    EXPECT_EQ(text(L"double_quiet"), L"nan(ind)");
 }
 
 TEST(registry_archive, other_value_types_report_no_value_and_fail_to_read)
