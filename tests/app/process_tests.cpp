@@ -9,6 +9,7 @@
 
 #include <windows.h>
 
+#include <cstdint>
 #include <cwchar>
 #include <fstream>
 #include <string>
@@ -165,16 +166,21 @@ TEST_F(program_process, unregistered_server_class_shows_the_connect_error_and_ex
     EXPECT_EQ(program_run.wait(), 1u);
 }
 
-TEST_F(program_process, stopped_server_shows_not_running_and_exits_with_2)
+TEST_F(program_process, stopped_server_or_failing_running_query_shows_not_running_and_exits_with_2)
 {
-    use_scenario(R"({"running": false})");
-    process program_run(program());
-    const std::wstring box = wait_for(message_text_id);
-    ASSERT_FALSE(box.empty()) << "no message box appeared";
-    EXPECT_EQ(message_text(box),
-              L"Ulmora Tools Server is not currently running. Either start the server or try to reinstall the product.");
-    ui_driver(L"click " + box + L" 1");
-    EXPECT_EQ(program_run.wait(), 2u);
+    // A server that answers "not running", and one whose running query itself fails.
+    for (const char* scenario : {R"({"running": false})",
+                                 R"({"running": true, "failures": [{"method": "IsRunning", "hresult": "0x80010108"}]})"}) {
+        use_scenario(scenario);
+        process program_run(program());
+        const std::wstring box = wait_for(message_text_id);
+        ASSERT_FALSE(box.empty()) << "no message box appeared: " << scenario;
+        EXPECT_EQ(message_text(box), L"Ulmora Tools Server is not currently running. Either start the server or try "
+                                     L"to reinstall the product.")
+            << scenario;
+        ui_driver(L"click " + box + L" 1");
+        EXPECT_EQ(program_run.wait(), 2u) << scenario;
+    }
 }
 
 TEST_F(program_process, unreadable_command_line_is_reported_and_ends_with_a_nonzero_code)
@@ -194,9 +200,18 @@ TEST_F(program_process, second_start_defers_to_the_first_and_closing_leaves_only
     const std::wstring main_window = wait_for(main_tree_placeholder_id);
     ASSERT_FALSE(main_window.empty()) << "the main window did not appear";
 
+    // Another window has the foreground when the second copy starts; the first copy's
+    // window takes it over.
+    const HWND first_window = reinterpret_cast<HWND>(static_cast<std::uintptr_t>(std::wcstoull(main_window.c_str(), nullptr, 16)));
+    const tessel::unique_hwnd other(::CreateWindowExW(0, L"STATIC", L"in front", WS_POPUP | WS_VISIBLE, 0, 0, 50, 50,
+                                                      nullptr, nullptr, nullptr, nullptr));
+    ::SetForegroundWindow(other.get());
+    ASSERT_EQ(::GetForegroundWindow(), other.get());
+
     process second(program());
     EXPECT_EQ(second.wait(), 0u);
     EXPECT_EQ(first.wait(0), STILL_ACTIVE) << "the first copy must keep running";
+    EXPECT_EQ(::GetForegroundWindow(), first_window);
 
     ui_driver(L"close " + main_window);
     EXPECT_EQ(first.wait(), 0u);

@@ -149,9 +149,37 @@ TEST(ui_dispatch, null_handle_posts_nothing_and_escaped_exceptions_are_reported)
     fibra::set_unhandled_exception_reporter(previous);
     EXPECT_EQ(reports, (std::vector<std::wstring>{std::to_wstring(0x80070005ul), L"other"}));
 
-    EXPECT_NE(tessel::windows::wm_ui_return(), 0u);
-    EXPECT_NE(tessel::windows::wm_process_command(), tessel::windows::wm_ui_return());
+}
+
+TEST(ui_dispatch, registered_messages_carry_their_published_names)
+{
+    EXPECT_EQ(::RegisterWindowMessageW(L"QMX_WM_PROCESSCOMMAND"), tessel::windows::wm_process_command());
     EXPECT_EQ(::RegisterWindowMessageW(L"QMXWM_UIRETURN"), tessel::windows::wm_ui_return());
+    EXPECT_EQ(::RegisterWindowMessageW(L"QMXWM_OLE_2"), tessel::windows::wm_ole_call());
+    EXPECT_GE(tessel::windows::wm_ole_call(), 0xC000u);  // a registered message, not a fixed one
+}
+
+// The hook sees peeks that leave a message in the queue as well as its removal: resuming
+// on a peek would run the coroutine early, and the removal would then resume a finished
+// frame a second time.
+TEST(ui_dispatch, hook_resumes_once_on_removal_and_never_on_a_peek)
+{
+    auto hook = tessel::windows::impl::install_ui_return_hook();
+    drain_queue();
+    std::vector<std::wstring> log;
+    bool done = false;
+    switch_and_record(async_context(::GetCurrentThreadId(), nullptr, true), log, done);
+
+    MSG message;
+    for (int peek = 0; peek < 3; ++peek) {
+        ASSERT_TRUE(::PeekMessageW(&message, nullptr, 0, 0, PM_NOREMOVE));
+        EXPECT_EQ(message.message, tessel::windows::wm_ui_return());
+    }
+    EXPECT_TRUE(log.empty()) << "a peek resumed the coroutine";
+    ASSERT_TRUE(::PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE));
+    EXPECT_EQ(log, std::vector<std::wstring>{L"resumed on UI thread"});
+    EXPECT_TRUE(done);
+    EXPECT_FALSE(::PeekMessageW(&message, nullptr, 0, 0, PM_NOREMOVE));
 }
 
 }  // namespace
