@@ -14,11 +14,10 @@
 // is_empty and first_selected are constant-time and everything else is logarithmic in the
 // number of runs plus the boundaries an operation removes (each was inserted once).
 
-#include "controls/boundary_map.h"
+#include "controls/boundary_tree.h"
 
+#include <cstddef>
 #include <cstdint>
-#include <map>
-#include <memory>
 
 namespace tessel::windows::new_controls::listview::impl {
 
@@ -34,7 +33,7 @@ struct row_run {
     friend bool operator==(const row_run&, const row_run&) = default;
 };
 
-// `store` holds the boundaries keyed by signed 64-bit row, as boundary_map does:
+// `store` holds the boundaries keyed by signed 64-bit row, as boundary_tree does:
 // begin/end/lower_bound giving bidirectional iterators with row() and selected(),
 // set_selected(iterator, bool), insert(row, selected) where no boundary is yet,
 // erase(first, last) of every boundary in [first, last], size, clear. Inserting or
@@ -204,7 +203,7 @@ private:
 };
 
 // The boundary store of the list's selection.
-using range_set = basic_range_set<boundary_map<std::map<std::int64_t, bool>>>;
+using range_set = basic_range_set<boundary_tree>;
 
 class iselection {
 public:

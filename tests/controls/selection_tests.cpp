@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <ostream>
 #include <random>
@@ -197,4 +198,62 @@ TEST(multiple_selection, random_operations_agree_with_a_flag_per_row)
             ASSERT_EQ(selection.is_selected(probe), bool(oracle[probe]));
         }
     }
+}
+
+// Deep enough for inner nodes to split, refill and merge.
+TEST(boundary_tree, random_inserts_and_range_erases_agree_with_an_ordered_map)
+{
+    std::mt19937_64 random(7);
+    boundary_tree tree;
+    std::map<std::int64_t, bool> expected;
+    const auto check = [&] {
+        ASSERT_EQ(tree.size(), expected.size());
+        auto at = tree.begin();
+        for (const auto& [row, selected] : expected) {
+            ASSERT_EQ(at.row(), row);
+            ASSERT_EQ(at.selected(), selected);
+            ++at;
+        }
+        ASSERT_TRUE(at == tree.end());
+        for (auto back = expected.rbegin(); back != expected.rend(); ++back)
+            ASSERT_EQ((--at).row(), back->first);
+    };
+    for (int round = 0; round < 6; ++round) {
+        const std::int64_t span = round % 2 ? 40000 : 3000;
+        for (int step = 0; step < 6000; ++step) {
+            const std::int64_t row = std::int64_t(random() % std::uint64_t(span));
+            if (random() % 3) {
+                if (expected.emplace(row, (row & 1) != 0).second)
+                    tree.insert(row, (row & 1) != 0);
+            } else {
+                const std::int64_t last = row + std::int64_t(random() % 300);
+                tree.erase(row, last);
+                expected.erase(expected.lower_bound(row), expected.upper_bound(last));
+            }
+            const std::int64_t probe = std::int64_t(random() % std::uint64_t(span));
+            const auto found = tree.lower_bound(probe);
+            const auto wanted = expected.lower_bound(probe);
+            ASSERT_EQ(found == tree.end(), wanted == expected.end());
+            if (wanted != expected.end()) {
+                ASSERT_EQ(found.row(), wanted->first);
+            }
+            if (step % 500 == 0)
+                check();
+        }
+        check();
+        for (std::int64_t row = span; row < span + 5000; ++row) {  // appends fill leaves
+            if (expected.emplace(row, false).second)
+                tree.insert(row, false);
+        }
+        check();
+        if (round == 1) {
+            EXPECT_GE(tree.height(), 3);
+        }
+        tree.erase(span / 3, span + 2000);
+        expected.erase(expected.lower_bound(span / 3), expected.upper_bound(span + 2000));
+        check();
+    }
+    tree.erase(-1, std::int64_t{1} << 62);
+    EXPECT_EQ(tree.size(), 0u);
+    EXPECT_EQ(tree.height(), 0);
 }
