@@ -10,7 +10,9 @@
 //
 // The machine is shared: the stores' batches are interleaved, in rotating order, so
 // that all see the same disturbances; the table gives the fastest batch and the median.
-// Each batch changes a few rows; they are put back, untimed, before the next.
+// Every operation starts from every other row selected: each is timed on its own (with
+// the time stamp counter, as the performance counter ticks only every 100 ns under
+// Wine) and the rows it changed are put back, untimed, before the next.
 
 #include "allocation_counter.h"
 #include "controls/boundary_map.h"
@@ -20,6 +22,7 @@
 #include <boost/pool/pool_alloc.hpp>
 
 #include <windows.h>
+#include <x86intrin.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -44,6 +47,24 @@ double now_ns()
     LARGE_INTEGER t;
     ::QueryPerformanceCounter(&t);
     return double(t.QuadPart) * ns_per_tick;
+}
+
+// Time stamp counter ticks per nanosecond, and the ticks of an empty measurement.
+double ticks_per_ns = 1;
+double empty_ticks = 0;
+
+void calibrate()
+{
+    const double start_ns = now_ns();
+    const std::uint64_t start = __rdtsc();
+    ::Sleep(200);
+    ticks_per_ns = double(__rdtsc() - start) / (now_ns() - start_ns);
+    std::uint64_t best = ~std::uint64_t{0};
+    for (int i = 0; i < 1000; ++i) {
+        const std::uint64_t t = __rdtsc();
+        best = std::min(best, __rdtsc() - t);
+    }
+    empty_ticks = double(best);
 }
 
 struct samples {
@@ -153,6 +174,7 @@ struct operation {
 
 int main()
 try {
+    calibrate();
     const std::vector<store_kind> stores = {
         {"B+ tree (chosen)", [] { return std::make_unique<model_over<boundary_tree>>(); }},
         {"std::map", [] { return std::make_unique<model_over<std_map>>(); }},
@@ -246,22 +268,28 @@ try {
                 for (std::size_t k = 0; k < stores.size(); ++k) {
                     const std::size_t s = (k + std::size_t(round)) % stores.size();
                     model& m = *models[s][z];
+                    double ticks = 0;
+                    int timed = 0;
                     if (o == operations.size()) {
-                        // Truncate: each call cuts the last run, as when the last rows go.
-                        const double start = now_ns();
-                        for (int i = 1; i <= positions; ++i)
-                            m.truncate(size - 2 * row_index(i));
-                        timings[o][s][z].ns.push_back((now_ns() - start) / positions);
-                        restore(m, size - 2 * positions, size);
+                        // Truncate: cuts the last run, as when the last rows go.
+                        for (int i = 0; i < positions; ++i) {
+                            const std::uint64_t start = __rdtsc();
+                            m.truncate(size - 2);
+                            ticks += double(__rdtsc() - start) - empty_ticks;
+                            ++timed;
+                            m.set_range(size - 2, size - 1, range_mode::select);
+                        }
                     } else {
                         const operation& op = operations[o];
-                        const double start = now_ns();
-                        for (const row_index p : at)
+                        for (const row_index p : at) {
+                            const std::uint64_t start = __rdtsc();
                             op.run(m, p);
-                        timings[o][s][z].ns.push_back((now_ns() - start) / (positions * op.ops_per_position));
-                        for (const row_index p : at)
+                            ticks += double(__rdtsc() - start) - empty_ticks;
+                            timed += op.ops_per_position;
                             restore(m, p - op.reach, p + op.reach + 1);
+                        }
                     }
+                    timings[o][s][z].ns.push_back(ticks / ticks_per_ns / timed);
                     if (m.count() != size / 2 || m.run_count() != size / 2) {
                         std::printf("the %s store lost its rows\n", stores[s].name);
                         return 1;
@@ -271,7 +299,8 @@ try {
         }
     }
 
-    std::printf("\n%d interleaved batches of %d operations; ns per operation, best (median)\n", rounds, positions);
+    std::printf("\n%d interleaved batches of %d operations; ns per operation, best (median); %.2f ticks per ns\n",
+                rounds, positions, ticks_per_ns);
     std::printf("%-24s %-22s %17s %17s %15s %s\n", "operation", "store", "1000 rows", "1000000 rows", "ratio", "<=1.1");
     for (std::size_t o = 0; o < operation_count; ++o) {
         std::string name = o == operations.size() ? std::string("truncate (last run)")

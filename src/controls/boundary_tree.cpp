@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 #include <utility>
 
 namespace tessel::windows::new_controls::listview::impl {
@@ -76,6 +77,7 @@ boundary_tree& boundary_tree::operator=(boundary_tree&& other) noexcept
         std::swap(size_, other.size_);
         std::swap(leaves_, other.leaves_);
         std::swap(inners_, other.inners_);
+        other.finger_ = {};
     }
     return *this;
 }
@@ -90,12 +92,22 @@ boundary_tree::~boundary_tree()
 
 boundary_tree::leaf* boundary_tree::leaf_for(std::int64_t row) const noexcept
 {
+    if (finger_.at && row >= finger_.low && row < finger_.high)
+        return finger_.at;
     void* node = root_;
+    finger_.low = std::numeric_limits<std::int64_t>::min();
+    finger_.high = std::numeric_limits<std::int64_t>::max();
     for (int level = height_; level > 1; --level) {
         auto* at = static_cast<inner*>(node);
-        node = at->children[child_for(*at, row)];
+        const int child = child_for(*at, row);
+        if (child > 0)
+            finger_.low = at->separators[child - 1];
+        if (child < at->count - 1)
+            finger_.high = at->separators[child];
+        node = at->children[child];
     }
-    return static_cast<leaf*>(node);
+    finger_.at = static_cast<leaf*>(node);
+    return finger_.at;
 }
 
 boundary_tree::iterator boundary_tree::lower_bound(std::int64_t row) const noexcept
@@ -123,6 +135,12 @@ void boundary_tree::insert(std::int64_t row, bool selected)
         root_ = first_ = last_ = at;
         height_ = 1;
     }
+    if (leaf* at = leaf_for(row); at->count < leaf_capacity) {
+        insert_at(*at, lower_index(*at, row), row, selected);
+        ++size_;
+        return;
+    }
+    finger_ = {};  // the split moves rows and separators
     const split s = insert_into(root_, height_, row, selected);
     if (s.right) {
         inner* top = take_inner();
@@ -218,12 +236,26 @@ void boundary_tree::erase(std::int64_t first, std::int64_t last) noexcept
         clear();
         return;
     }
-    for (;;) {
-        const iterator at = lower_bound(first);
-        if (at == end() || at.row() > last)
+    // Within one leaf that stays at least a quarter full (or is the root) nothing else
+    // changes.
+    if (leaf* at = leaf_for(first); last < finger_.high) {
+        const int from = lower_index(*at, first);
+        const int to = int(std::upper_bound(at->rows + from, at->rows + at->count, last) - at->rows);
+        if (to == from)
             return;
+        if (height_ == 1 ? at->count > to - from : at->count - (to - from) >= leaf_capacity / 4) {
+            std::memmove(at->rows + from, at->rows + to, sizeof(std::int64_t) * std::size_t(at->count - to));
+            std::memmove(at->selected + from, at->selected + to, std::size_t(at->count - to));
+            at->count -= to - from;
+            size_ -= std::size_t(to - from);
+            return;
+        }
+    }
+    finger_ = {};  // refilling and merging leaves moves rows and separators
+    // One descent per leaf that holds rows of the range.
+    for (;;) {
         std::size_t erased = 0;
-        erase_from(root_, height_, at.row(), last, erased);
+        const bool more = erase_from(root_, height_, first, last, erased);
         size_ -= erased;
         while (height_ > 1 && static_cast<inner*>(root_)->count == 1) {
             auto* top = static_cast<inner*>(root_);
@@ -236,29 +268,40 @@ void boundary_tree::erase(std::int64_t first, std::int64_t last) noexcept
             clear();
             return;
         }
+        if (!more)
+            return;
     }
 }
 
-// Erases [first, last] from the one leaf that holds `first`; returns whether `node` fell
-// below a quarter of its capacity.
-bool boundary_tree::erase_from(void* node, int level, std::int64_t first, std::int64_t last,
+// Erases [first, last] from the one leaf a descent to `first` reaches. When the range goes
+// on in the next leaf, moves `first` to that leaf's first row and returns true.
+bool boundary_tree::erase_from(void* node, int level, std::int64_t& first, std::int64_t last,
                                std::size_t& erased) noexcept
 {
     if (level == 1) {
         leaf& at = *static_cast<leaf*>(node);
         const int from = lower_index(at, first);
         const int to = int(std::upper_bound(at.rows + from, at.rows + at.count, last) - at.rows);
+        const bool more = to == at.count && at.next && at.next->rows[0] <= last;
+        if (more)
+            first = at.next->rows[0];
         std::memmove(at.rows + from, at.rows + to, sizeof(std::int64_t) * std::size_t(at.count - to));
         std::memmove(at.selected + from, at.selected + to, std::size_t(at.count - to));
         at.count -= to - from;
         erased += std::size_t(to - from);
-        return at.count < leaf_capacity / 4;
+        return more;
     }
     inner& at = *static_cast<inner*>(node);
     const int child = child_for(at, first);
-    if (erase_from(at.children[child], level - 1, first, last, erased))
+    const std::size_t erased_before = erased;
+    const bool more = erase_from(at.children[child], level - 1, first, last, erased);
+    if (erased == erased_before)
+        return more;  // a short leaf just split off for appends stays as it is
+    const int left = level == 2 ? static_cast<leaf*>(at.children[child])->count
+                                : static_cast<inner*>(at.children[child])->count;
+    if (left < (level == 2 ? leaf_capacity : inner_capacity) / 4)
         rebalance(at, child, level - 1);
-    return at.count < inner_capacity / 4;
+    return more;
 }
 
 // Refills the child that fell short from a neighbour, or merges the two.
@@ -327,6 +370,7 @@ void boundary_tree::rebalance(inner& parent, int child, int level) noexcept
 
 void boundary_tree::clear() noexcept
 {
+    finger_ = {};
     if (root_)
         free_node(root_, height_);
     root_ = nullptr;

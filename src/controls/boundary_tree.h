@@ -9,7 +9,9 @@
 // Separators in inner nodes are only lower bounds of their child's rows (erasing a
 // child's first row leaves its separator alone), which is all a descent needs. Leaves
 // that fall below a quarter are refilled from or merged with a neighbour. Appending past
-// the last row fills leaves completely instead of splitting them in halves.
+// the last row fills leaves completely instead of splitting them in halves. The tree
+// remembers the last leaf it reached (lookups are const but move that finger): use it
+// from one thread.
 // Inserting or erasing invalidates every iterator. Move-only.
 
 #include <cstddef>
@@ -92,7 +94,7 @@ private:
         std::int64_t separator = 0;
     };
     split insert_into(void* node, int level, std::int64_t row, bool selected);
-    bool erase_from(void* node, int level, std::int64_t first, std::int64_t last, std::size_t& erased) noexcept;
+    bool erase_from(void* node, int level, std::int64_t& first, std::int64_t last, std::size_t& erased) noexcept;
     void rebalance(inner& parent, int child, int level) noexcept;
     leaf* leaf_for(std::int64_t row) const noexcept;
     leaf* take_leaf() noexcept;
@@ -106,6 +108,14 @@ private:
     std::size_t leaves_ = 0, inners_ = 0;
     // Kept for the next insert; not counted in node_bytes. A tree of 2^63 rows is less than
     // 64 levels deep.
+    // The leaf the last lookup reached and the rows it stands for: operations near the
+    // previous one (a user works within one page) skip the descent. Dropped whenever rows
+    // move between nodes.
+    struct finger {
+        leaf* at = nullptr;
+        std::int64_t low = 0, high = 0;
+    };
+    mutable finger finger_;
     leaf* spare_leaf_ = nullptr;
     inner* spare_inners_[64]{};
     int spare_inner_count_ = 0;

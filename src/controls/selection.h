@@ -109,13 +109,14 @@ public:
         bool state = before_a;
         std::int64_t from = a;
         std::uint64_t selected_inside = 0;
-        bool boundary_at_a = false;
+        const bool boundary_at_a = at != boundaries_.end() && at.row() == a;
+        const bool at_a = boundary_at_a ? at.selected() : before_a;
         for (; at != boundaries_.end() && at.row() < b; ++at) {
             if (state)
                 selected_inside += std::uint64_t(at.row() - from);
-            boundary_at_a |= at.row() == a;
             from = at.row();
             state = at.selected();
+            // The boundary at a is settled below, against the state before it.
             if (mode == range_mode::toggle && at.row() != a)
                 boundaries_.set_selected(at, !state);
         }
@@ -128,11 +129,10 @@ public:
 
         if (mode == range_mode::toggle) {
             count_ += length - 2 * selected_inside;
-            const bool at_a = boundary_at_a ? !first_state_inside(a) : !before_a;
             // The boundary at b: needed when the toggled row b - 1 differs from row b.
             place(b, boundary_at_b, !at_b_before != at_b, at_b);
             // The boundary at a: needed when row a, toggled, differs from the row before.
-            place(a, boundary_at_a, at_a != before_a, at_a);
+            place(a, boundary_at_a, !at_a != before_a, !at_a);
             return true;
         }
         const bool select = mode == range_mode::select;
@@ -180,10 +180,6 @@ private:
         --at;
         return at.selected();
     }
-
-    // The state at `a` before a toggle flipped the boundaries after it (the boundary at a
-    // itself is left alone by the walk).
-    [[nodiscard]] bool first_state_inside(std::int64_t a) const { return boundaries_.lower_bound(a).selected(); }
 
     void place(std::int64_t row, bool present, bool needed, bool selected)
     {
