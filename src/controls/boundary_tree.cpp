@@ -371,7 +371,10 @@ void boundary_tree::rebalance(inner& parent, int child, int level) noexcept
 void boundary_tree::clear() noexcept
 {
     finger_ = {};
-    if (root_)
+    // A single selection clears and refills one leaf on every click: keep it.
+    if (height_ == 1 && !spare_leaf_)
+        spare_leaf_ = static_cast<leaf*>(std::exchange(root_, nullptr));
+    else if (root_)
         free_node(root_, height_);
     root_ = nullptr;
     height_ = 0;

@@ -198,7 +198,13 @@ private:
     bool before_first_ = false;
 };
 
-// The boundary store of the list's selection.
+// The boundary store of the list's selection. Measured with a million rows and half a
+// million runs against std::map, boost::container::map and boost::container::map over a
+// node pool (bench/controls/selection_bench.cpp): the maps take 80 to 96 bytes per run,
+// the B+ tree 19 to 28; near the previous operation (a user works within one page) the
+// tree costs the same at a million rows as at a thousand, and is about twice as fast as
+// the maps there; at scattered rows, where every store misses the cache, it is two to
+// three times faster than any of them.
 using range_set = basic_range_set<boundary_tree>;
 
 class iselection {
