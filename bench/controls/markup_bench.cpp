@@ -10,6 +10,7 @@
 // so that both see the same disturbances; the table gives the fastest batch (what the
 // code costs when nothing gets in the way) and the median.
 
+#include "bench_timing.h"
 #include "base/com_ptr.h"
 #include "base/failure.h"
 #include "controls/factories.h"
@@ -25,20 +26,10 @@
 
 using namespace tessel;
 using namespace tessel::windows::new_controls;
+using bench::now_ns;
+using bench::samples;
 
 namespace {
-
-double now_ns()
-{
-    static const double ns_per_tick = [] {
-        LARGE_INTEGER f;
-        ::QueryPerformanceFrequency(&f);
-        return 1e9 / double(f.QuadPart);
-    }();
-    LARGE_INTEGER t;
-    ::QueryPerformanceCounter(&t);
-    return double(t.QuadPart) * ns_per_tick;
-}
 
 // Every result is folded into this, so that neither side's work can be dropped.
 volatile std::size_t sink;
@@ -52,18 +43,6 @@ __attribute__((noinline)) std::size_t scan_for_bracket(std::wstring_view text) n
         count += c == L'[';
     return count;
 }
-
-struct samples {
-    std::vector<double> ns;  // per text, one entry per batch
-
-    double best() const { return *std::min_element(ns.begin(), ns.end()); }
-    double median() const
-    {
-        std::vector<double> sorted = ns;
-        std::nth_element(sorted.begin(), sorted.begin() + sorted.size() / 2, sorted.end());
-        return sorted[sorted.size() / 2];
-    }
-};
 
 // One batch: every text `iterations` times; appends ns per text.
 template <class body>

@@ -26,8 +26,11 @@
 #include <vector>
 
 #include "allocation_counter.h"
+#include "bench_timing.h"
 
 namespace {
+
+using bench::now_ns;
 
 // Each implementation runs its million formats in batches, interleaved with the others, and
 // the fastest batch counts: the machine may be busy with other work, and interleaving
@@ -43,18 +46,6 @@ struct measurement {
     long long allocations = 0;  // over all batches
     std::array<double, batches> batch_ns{};
 };
-
-double now_ns()
-{
-    static const double ns_per_tick = [] {
-        LARGE_INTEGER frequency;
-        ::QueryPerformanceFrequency(&frequency);
-        return 1e9 / static_cast<double>(frequency.QuadPart);
-    }();
-    LARGE_INTEGER counter;
-    ::QueryPerformanceCounter(&counter);
-    return static_cast<double>(counter.QuadPart) * ns_per_tick;
-}
 
 template <class Body>
 void run_batch(Body& body, measurement& result, int batch_index)

@@ -6,6 +6,7 @@
 
 namespace {
 std::atomic<std::uint64_t> allocations{0};
+std::atomic<std::uint64_t> bytes{0};
 }
 
 std::uint64_t test_support::allocation_count() noexcept
@@ -13,9 +14,15 @@ std::uint64_t test_support::allocation_count() noexcept
     return allocations.load(std::memory_order_relaxed);
 }
 
+std::uint64_t test_support::allocated_bytes() noexcept
+{
+    return bytes.load(std::memory_order_relaxed);
+}
+
 void* operator new(std::size_t size)
 {
     allocations.fetch_add(1, std::memory_order_relaxed);
+    bytes.fetch_add(size, std::memory_order_relaxed);
     if (void* p = std::malloc(size ? size : 1))
         return p;
     throw std::bad_alloc();
@@ -24,6 +31,7 @@ void* operator new[](std::size_t size) { return operator new(size); }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept
 {
     allocations.fetch_add(1, std::memory_order_relaxed);
+    bytes.fetch_add(size, std::memory_order_relaxed);
     return std::malloc(size ? size : 1);
 }
 void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept { return operator new(size, tag); }

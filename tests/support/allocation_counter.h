@@ -9,5 +9,7 @@ namespace test_support {
 
 // Allocations through operator new (every form) since the process started.
 [[nodiscard]] std::uint64_t allocation_count() noexcept;
+// Bytes asked for by those allocations (the heap's own overhead not included).
+[[nodiscard]] std::uint64_t allocated_bytes() noexcept;
 
 }  // namespace test_support
