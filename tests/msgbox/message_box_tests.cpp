@@ -56,7 +56,8 @@ public:
               found_ = true;
               inspect(box);
               act(box);
-              for (int i = 0; i < 100 && ::IsWindow(box); ++i)
+              // Generous: on a loaded machine the box may take seconds to act on a click.
+              for (int i = 0; i < 500 && ::IsWindow(box); ++i)
                   ::Sleep(20);
               if (::IsWindow(box)) {
                   still_open_ = true;
