@@ -209,9 +209,12 @@ TEST(german_pack, translates_every_text_and_the_dialogs)
     localization_options options;
     options.program_folder = test_support::executable_folder();
     options.program_module_name = L"ServerCfg.exe";
-    // An empty setting follows the user's locale; the list shows the language in use.
+    // An empty setting follows the user's locale, and stays empty so that a later change
+    // of the display language is followed too; the list shows the language in use.
     options.user_locale_name = [] { return std::wstring(L"de-AT"); };
-    initialize_localization(options, L"");
+    std::wstring setting;
+    initialize_localization(options, setting);
+    EXPECT_EQ(setting, L"");
 
     ASSERT_NE(common_strings().head(), nullptr);
     // Every built-in text has a current German translation (none dropped as stale).
