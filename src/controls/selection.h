@@ -43,6 +43,10 @@ class basic_range_set {
 public:
     [[nodiscard]] row_index count() const noexcept { return count_; }
     [[nodiscard]] bool empty() const noexcept { return count_ == 0; }
+    // Goes up whenever a row changes, never when an operation changes nothing: an owner
+    // compares it before and after an operation to tell whether to report a change (a
+    // shift-click that ends with the rows it began with still moves it).
+    [[nodiscard]] std::uint64_t generation() const noexcept { return generation_; }
     // Number of selected runs (what the store's size is proportional to).
     [[nodiscard]] std::size_t run_count() const noexcept { return (boundaries_.size() + 1) / 2; }
 
@@ -128,6 +132,7 @@ public:
         const std::uint64_t length = std::uint64_t(b - a);
 
         if (mode == range_mode::toggle) {
+            ++generation_;
             count_ += length - 2 * selected_inside;
             // The boundary at b: needed when the toggled row b - 1 differs from row b.
             place(b, boundary_at_b, !at_b_before != at_b, at_b);
@@ -138,6 +143,7 @@ public:
         const bool select = mode == range_mode::select;
         if (selected_inside == (select ? length : 0))
             return false;
+        ++generation_;
         count_ = select ? count_ + (length - selected_inside) : count_ - selected_inside;
         boundaries_.erase(a, b);
         if (select != before_a)
@@ -161,6 +167,7 @@ public:
 
     void clear() noexcept
     {
+        generation_ += count_ != 0;
         boundaries_.clear();
         count_ = 0;
     }
@@ -193,6 +200,7 @@ private:
 
     store boundaries_;
     row_index count_ = 0;
+    std::uint64_t generation_ = 0;
     // Rows are never negative, so nothing is selected before the first boundary; the
     // lookups still honour this state rather than assume it.
     bool before_first_ = false;
