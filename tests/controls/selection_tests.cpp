@@ -195,8 +195,9 @@ TEST(multiple_selection, random_operations_agree_with_a_flag_per_row)
             }
 
             const std::vector<row_run> expected = runs_of(oracle);
-            if (expected != previous_runs)
+            if (expected != previous_runs) {
                 ASSERT_NE(selection.selected_rows().generation(), generation);
+            }
             generation = selection.selected_rows().generation();
             previous_runs = expected;
             ASSERT_EQ(runs_of(selection.selected_rows()), expected) << "series " << series << " step " << step;
