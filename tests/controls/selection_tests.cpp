@@ -132,7 +132,8 @@ TEST(multiple_selection, truncate_cuts_the_runs_at_the_new_row_count)
 }
 
 // Thousands of random operations on the model and on one flag per row; after every step
-// both must agree on the rows, the runs, the count, the first row and emptiness.
+// both must agree on the rows, the runs, the count, the first row and emptiness, and the
+// generation must have moved whenever a row changed.
 TEST(multiple_selection, random_operations_agree_with_a_flag_per_row)
 {
     constexpr row_index rows = 160;
@@ -143,6 +144,8 @@ TEST(multiple_selection, random_operations_agree_with_a_flag_per_row)
         multiple_selection selection;
         std::vector<bool> oracle(rows);
         row_index anchor = none, extension_first = 0, extension_end = 0;
+        std::uint64_t generation = 0;
+        std::vector<row_run> previous_runs;
         bool extension = false;
         const auto toggle = [&](row_index r) { oracle[r] = !oracle[r]; };
         const auto assign = [&](row_index first, row_index end, range_mode mode) {
@@ -192,6 +195,11 @@ TEST(multiple_selection, random_operations_agree_with_a_flag_per_row)
             }
 
             const std::vector<row_run> expected = runs_of(oracle);
+            if (expected != previous_runs) {
+                ASSERT_NE(selection.selected_rows().generation(), generation);
+            }
+            generation = selection.selected_rows().generation();
+            previous_runs = expected;
             ASSERT_EQ(runs_of(selection.selected_rows()), expected) << "series " << series << " step " << step;
             const auto selected = row_index(std::count(oracle.begin(), oracle.end(), true));
             ASSERT_EQ(selection.count(), selected);
