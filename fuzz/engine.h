@@ -61,6 +61,9 @@ struct target {
     // A mutation of its own, for inputs with a structure of their own (the registry
     // recipes); empty to use the generic byte and field mutations.
     std::function<bytes(const bytes& seed, rng& random, const std::vector<bytes>& corpus)> mutate;
+    // Work between inputs that is not the reader's (a fresh server now and then): runs
+    // before each input, outside its time budget.
+    std::function<void()> before_input;
     // Feeds one input to the reader. Returns the text of an expected refusal ("" when the
     // input was accepted). Anything the reader must not throw escapes and is a finding.
     std::function<std::string(std::span<const std::byte> input)> run;

@@ -66,7 +66,9 @@ public:
     }
     std::wstring name()
     {
-        const std::size_t length = std::min<std::size_t>(number<std::uint16_t>(), (data_.size() - at_) / 2);
+        // The length is read first: it moves the position the rest is measured from.
+        const std::size_t stored = number<std::uint16_t>();
+        const std::size_t length = std::min<std::size_t>(stored, (data_.size() - at_) / 2);
         std::wstring text(length, L'\0');
         std::memcpy(text.data(), data_.data() + at_, length * 2);
         at_ += length * 2;
@@ -74,7 +76,8 @@ public:
     }
     bytes block()
     {
-        const std::size_t size = std::min<std::size_t>(number<std::uint32_t>(), data_.size() - at_);
+        const std::size_t stored = number<std::uint32_t>();
+        const std::size_t size = std::min<std::size_t>(stored, data_.size() - at_);
         bytes result(data_.begin() + static_cast<std::ptrdiff_t>(at_),
                      data_.begin() + static_cast<std::ptrdiff_t>(at_ + size));
         at_ += size;

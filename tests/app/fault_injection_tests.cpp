@@ -70,7 +70,7 @@ std::wstring hex(HRESULT value)
 std::string scenario_failing(const wchar_t* method, HRESULT value)
 {
     char text[256];
-    std::snprintf(text, sizeof text, R"({"failures": [{"method": "%ls", "code": "%ls"}]})", method, hex(value).c_str());
+    std::snprintf(text, sizeof text, R"({"failures": [{"method": "%ls", "hresult": "%ls"}]})", method, hex(value).c_str());
     return text;
 }
 
