@@ -6,6 +6,7 @@
 
 #include "base/module_path.h"
 #include "controls/vector_icons.h"
+#include "localization/language_pack.h"
 #include "localization/pack_file.h"
 #include "localization/string_table.h"
 
@@ -106,8 +107,11 @@ std::string run_string_table(std::span<const std::byte> input)
         if (!table->loaded() && table->size() != 0)
             throw std::logic_error("a refused image left entries behind");
         read_all(*table);
-        if (from_resource && !table->loaded())
+        if (from_resource && !table->loaded()) {
+            // The language pack object over a refused image never fails to construct.
+            (void)tessel::LanguagePack(input, nullptr, std::nullopt, L"common").loaded();
             return "refused";
+        }
     }
     return {};
 }

@@ -78,11 +78,22 @@ std::string run_format(std::span<const std::byte> input)
     return refusal;
 }
 
-target format_target()
+target format_target_tokens()
 {
     target t;
-    t.name = "format";
     t.unit = t.alignment = 2;
+    t.tokens = seed_data::wide_tokens({L"{", L"}", L"{{", L"{0", L"{1", L"{5", L"{}", L"?<", L"?>", L"?|", L"a", L"ac", L"ar",
+                                       L"b", L"b0", L"b2", L"b16", L"b016x", L"b36", L"x", L"X", L"p", L"p3", L"c", L"e", L"f",
+                                       L"l", L"n", L"s", L"sa", L"t(", L"t(%Y%m%d", L")", L"%", L"%E", L"%O", L"%%", L"%Ez",
+                                       L"u", L"w", L"w5", L"w,3", L"w65535", L"w99999", L",", L"+", L"99999999999999999999",
+                                       L"\u2026", L"\xD800", L"\xDC00", std::wstring(1, L'\0')});
+    return t;
+}
+
+target format_target()
+{
+    target t = format_target_tokens();
+    t.name = "format";
     t.seeds = [] {
         std::vector<std::wstring> texts;
         for (std::wstring& text : seed_data::program_texts())
@@ -93,11 +104,20 @@ target format_target()
             texts.emplace_back(extra);
         return wide_seeds(texts);
     };
-    t.tokens = seed_data::wide_tokens({L"{", L"}", L"{{", L"{0", L"{1", L"{5", L"{}", L"?<", L"?>", L"?|", L"a", L"ac", L"ar",
-                                       L"b", L"b0", L"b2", L"b16", L"b016x", L"b36", L"x", L"X", L"p", L"p3", L"c", L"e", L"f",
-                                       L"l", L"n", L"s", L"sa", L"t(", L"t(%Y%m%d", L")", L"%", L"%E", L"%O", L"%%", L"%Ez",
-                                       L"u", L"w", L"w5", L"w,3", L"w65535", L"w99999", L",", L"+", L"99999999999999999999",
-                                       L"\u2026", L"\xD800", L"\xDC00", std::wstring(1, L'\0')});
+
+    // A quarter of the inputs are made from tokens alone, the rest mutate real strings.
+    t.mutate = [](const bytes& seed, rng& random, const std::vector<bytes>& corpus) {
+        static const target tokens_only = format_target_tokens();
+        if (!random.chance(4))
+            return mutate_bytes(tokens_only, seed, random, corpus, {});
+        bytes generated;
+        for (std::uint64_t i = random.below(25); i > 0; --i) {
+            const std::string& token = tokens_only.tokens[random.below(tokens_only.tokens.size())];
+            const auto* first = reinterpret_cast<const std::byte*>(token.data());
+            generated.insert(generated.end(), first, first + token.size());
+        }
+        return generated;
+    };
     t.run = run_format;
     return t;
 }
