@@ -9,12 +9,12 @@
 #include "base/com_ptr.h"
 
 #include <atomic>
-#include <type_traits>
 
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 

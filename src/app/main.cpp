@@ -88,6 +88,7 @@ int run_message_loop(HWND main_window)
 
 int run(int show_command)
 {
+    // Before anything loads a library: no DLL from beside the program or the current folder.
     harden_process();
 
     // 1. Only one copy on the screen: bring the other one to the front.
