@@ -92,6 +92,8 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, void* reserved)
 {
     if (reason == DLL_PROCESS_ATTACH)
         ::DisableThreadLibraryCalls(module);
+    if (reason == DLL_PROCESS_DETACH)
+        sim_server::write_census_report();
     // Only on FreeLibrary: at process exit the class goes with the process.
     if (reason == DLL_PROCESS_DETACH && !reserved)
         sim_server::unregister_window_class(module);

@@ -2,7 +2,48 @@
 
 #include <oleauto.h>
 
+#include <cstdio>
+
 namespace sim_server {
+
+const char* object_kind_name(object_kind kind) noexcept
+{
+    switch (kind) {
+    case object_kind::server: return "server";
+    case object_kind::device: return "device";
+    case object_kind::share: return "share";
+    case object_kind::operation: return "operation";
+    case object_kind::class_factory: return "class factory";
+    case object_kind::count: break;
+    }
+    return "?";
+}
+
+void write_census_report() noexcept
+{
+    wchar_t path[MAX_PATH];
+    const DWORD length = ::GetEnvironmentVariableW(L"ULMORA_SIM_REFERENCE_REPORT", path, MAX_PATH);
+    if (length == 0 || length >= MAX_PATH)
+        return;
+    // Plain kernel calls only: this runs while the DLL is being unloaded.
+    const HANDLE file = ::CreateFileW(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                      OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE)
+        return;
+    char line[128];
+    DWORD written = 0;
+    for (int kind = 0; kind < static_cast<int>(object_kind::count); ++kind) {
+        const long objects = census[kind].objects, references = census[kind].references;
+        if (objects == 0 && references == 0)
+            continue;
+        const int size = std::snprintf(line, sizeof line, "live %s %ld %ld\n",
+                                       object_kind_name(static_cast<object_kind>(kind)), objects, references);
+        ::WriteFile(file, line, static_cast<DWORD>(size), &written, nullptr);
+    }
+    const int size = std::snprintf(line, sizeof line, "end %lu\n", ::GetCurrentProcessId());
+    ::WriteFile(file, line, static_cast<DWORD>(size), &written, nullptr);
+    ::CloseHandle(file);
+}
 
 void failure_table::set(const std::wstring& method, const std::wstring& device_id, HRESULT code)
 {

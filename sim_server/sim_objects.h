@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -25,12 +26,73 @@ namespace sim_server {
 // Objects alive plus IClassFactory::LockServer locks: what DllCanUnloadNow answers from.
 inline std::atomic<long> module_references{0};
 
-// A COM object of this DLL: the module cannot unload while one lives.
-template <class... interfaces>
-class module_object : public tessel::com_object<interfaces...> {
+// What the server has handed out, by kind of object: live objects and the references
+// held on them. Once the program has let go of the server, everything here must be back
+// at zero; what is not was leaked by whoever still holds it.
+enum class object_kind { server, device, share, operation, class_factory, count };
+
+struct census_entry {
+    std::atomic<long> objects{0};
+    std::atomic<long> references{0};
+};
+inline census_entry census[static_cast<int>(object_kind::count)];
+
+[[nodiscard]] const char* object_kind_name(object_kind kind) noexcept;
+
+// The kind an object is counted as, by the first interface it implements.
+template <class first_interface>
+constexpr object_kind kind_of() noexcept
+{
+    if constexpr (std::is_same_v<first_interface, IUsbServer>)
+        return object_kind::server;
+    else if constexpr (std::is_same_v<first_interface, IUsbDevice>)
+        return object_kind::device;
+    else if constexpr (std::is_same_v<first_interface, IUsbShare>)
+        return object_kind::share;
+    else if constexpr (std::is_same_v<first_interface, IUsbServerOperation>)
+        return object_kind::operation;
+    else if constexpr (std::is_same_v<first_interface, IClassFactory>)
+        return object_kind::class_factory;
+    else
+        static_assert(sizeof(first_interface) == 0, "count the new kind of object in object_kind");
+}
+
+// Appends this process's census to the file named by ULMORA_SIM_REFERENCE_REPORT, if set:
+// a line "live <kind> <objects> <references>" for every kind still in use, then
+// "end <process id>". Called when the DLL leaves the process.
+void write_census_report() noexcept;
+
+// A COM object of this DLL: the module cannot unload while one lives, and the census
+// counts it and every reference taken on it.
+template <class first_interface, class... more_interfaces>
+class module_object : public tessel::com_object<first_interface, more_interfaces...> {
+    using base = tessel::com_object<first_interface, more_interfaces...>;
+    static constexpr int kind = static_cast<int>(kind_of<first_interface>());
+
+public:
+    ULONG STDMETHODCALLTYPE AddRef() noexcept override
+    {
+        ++census[kind].references;
+        return base::AddRef();
+    }
+    ULONG STDMETHODCALLTYPE Release() noexcept override
+    {
+        --census[kind].references;
+        return base::Release();
+    }
+
 protected:
-    module_object() noexcept { ++module_references; }
-    ~module_object() override { --module_references; }
+    module_object() noexcept
+    {
+        ++module_references;
+        ++census[kind].objects;
+        ++census[kind].references;  // the one a new object starts with
+    }
+    ~module_object() override
+    {
+        --census[kind].objects;
+        --module_references;
+    }
 };
 
 // E_ILLEGAL_METHOD_CALL, which mingw's headers lack: a call out of order.

@@ -88,6 +88,9 @@ int run_message_loop(HWND main_window)
 
 int run(int show_command)
 {
+    // Before anything loads a library: no DLL from beside the program or the current folder.
+    harden_process();
+
     // 1. Only one copy on the screen: bring the other one to the front.
     if (HWND other = find_window_with_title_prefix(product_title)) {
         ::SetForegroundWindow(other);
@@ -163,6 +166,7 @@ int run(int show_command)
         INITCOMMONCONTROLSEX controls{sizeof controls, common_control_classes};
         ::InitCommonControlsEx(&controls);
         const HWND window = dialog.create(show_command);
+        apply_title_bar_theme(window);
         exit_code = run_message_loop(window);
 
         // 10. The settings, as they are now.

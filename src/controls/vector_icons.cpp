@@ -138,8 +138,11 @@ read_only_collection read_only_collection::from_resource(std::span<const std::by
         return {};
     const auto decompressed_size = read_at<std::uint32_t>(resource, 16);
     const auto compressed_size = read_at<std::uint32_t>(resource, 20);
+    // An LZ4 block expands at most 255-fold (a length byte of 255 per input byte): a size
+    // beyond that is a lie, refused before a buffer of that size is allocated and cleared.
     if (compressed_size > resource.size() - resource_header_size || decompressed_size > max_collection_size ||
-        decompressed_size < 8 || compressed_size > static_cast<std::uint32_t>(LZ4_MAX_INPUT_SIZE))
+        decompressed_size < 8 || compressed_size > static_cast<std::uint32_t>(LZ4_MAX_INPUT_SIZE) ||
+        decompressed_size > std::uint64_t{compressed_size} * 255 + 16)
         return {};
     std::vector<std::byte> data(decompressed_size);
     const int written = LZ4_decompress_safe(reinterpret_cast<const char*>(resource.data() + resource_header_size),

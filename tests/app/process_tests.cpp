@@ -1,9 +1,9 @@
-// The real executable, started as a process under the same Wine session, against the
-// substitute server. Its windows are found and answered through ui_driver.exe.
+// The real executable against the substitute server: start-up, single instance, settings
+// and language as the user meets them.
 
-#include "base/module_path.h"
+#include "program_process.h"
+
 #include "base/unique_handle.h"
-#include "base/utf.h"
 
 #include <gtest/gtest.h>
 
@@ -11,150 +11,16 @@
 
 #include <cstdint>
 #include <cwchar>
-#include <fstream>
 #include <string>
 
 namespace {
 
-constexpr wchar_t title[] = L"QMX Software Ulmora Tools Server";
-constexpr wchar_t settings_key[] = L"Software\\QMX Software\\Ulmora Tools\\ServerCfg";
-constexpr int message_text_id = 1101;
-constexpr int main_tree_placeholder_id = 1003;
-
-std::wstring bin_folder()
-{
-    return tessel::module_folder();
-}
-
-class process {
-public:
-    explicit process(const std::wstring& command_line)
-    {
-        std::wstring line = command_line;
-        STARTUPINFOW startup{};
-        startup.cb = sizeof startup;
-        PROCESS_INFORMATION info{};
-        if (::CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
-            handle_.reset(info.hProcess);
-            ::CloseHandle(info.hThread);
-        }
-    }
-    ~process()
-    {
-        if (handle_ && ::WaitForSingleObject(handle_.get(), 0) == WAIT_TIMEOUT)
-            ::TerminateProcess(handle_.get(), 99);
-    }
-    [[nodiscard]] bool started() const { return static_cast<bool>(handle_); }
-    // The exit code, or STILL_ACTIVE when the process has not ended in time.
-    DWORD wait(DWORD timeout_ms = 15000)
-    {
-        if (::WaitForSingleObject(handle_.get(), timeout_ms) != WAIT_OBJECT_0)
-            return STILL_ACTIVE;
-        DWORD code = 0;
-        ::GetExitCodeProcess(handle_.get(), &code);
-        return code;
-    }
-
-private:
-    tessel::unique_handle handle_;
-};
-
-struct driver_result {
-    DWORD exit_code;
-    std::wstring output;
-};
-
-driver_result ui_driver(const std::wstring& arguments)
-{
-    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-    HANDLE read_end = nullptr, write_end = nullptr;
-    if (!::CreatePipe(&read_end, &write_end, &inherit, 0))
-        return {~0u, {}};
-    tessel::unique_handle reader(read_end), writer(write_end);
-    ::SetHandleInformation(read_end, HANDLE_FLAG_INHERIT, 0);
-
-    std::wstring line = L"\"" + bin_folder() + L"ui_driver.exe\" " + arguments;
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = write_end;
-    startup.hStdError = ::GetStdHandle(STD_ERROR_HANDLE);
-    PROCESS_INFORMATION info{};
-    if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info))
-        return {~0u, {}};
-    tessel::unique_handle process_handle(info.hProcess), thread_handle(info.hThread);
-    writer.reset();
-
-    std::string output;
-    char buffer[512];
-    DWORD got = 0;
-    while (::ReadFile(read_end, buffer, sizeof buffer, &got, nullptr) && got)
-        output.append(buffer, got);
-    ::WaitForSingleObject(info.hProcess, INFINITE);
-    DWORD code = 0;
-    ::GetExitCodeProcess(info.hProcess, &code);
-    return {code, tessel::utf8_to_utf16(output)};
-}
-
-// Waits for a window of the program: a message box (its text control) or the main window.
-std::wstring wait_for(int control_id, DWORD timeout_ms = 15000)
-{
-    const auto result = ui_driver(L"wait \"" + std::wstring(title) + L"\" " + std::to_wstring(control_id) + L" " +
-                                  std::to_wstring(timeout_ms));
-    return result.exit_code == 0 ? result.output : std::wstring();
-}
-
-std::wstring message_text(const std::wstring& box)
-{
-    return ui_driver(L"text " + box + L" " + std::to_wstring(message_text_id)).output;
-}
-
-using register_fn = HRESULT(STDAPICALLTYPE*)();
-
-class program_process : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        ::RegDeleteTreeW(HKEY_CURRENT_USER, settings_key);
-        ::SetEnvironmentVariableW(L"ULMORA_SIM_SCENARIO", nullptr);
-        server_ = ::LoadLibraryW((bin_folder() + L"UlmoraSimServer.dll").c_str());
-        ASSERT_NE(server_, nullptr);
-        register_server(true);
-    }
-    void TearDown() override
-    {
-        register_server(false);
-        ::FreeLibrary(server_);
-        ::SetEnvironmentVariableW(L"ULMORA_SIM_SCENARIO", nullptr);
-        ::RegDeleteTreeW(HKEY_CURRENT_USER, settings_key);
-    }
-    void register_server(bool on)
-    {
-        const auto entry = reinterpret_cast<register_fn>(
-            reinterpret_cast<void*>(::GetProcAddress(server_, on ? "DllRegisterServer" : "DllUnregisterServer")));
-        ASSERT_NE(entry, nullptr);
-        ASSERT_EQ(entry(), S_OK);
-    }
-    static std::wstring program(const std::wstring& arguments = L"")
-    {
-        return L"\"" + bin_folder() + L"ServerCfg.exe\"" + (arguments.empty() ? L"" : L" " + arguments);
-    }
-    // A scenario file of the substitute server, named in the environment the program inherits.
-    void use_scenario(const std::string& json)
-    {
-        wchar_t folder[MAX_PATH];
-        ::GetTempPathW(MAX_PATH, folder);
-        const std::wstring path = std::wstring(folder) + L"servercfg-process-test.json";
-        std::ofstream(path.c_str(), std::ios::binary) << json;
-        ::SetEnvironmentVariableW(L"ULMORA_SIM_SCENARIO", path.c_str());
-    }
-
-    HMODULE server_ = nullptr;
-};
+using namespace process_test;
 
 TEST_F(program_process, unregistered_server_class_shows_the_connect_error_and_exits_with_1)
 {
     register_server(false);
+    expect_census_ = false;
     process program_run(program());
     ASSERT_TRUE(program_run.started());
     const std::wstring box = wait_for(message_text_id);

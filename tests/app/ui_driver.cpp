@@ -5,6 +5,7 @@
 //   ui_driver click <window> <control id>              presses the button
 //   ui_driver close <window>                           asks the window to close
 //   ui_driver record <file> [anything...]              writes its own command line to <file>
+//   ui_driver load <library name>                      LoadLibraryW with the plain search order
 //
 // "wait" looks for a visible top-level window with exactly this title that has a child
 // with the given id, which tells a message box (1101) from the main window (1003).
@@ -94,10 +95,12 @@ int wmain(int argc, wchar_t** argv)
         std::fclose(file);
         return 0;
     }
+    if (command == L"load" && argc == 3)
+        return ::LoadLibraryW(argv[2]) ? 0 : 1;
     if (command == L"close" && argc == 3)
         return ::PostMessageW(parse_window(argv[2]), WM_CLOSE, 0, 0) ? 0 : 1;
     std::fputs("usage: ui_driver wait <title> <id> [ms] | text <window> <id> | click <window> <id> | close <window> | "
-               "record <file> [...]\n",
+               "record <file> [...] | load <library>\n",
                stderr);
     return 2;
 }

@@ -1,6 +1,7 @@
 // Damaged packs and table images: each one is either used or rejected as a whole, and
 // nothing is ever read past its end. Every case is placed so that its last byte lies
-// right before a page that faults when touched.
+// right before a page that faults when touched. Randomly damaged ones are the fuzz
+// campaign's (fuzz/, readers "string_table" and "language_pack").
 
 #include "localization/language_pack.h"
 #include "localization/pack_file.h"
@@ -13,7 +14,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <random>
 
 using namespace tessel;
 using test_support::guarded_buffer;  // texts are read in place: placed 2-aligned
@@ -70,7 +70,7 @@ bool use_pack(std::span<const std::byte> pack, const std::shared_ptr<const strin
 
 }  // namespace
 
-TEST(fuzz, truncated_and_bit_flipped_packs_are_used_or_rejected_whole)
+TEST(fuzz, truncated_packs_are_rejected_whole)
 {
     const auto english_image = table_builder().text(L"Cancel", L"Cancel", 1).text(L"OK", L"OK").image(true);
     const auto english = string_table::load(english_image, true, nullptr);
@@ -83,28 +83,9 @@ TEST(fuzz, truncated_and_bit_flipped_packs_are_used_or_rejected_whole)
     // the end of the file, so losing any byte damages it.
     for (std::size_t size = 0; size < pack.size(); ++size)
         EXPECT_FALSE(use_pack(memory.place(std::span(pack).first(size), 2), english)) << size;
-
-    std::mt19937 random(12345);
-    std::size_t accepted = 0;
-    const int rounds = 6000;
-    for (int round = 0; round < rounds; ++round) {
-        auto damaged = pack;
-        const int flips = 1 + static_cast<int>(random() % 4);
-        for (int flip = 0; flip < flips; ++flip) {
-            // Damage the headers and directory more often than the text bodies.
-            const std::size_t limit = round % 2 ? damaged.size() : std::min<std::size_t>(damaged.size(), 120);
-            damaged[random() % limit] ^= std::byte{static_cast<unsigned char>(1u << (random() % 8))};
-        }
-        if (round % 3 == 0)
-            damaged.resize(random() % (damaged.size() + 1));
-        accepted += use_pack(memory.place(damaged, 2), english);
-    }
-    // Flips inside texts leave the pack usable, so both outcomes occur.
-    EXPECT_GT(accepted, 0u);
-    EXPECT_LT(accepted, static_cast<std::size_t>(rounds));
 }
 
-TEST(fuzz, damaged_table_images_load_or_stay_empty)
+TEST(fuzz, truncated_table_images_stay_empty)
 {
     auto image = table_builder()
                      .text(L"OK", L"OK")
@@ -122,24 +103,6 @@ TEST(fuzz, damaged_table_images_load_or_stay_empty)
         }
         read_all(*table);
     }
-
-    std::mt19937 random(777);
-    std::size_t loaded = 0;
-    for (int round = 0; round < 6000; ++round) {
-        auto damaged = image;
-        const int flips = 1 + static_cast<int>(random() % 3);
-        for (int flip = 0; flip < flips; ++flip)
-            damaged[random() % damaged.size()] ^= std::byte{static_cast<unsigned char>(1u << (random() % 8))};
-        const auto placed = memory.place(damaged, 2);
-        const auto table = string_table::load(placed, true, nullptr);
-        EXPECT_EQ(table->loaded(), is_well_formed_table_image(placed, true));
-        loaded += table->loaded();
-        read_all(*table);
-        // A LanguagePack over it never fails to construct.
-        LanguagePack pack(placed, nullptr, std::nullopt, L"common");
-        (void)pack.loaded();
-    }
-    EXPECT_GT(loaded, 0u);
 }
 
 TEST(fuzz, oversized_counts_and_indexes_are_rejected_without_allocating)
