@@ -202,8 +202,15 @@ void list_state::fill_cells(row_index row, std::size_t first_column, std::size_t
     }
     row_colour.reset();
     bool filled = false;
-    for (const cell_text_provider& provider : handlers.cell_text)
-        filled = provider(row, first_column, std::span<cell>(scratch.data(), count), row_colour);
+    try {
+        for (const cell_text_provider& provider : handlers.cell_text)
+            filled = provider(row, first_column, std::span<cell>(scratch.data(), count), row_colour);
+    } catch (...) {
+        // One row that cannot say what it shows must not stop the others from showing.
+        debug_report(L"list view: the cells of row " + std::to_wstring(row) + L" failed: " +
+                     system_message(hresult_from_caught_exception()));
+        filled = false;
+    }
     if (!filled) {
         for (cell& c : scratch)
             c = cell{};
@@ -291,6 +298,10 @@ void list_state::invalidate_row(row_index row) noexcept
 {
     if (!window || row == no_row || row < top)
         return;
+    if (updates > 0) {
+        repaint_pending = true;
+        return;
+    }
     if (row - top > visible_count())
         return;
     const RECT r = row_rect(row);
@@ -549,6 +560,10 @@ void update_scroll_bars(list_state& s)
 {
     if (!s.window)
         return;
+    if (s.updates > 0) {
+        s.layout_pending = true;  // many rows change: the bars are set once at the end
+        return;
+    }
     RECT client{};
     ::GetClientRect(s.window, &client);
     const row_index unit = scroll_unit(s);
@@ -1518,7 +1533,23 @@ LRESULT handle(list_state& s, UINT message, WPARAM wparam, LPARAM lparam)
         return code;
     }
     case WM_KEYDOWN:
+        if (wparam == VK_APPS) {
+            ::SendMessageW(s.window, WM_CONTEXTMENU, reinterpret_cast<WPARAM>(s.window), -1);
+            return 0;
+        }
         if (on_key(s, wparam))
+            return 0;
+        break;
+    case WM_SYSKEYDOWN:
+        if (wparam == VK_F10 && key_down(VK_SHIFT)) {
+            ::SendMessageW(s.window, WM_CONTEXTMENU, reinterpret_cast<WPARAM>(s.window), -1);
+            return 0;
+        }
+        break;
+    case WM_KEYUP:
+    case WM_SYSKEYUP:
+        // The menu was opened on the key press; the system would open it again on release.
+        if (wparam == VK_APPS || (wparam == VK_F10 && key_down(VK_SHIFT)))
             return 0;
         break;
     case WM_CHAR: on_char(s, static_cast<wchar_t>(wparam)); return 0;
@@ -1652,9 +1683,10 @@ void listview<uniform_height>::set_row_count(row_index count)
             s.hot = no_row;
     }
     if (s.window) {
-        s.top = std::min(s.top, max_top(s));
+        if (s.updates == 0)
+            s.top = std::min(s.top, max_top(s));
         update_scroll_bars(s);
-        if (s.window)
+        if (s.window && s.updates == 0)
             ::NotifyWinEvent(EVENT_OBJECT_REORDER, s.window, OBJID_CLIENT, CHILDID_SELF);
     }
     s.repaint();
@@ -1678,10 +1710,10 @@ void listview<uniform_height>::insert_rows(row_index at, row_index count)
     for (auto& [row, entry] : s.cache)
         cache.emplace(moved(row), std::move(entry));
     s.cache.swap(cache);
-    if (s.top > at && s.top != 0)
-        s.top = std::min(s.top, max_top(s));  // the top row stays where it is on screen
+    if (at < s.top)
+        s.top += count;  // what the user looks at stays where it is
     update_scroll_bars(s);
-    if (s.window)
+    if (s.window && s.updates == 0)
         ::NotifyWinEvent(EVENT_OBJECT_REORDER, s.window, OBJID_CLIENT, CHILDID_SELF);
     s.repaint();
 }
@@ -1720,10 +1752,10 @@ void listview<uniform_height>::remove_rows(row_index at, row_index count)
         s.top -= count;
     else if (s.top > at)
         s.top = at;
-    if (s.window)
+    if (s.window && s.updates == 0)
         s.top = std::min(s.top, max_top(s));
     update_scroll_bars(s);
-    if (s.window)
+    if (s.window && s.updates == 0)
         ::NotifyWinEvent(EVENT_OBJECT_REORDER, s.window, OBJID_CLIENT, CHILDID_SELF);
     s.repaint();
     if (had_selected_inside || snapshot(*s.selection) != before)
@@ -1813,6 +1845,15 @@ void listview<uniform_height>::end_update()
     state& s = *state_;
     if (s.updates == 0 || --s.updates > 0)
         return;
+    if (s.layout_pending) {
+        s.layout_pending = false;
+        if (s.window) {
+            s.top = std::min(s.top, max_top(s));
+            update_scroll_bars(s);
+            ::NotifyWinEvent(EVENT_OBJECT_REORDER, s.window, OBJID_CLIENT, CHILDID_SELF);
+            s.repaint_pending = true;
+        }
+    }
     if (s.repaint_pending) {
         s.repaint_pending = false;
         if (s.window)

@@ -81,6 +81,7 @@ struct listview<uniform_height>::state {
 
     int updates = 0;
     bool repaint_pending = false;
+    bool layout_pending = false;  // row count changed under an update
     bool selection_changed_pending = false;
 
     row_index focus = no_row;

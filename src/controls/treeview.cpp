@@ -119,11 +119,13 @@ void treeview::append_first_cell_text(std::wstring& text, const tree_node& node,
     std::visit(
         [&](const auto& image) {
             using kind = std::decay_t<decltype(image)>;
-            if constexpr (std::is_same_v<kind, no_image>)
+            if constexpr (std::is_same_v<kind, std::monostate>)
+                throw std::bad_variant_access();
+            else if constexpr (std::is_same_v<kind, no_image>)
                 text += d.text;
             else if constexpr (std::is_same_v<kind, vector_image>)
                 ts_printf::format_to(text, vector_format(), d.overlay != 0, d.overlay, image.id, d.text);
-            else
+            else if constexpr (std::is_same_v<kind, raster_image>)
                 ts_printf::format_to(text, raster_format(), d.overlay != 0, d.overlay,
                                      reinterpret_cast<std::uintptr_t>(image.icon), d.text);
         },
@@ -380,8 +382,18 @@ tree_node* treeview::insert(tree_node* parent, tree_node* before, node_data data
         row = row_of_node(before);
     } else if (!parent) {
         row = rows_.size();
-    } else if (const row_index parent_row = row_of_node(parent); parent_row != no_row && parent->expanded_) {
-        row = parent_row + 1 + subtree_rows(rows_, parent_row);
+    } else if (row_of_node(parent) != no_row && parent->expanded_) {
+        // After the parent's subtree: where the next node in pre-order stands, or at the
+        // end. Trees are built from the top down, so this is usually the end.
+        row = rows_.size();
+        for (const tree_node* n = parent; n; n = n->parent_) {
+            const auto& level = n->parent_ ? n->parent_->children_ : roots_;
+            const auto at = std::find_if(level.begin(), level.end(), [&](const auto& c) { return c.get() == n; });
+            if (at != level.end() && std::next(at) != level.end()) {
+                row = row_of_node(std::next(at)->get());
+                break;
+            }
+        }
     }
     if (row != no_row) {
         rows_.insert(rows_.begin() + static_cast<std::ptrdiff_t>(row), {node, node->depth_});
@@ -534,7 +546,7 @@ void treeview::select(tree_node* node)
         return;
     }
     ensure_visible(node);
-    list_.select_row(row_of_node(node));
+    list_.set_focus_row(row_of_node(node), true);
 }
 
 void treeview::set_focus_node(tree_node* node)

@@ -34,7 +34,9 @@ using listview::impl::selection_mode;
 
 inline constexpr wchar_t treeview_class[] = L"qmx.tessel.treeview";
 
-// The image shown before a node's text.
+// The image shown before a node's text. std::monostate stands for an image that holds
+// no value: building the node's first cell then throws std::bad_variant_access, as
+// visiting a valueless variant does.
 struct no_image {};
 struct vector_image {
     std::uint32_t id;  // resolved to a name of the icon collection by set_vector_icon_names
@@ -42,7 +44,7 @@ struct vector_image {
 struct raster_image {
     HICON icon;  // stays the owner's; must live as long as the node shows it
 };
-using node_image = std::variant<no_image, vector_image, raster_image>;
+using node_image = std::variant<no_image, vector_image, raster_image, std::monostate>;
 
 // Node flag bit 0 is copied into every cell of the row: listview::impl::cell_dimmed draws
 // the row in the tree's dimmed text colour (disconnected devices).
@@ -161,6 +163,7 @@ public:
     }
 
     // -- selection and focus by node (the parent is notified as for user actions)
+    // Selects only this node and gives it the focus, as a click does.
     void select(tree_node* node);
     void set_focus_node(tree_node* node);
     void ensure_visible(tree_node* node);  // expands its ancestors
