@@ -135,8 +135,8 @@ LRESULT CALLBACK window_procedure::proc(HWND window, UINT message, WPARAM wparam
         }
         s->window = nullptr;
         s->tooltip = nullptr;  // a child of ours: destroyed with us
-        s->target.reset();
-        s->icon_cache.reset();
+        for (auto& surface : s->surfaces)
+            surface.reset();
         return ::DefWindowProcW(window, message, wparam, lparam);
     }
     try {
@@ -393,8 +393,9 @@ void refresh_metrics(list_state& s)
     s.cache.clear();
     s.header_layouts.clear();
     ++s.generation;
-    s.target.reset();
-    s.icon_cache.reset();
+    for (auto& surface : s.surfaces)
+        surface.reset();  // made again at the new dpi
+    s.icon_cache = nullptr;
 }
 
 void refresh_theme(list_state& s)
@@ -848,23 +849,27 @@ void draw_into(list_state& s, HDC dc, const RECT& update)
     if (!::IntersectRect(&area, &update, &client))
         return;
     const UINT area_width = UINT(area.right - area.left), area_height = UINT(area.bottom - area.top);
-    if (!s.target || s.canvas_width < area_width || s.canvas_height < area_height) {
-        s.target.reset();
-        s.icon_cache.reset();
-        s.canvas.reset();
+    const UINT strip_height = UINT(2 * s.row_px);
+    list_state::surface& surface = area_height <= strip_height && area_width <= UINT(client.right) ? s.surfaces[1]
+                                                                                                  : s.surfaces[0];
+    const UINT want_width = std::max<UINT>(area_width, UINT(client.right));
+    const UINT want_height = &surface == &s.surfaces[1] ? strip_height : std::max<UINT>(area_height, UINT(client.bottom));
+    if (!surface.target || surface.width < want_width || surface.height < want_height) {
+        surface.reset();
         static const com_ptr<IWICImagingFactory> wic = create_instance<IWICImagingFactory>(CLSID_WICImagingFactory);
-        s.canvas_width = std::max<UINT>(area_width, UINT(client.right));
-        s.canvas_height = std::max<UINT>(area_height, UINT(client.bottom));
-        throw_if_failed(wic->CreateBitmap(s.canvas_width, s.canvas_height, GUID_WICPixelFormat32bppPBGRA,
-                                          WICBitmapCacheOnLoad, s.canvas.put()));
+        surface.width = want_width;
+        surface.height = want_height;
+        throw_if_failed(wic->CreateBitmap(surface.width, surface.height, GUID_WICPixelFormat32bppPBGRA,
+                                          WICBitmapCacheOnLoad, surface.bitmap.put()));
         const D2D1_RENDER_TARGET_PROPERTIES properties{D2D1_RENDER_TARGET_TYPE_DEFAULT,
                                                        {DXGI_FORMAT_B8G8R8A8_UNORM, D2D1_ALPHA_MODE_PREMULTIPLIED},
                                                        s.dpi_x, s.dpi_y, D2D1_RENDER_TARGET_USAGE_NONE,
                                                        D2D1_FEATURE_LEVEL_DEFAULT};
-        throw_if_failed(d2d_factory()->CreateWicBitmapRenderTarget(s.canvas.get(), &properties, s.target.put()));
-        s.icon_cache = std::make_unique<d2d::icon_bitmap_cache>(s.target.get());
+        throw_if_failed(
+            d2d_factory()->CreateWicBitmapRenderTarget(surface.bitmap.get(), &properties, surface.target.put()));
+        surface.icons = std::make_unique<d2d::icon_bitmap_cache>(surface.target.get());
     }
-
+    s.icon_cache = surface.icons.get();
 
     // The rows the update region touches; their layouts are made before drawing starts.
     row_index first = s.top, last = s.top;
@@ -881,7 +886,7 @@ void draw_into(list_state& s, HDC dc, const RECT& update)
     const bool has_focus = ::GetFocus() == s.window;
     const float width_dips = float(client.right) / s.sx;
     brushes b;
-    ID2D1RenderTarget* target = s.target.get();
+    ID2D1RenderTarget* target = surface.target.get();
     target->BeginDraw();
     HRESULT drawn = S_OK;
     bool clipped = false;
@@ -905,9 +910,7 @@ void draw_into(list_state& s, HDC dc, const RECT& update)
         target->PopAxisAlignedClip();
     const HRESULT ended = target->EndDraw();
     if (ended == static_cast<HRESULT>(D2DERR_RECREATE_TARGET)) {
-        s.target.reset();
-        s.icon_cache.reset();
-        s.canvas.reset();
+        surface.reset();
         ::InvalidateRect(s.window, nullptr, FALSE);
         return;
     }
@@ -916,7 +919,7 @@ void draw_into(list_state& s, HDC dc, const RECT& update)
     {
         const WICRect part{0, 0, INT(area_width), INT(area_height)};
         com_ptr<IWICBitmapLock> lock;
-        throw_if_failed(s.canvas->Lock(&part, WICBitmapLockRead, lock.put()));
+        throw_if_failed(surface.bitmap->Lock(&part, WICBitmapLockRead, lock.put()));
         UINT stride = 0, size = 0;
         BYTE* pixels = nullptr;
         throw_if_failed(lock->GetStride(&stride));
@@ -1957,10 +1960,8 @@ row_index listview<uniform_height>::find_row(std::wstring_view text) const
     cell& c = s.scratch[0];
     std::optional<D2D1_COLOR_F> row_colour;
     for (row_index row = start; row < end; ++row) {
+        // Only the text matters here: what else providers set is left as they set it.
         c.text.clear();
-        c.style.reset();
-        c.text_colour.reset();
-        c.flags = 0;
         bool filled = false;
         for (const cell_text_provider& provider : s.handlers.cell_text)
             filled = provider(row, 0, std::span<cell>(&c, 1), row_colour);

@@ -102,10 +102,23 @@ struct listview<uniform_height>::state {
     // Rows are drawn into a bitmap the size of the client area and copied to the window
     // with GDI: under Wine neither a child window's own swap chain nor a DC render
     // target's copy ever reaches the screen, while bitmap targets work everywhere.
-    com_ptr<IWICBitmap> canvas;
-    UINT canvas_width = 0, canvas_height = 0;
-    com_ptr<ID2D1RenderTarget> target;
-    std::unique_ptr<d2d::icon_bitmap_cache> icon_cache;
+    struct surface {
+        com_ptr<IWICBitmap> bitmap;
+        UINT width = 0, height = 0;
+        com_ptr<ID2D1RenderTarget> target;
+        std::unique_ptr<d2d::icon_bitmap_cache> icons;
+        void reset() noexcept
+        {
+            icons.reset();
+            target.reset();
+            bitmap.reset();
+            width = height = 0;
+        }
+    };
+    // [0] holds the whole client area; [1] a strip of two rows, for the single rows that
+    // scrolling uncovers and hovering changes: copying a bitmap back costs its size.
+    surface surfaces[2];
+    d2d::icon_bitmap_cache* icon_cache = nullptr;  // of the surface being drawn
     theme_colours colours{};
     bool dark = false;
 
