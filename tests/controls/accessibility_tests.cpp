@@ -1,0 +1,187 @@
+// The list and the tree as a screen reader meets them: through WM_GETOBJECT from another
+// process (controls_accessibility_probe.exe), and through the events they raise.
+
+#include "controls/treeview.h"
+
+#include "base/module_path.h"
+#include "base/unique_handle.h"
+#include "message_pump.h"
+
+#include <gtest/gtest.h>
+
+#include <oleacc.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+using namespace tessel::windows::new_controls;
+using namespace tessel::windows::new_controls::treeview::impl;
+
+namespace {
+
+LRESULT CALLBACK plain_owner_proc(HWND window, UINT message, WPARAM wparam, LPARAM lparam)
+{
+    return ::DefWindowProcW(window, message, wparam, lparam);
+}
+
+tessel::unique_hwnd make_owner()
+{
+    static const ATOM atom = [] {
+        WNDCLASSW wc{};
+        wc.lpfnWndProc = plain_owner_proc;
+        wc.hInstance = ::GetModuleHandleW(nullptr);
+        wc.lpszClassName = L"controls_tests.a11y_owner";
+        return ::RegisterClassW(&wc);
+    }();
+    (void)atom;
+    return tessel::unique_hwnd(::CreateWindowExW(0, L"controls_tests.a11y_owner", L"owner",
+                                                 WS_OVERLAPPEDWINDOW | WS_CLIPCHILDREN | WS_VISIBLE, 0, 0, 480, 360,
+                                                 nullptr, nullptr, ::GetModuleHandleW(nullptr), nullptr));
+}
+
+// Runs the probe against `window` while this thread keeps answering its messages, and
+// returns what it printed.
+std::string probe(HWND window)
+{
+    const std::wstring exe = tessel::module_folder() + L"controls_accessibility_probe.exe";
+    std::wstring command = L"\"" + exe + L"\" " + std::to_wstring(reinterpret_cast<INT_PTR>(window));
+    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+    HANDLE read = nullptr, write = nullptr;
+    if (!::CreatePipe(&read, &write, &inherit, 0))
+        return "no pipe";
+    ::SetHandleInformation(read, HANDLE_FLAG_INHERIT, 0);
+    tessel::unique_handle reader(read), writer(write);
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = write;
+    startup.hStdError = write;
+    PROCESS_INFORMATION process{};
+    if (!::CreateProcessW(exe.c_str(), command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process))
+        return "cannot start the probe";
+    tessel::unique_handle process_handle(process.hProcess), thread_handle(process.hThread);
+    writer.reset();
+    const bool ended = test_support::pump_until(
+        [&] { return ::WaitForSingleObject(process.hProcess, 0) == WAIT_OBJECT_0; }, 30000);
+    if (!ended) {
+        ::TerminateProcess(process.hProcess, 1);
+        return "the probe did not finish";
+    }
+    std::string output;
+    char buffer[4096];
+    DWORD got = 0;
+    while (::ReadFile(read, buffer, sizeof buffer, &got, nullptr) && got)
+        output.append(buffer, got);
+    return output;
+}
+
+std::vector<std::string> lines_of(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back(), lines.push_back(line);
+        else
+            lines.push_back(line);
+    return lines;
+}
+
+std::string child_line(long id, const char* name, long role, long state, const char* value)
+{
+    char line[256];
+    std::snprintf(line, sizeof line, "child %ld|%s|%ld|%lx|%s", id, name, role, state, value);
+    return line;
+}
+
+}  // namespace
+
+TEST(accessibility, a_reader_in_another_process_sees_rows_names_states_and_levels)
+{
+    const tessel::unique_hwnd owner = make_owner();
+    tree_view tree(owner.get(), 1003, RECT{0, 0, 440, 300});
+    tree.set_columns({{L"Device", 200, 40}, {L"Client", 120, 30}});
+    tree_node* hub = tree.insert(nullptr, nullptr,
+                                 {.text = L"[[[bHub]]]", .image = vector_image{1},
+                                  .column_texts = {L"[[[v#[server.client.connected]# ]]] alice"}});
+    tree_node* disk = tree.insert(hub, nullptr, {.text = L"[[[iDisk]]]"});
+    tree_node* closed = tree.insert(nullptr, nullptr, {.text = L"Closed"});
+    tree.insert(closed, nullptr, {.text = L"hidden"});
+    tree.collapse(closed);
+    tree.select(disk);
+    ::SetFocus(tree.window());
+    ASSERT_EQ(::GetFocus(), tree.window());
+
+    const std::vector<std::string> lines = lines_of(probe(tree.window()));
+    ASSERT_EQ(lines.size(), 4u) << (lines.empty() ? "" : lines[0]);
+    EXPECT_EQ(lines[0], "role " + std::to_string(ROLE_SYSTEM_OUTLINE) + " count 3 focus 2");
+    const long item = STATE_SYSTEM_SELECTABLE | STATE_SYSTEM_FOCUSABLE;
+    EXPECT_EQ(lines[1], child_line(1, "Hub, alice", ROLE_SYSTEM_OUTLINEITEM, item | STATE_SYSTEM_EXPANDED, "0"));
+    EXPECT_EQ(lines[2], child_line(2, "Disk", ROLE_SYSTEM_OUTLINEITEM,
+                                   item | STATE_SYSTEM_SELECTED | STATE_SYSTEM_FOCUSED, "1"));
+    EXPECT_EQ(lines[3], child_line(3, "Closed", ROLE_SYSTEM_OUTLINEITEM, item | STATE_SYSTEM_COLLAPSED, "0"));
+
+    // A plain list answers as a list.
+    listview::impl::listview<listview::impl::uniform_height> list(owner.get(), 1004, RECT{0, 0, 200, 200});
+    list.set_columns({{L"Name", 150, 30}});
+    list.handlers().cell_text.push_back(
+        [](row_index row, std::size_t, std::span<listview::impl::cell> cells, std::optional<D2D1_COLOR_F>&) {
+            cells[0].text = L"  item " + std::to_wstring(row);
+            return true;
+        });
+    list.set_row_count(2);
+    const std::vector<std::string> list_lines = lines_of(probe(list.window()));
+    ASSERT_EQ(list_lines.size(), 3u);
+    EXPECT_EQ(list_lines[0], "role " + std::to_string(ROLE_SYSTEM_LIST) + " count 2 focus -1");
+    EXPECT_EQ(list_lines[2], child_line(2, "item 1", ROLE_SYSTEM_LISTITEM, item, ""));
+}
+
+namespace {
+
+struct win_event {
+    DWORD event;
+    LONG child;
+};
+std::vector<win_event> events;
+HWND watched = nullptr;
+
+void CALLBACK on_win_event(HWINEVENTHOOK, DWORD event, HWND window, LONG object, LONG child, DWORD, DWORD)
+{
+    if (window == watched && object == OBJID_CLIENT)
+        events.push_back({event, child});
+}
+
+bool saw(DWORD event, LONG child)
+{
+    for (const win_event& e : events)
+        if (e.event == event && e.child == child)
+            return true;
+    return false;
+}
+
+}  // namespace
+
+TEST(accessibility, focus_selection_and_expansion_raise_events)
+{
+    const tessel::unique_hwnd owner = make_owner();
+    tree_view tree(owner.get(), 1003, RECT{0, 0, 440, 300});
+    tree.set_columns({{L"Device", 200, 40}});
+    tree_node* a = tree.insert(nullptr, nullptr, {.text = L"a"});
+    tree.insert(a, nullptr, {.text = L"a1"});
+    tree_node* b = tree.insert(nullptr, nullptr, {.text = L"b"});
+    ::SetFocus(tree.window());
+    watched = tree.window();
+    events.clear();
+    const HWINEVENTHOOK hook = ::SetWinEventHook(EVENT_OBJECT_FOCUS, EVENT_OBJECT_STATECHANGE, nullptr, on_win_event,
+                                                 ::GetCurrentProcessId(), 0, WINEVENT_OUTOFCONTEXT);
+    ASSERT_NE(hook, nullptr);
+    tree.select(b);
+    tree.set_focus_node(b);
+    tree.collapse(a);
+    test_support::pump_until([] { return events.size() >= 3; }, 3000);
+    ::UnhookWinEvent(hook);
+    EXPECT_TRUE(saw(EVENT_OBJECT_SELECTION, 3)) << "b was row 3 when it was selected";
+    EXPECT_TRUE(saw(EVENT_OBJECT_FOCUS, 3));
+    EXPECT_TRUE(saw(EVENT_OBJECT_STATECHANGE, 1)) << "a collapsed";
+}
