@@ -1,0 +1,200 @@
+#include "controls/selection.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <ostream>
+#include <random>
+#include <vector>
+
+using namespace tessel::windows::new_controls::listview::impl;
+
+namespace tessel::windows::new_controls::listview::impl {
+void PrintTo(const row_run& run, std::ostream* out) { *out << '[' << run.first << ", " << run.end << ')'; }
+}  // namespace tessel::windows::new_controls::listview::impl
+
+namespace {
+
+std::vector<row_run> runs_of(const range_set& set, row_index first = 0, row_index last = none)
+{
+    std::vector<row_run> runs;
+    for (row_run run = set.run_from(first); run.first < last; run = set.run_from(run.end))
+        runs.push_back(run);
+    return runs;
+}
+
+std::vector<row_run> runs_of(const std::vector<bool>& rows)
+{
+    std::vector<row_run> runs;
+    for (row_index r = 0; r < rows.size(); ++r) {
+        if (!rows[r])
+            continue;
+        if (!runs.empty() && runs.back().end == r)
+            ++runs.back().end;
+        else
+            runs.push_back({r, r + 1});
+    }
+    return runs;
+}
+
+}  // namespace
+
+TEST(single_selection, holds_one_row_and_truncates_to_the_last_remaining_row)
+{
+    std::unique_ptr<iselection> selection = std::make_unique<single_selection>();
+    EXPECT_TRUE(selection->is_empty());
+    EXPECT_EQ(selection->first_selected(), none);
+    selection->click(7);
+    selection->click(7);
+    EXPECT_EQ(selection->count(), 1u);
+    EXPECT_TRUE(selection->is_selected(7));
+    EXPECT_FALSE(selection->is_selected(none));
+    EXPECT_EQ(runs_of(selection->selected_rows()), (std::vector<row_run>{{7, 8}}));
+
+    EXPECT_FALSE(selection->truncate(8));
+    EXPECT_TRUE(selection->truncate(5));
+    EXPECT_EQ(selection->first_selected(), 4u);
+    EXPECT_EQ(runs_of(selection->selected_rows()), (std::vector<row_run>{{4, 5}}));
+    EXPECT_TRUE(selection->truncate(0));
+    EXPECT_TRUE(selection->is_empty());
+    EXPECT_EQ(selection->selected_rows().count(), 0u);
+    EXPECT_FALSE(selection->truncate(0));
+
+    selection->set_range(10, 20, range_mode::select);
+    EXPECT_EQ(selection->first_selected(), 10u);
+    selection->set_range(12, 20, range_mode::select);  // keeps a row already inside
+    EXPECT_EQ(selection->first_selected(), 12u);
+    selection->set_range(0, 12, range_mode::deselect);
+    EXPECT_EQ(selection->first_selected(), 12u);
+    selection->set_range(12, 13, range_mode::toggle);
+    EXPECT_TRUE(selection->is_empty());
+    selection->extend_to(3);
+    EXPECT_EQ(runs_of(selection->selected_rows()), (std::vector<row_run>{{3, 4}}));
+    selection->clear();
+    EXPECT_EQ(selection->count(), 0u);
+}
+
+TEST(multiple_selection, shift_clicks_replace_the_previous_extension_and_keep_toggled_rows)
+{
+    multiple_selection selection;
+    selection.extend_to(5);  // no anchor yet: a click
+    EXPECT_EQ(selection.anchor(), 5u);
+    selection.click(5);
+    EXPECT_TRUE(selection.is_empty());
+
+    selection.click(3);
+    selection.extend_to(6);
+    EXPECT_EQ(runs_of(selection.selected_rows()), (std::vector<row_run>{{3, 7}}));
+    selection.extend_to(1);
+    EXPECT_EQ(runs_of(selection.selected_rows()), (std::vector<row_run>{{1, 4}}));
+    EXPECT_EQ(selection.count(), 3u);
+    EXPECT_EQ(selection.anchor(), 3u);
+
+    selection.set_range(20, 30, range_mode::select);  // not part of the extension
+    selection.extend_to(8);
+    EXPECT_EQ(runs_of(selection.selected_rows()), (std::vector<row_run>{{3, 9}, {20, 30}}));
+    EXPECT_EQ(selection.count(), 16u);
+
+    selection.click(25);  // toggling a selected row removes it
+    EXPECT_EQ(selection.count(), 15u);
+    EXPECT_FALSE(selection.is_selected(25));
+    EXPECT_EQ(runs_of(selection.selected_rows(), 22, 27), (std::vector<row_run>{{20, 25}, {26, 30}}));
+    EXPECT_EQ(selection.first_selected(), 3u);
+
+    selection.click(none);
+    EXPECT_TRUE(selection.is_empty());
+    EXPECT_EQ(selection.first_selected(), none);
+    selection.clear();
+    EXPECT_EQ(selection.anchor(), none);
+}
+
+TEST(multiple_selection, truncate_cuts_the_runs_at_the_new_row_count)
+{
+    multiple_selection selection;
+    EXPECT_FALSE(selection.truncate(0));
+    selection.set_range(2, 5, range_mode::select);
+    selection.set_range(8, 12, range_mode::select);
+    EXPECT_FALSE(selection.truncate(12));
+    EXPECT_TRUE(selection.truncate(10));
+    EXPECT_EQ(runs_of(selection.selected_rows()), (std::vector<row_run>{{2, 5}, {8, 10}}));
+    EXPECT_TRUE(selection.truncate(6));
+    EXPECT_EQ(runs_of(selection.selected_rows()), (std::vector<row_run>{{2, 5}}));
+    EXPECT_EQ(selection.count(), 3u);
+    EXPECT_TRUE(selection.truncate(0));
+    EXPECT_TRUE(selection.is_empty());
+}
+
+// Thousands of random operations on the model and on one flag per row; after every step
+// both must agree on the rows, the runs, the count, the first row and emptiness.
+TEST(multiple_selection, random_operations_agree_with_a_flag_per_row)
+{
+    constexpr row_index rows = 160;
+    std::mt19937_64 random(20261123);
+    const auto any_row = [&] { return row_index(random() % rows); };
+
+    for (int series = 0; series < 20; ++series) {
+        multiple_selection selection;
+        std::vector<bool> oracle(rows);
+        row_index anchor = none, extension_first = 0, extension_end = 0;
+        bool extension = false;
+        const auto toggle = [&](row_index r) { oracle[r] = !oracle[r]; };
+        const auto assign = [&](row_index first, row_index end, range_mode mode) {
+            for (row_index r = first; r < end; ++r)
+                oracle[r] = mode == range_mode::toggle ? !oracle[r] : mode == range_mode::select;
+        };
+
+        for (int step = 0; step < 500; ++step) {
+            const unsigned op = random() % 16;
+            if (op < 4) {
+                const row_index r = any_row();
+                selection.click(r);
+                toggle(r);
+                anchor = r;
+            } else if (op < 8) {
+                const row_index r = any_row();
+                selection.extend_to(r);
+                if (anchor == none) {
+                    toggle(r);
+                    anchor = r;
+                } else {
+                    if (extension)
+                        assign(extension_first, extension_end, range_mode::deselect);
+                    extension_first = std::min(anchor, r);
+                    extension_end = std::max(anchor, r) + 1;
+                    extension = true;
+                    assign(extension_first, extension_end, range_mode::select);
+                }
+            } else if (op < 14) {
+                const row_index a = any_row(), b = random() % 8 == 0 ? a : any_row() + 1;
+                const auto mode = range_mode(random() % 3);
+                selection.set_range(std::min(a, b), std::max(a, b), mode);
+                assign(std::min(a, b), std::max(a, b), mode);
+            } else if (op == 14) {
+                const row_index n = random() % 4 == 0 ? 0 : any_row();
+                const bool had_beyond = std::find(oracle.begin() + n, oracle.end(), true) != oracle.end();
+                ASSERT_EQ(selection.truncate(n), had_beyond) << "step " << step;
+                assign(n, rows, range_mode::deselect);
+            } else if (random() % 4 == 0) {
+                selection.clear();
+                assign(0, rows, range_mode::deselect);
+                anchor = none;
+                extension = false;
+            } else {
+                selection.click(none);
+                assign(0, rows, range_mode::deselect);
+            }
+
+            const std::vector<row_run> expected = runs_of(oracle);
+            ASSERT_EQ(runs_of(selection.selected_rows()), expected) << "series " << series << " step " << step;
+            const auto selected = row_index(std::count(oracle.begin(), oracle.end(), true));
+            ASSERT_EQ(selection.count(), selected);
+            ASSERT_EQ(selection.is_empty(), selected == 0);
+            ASSERT_EQ(selection.first_selected(), expected.empty() ? none : expected.front().first);
+            ASSERT_EQ(selection.selected_rows().run_count(), expected.size());
+            ASSERT_EQ(selection.anchor(), anchor);
+            const row_index probe = any_row();
+            ASSERT_EQ(selection.is_selected(probe), bool(oracle[probe]));
+        }
+    }
+}
