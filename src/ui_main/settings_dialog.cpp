@@ -5,6 +5,7 @@
 #include "localization/localization.h"
 #include "msgbox/message_box.h"
 #include "nsm/app_settings.h"
+#include "ui_main/dialog_layout.h"
 #include "ui_main/server_operation.h"
 
 #include <oleauto.h>
@@ -112,6 +113,13 @@ INT_PTR settings_dialog::handle(UINT message, WPARAM wparam, LPARAM)
 void settings_dialog::on_init()
 {
     tessel::translate_dialog(window_);
+    fit_dialog_to_texts(window_,
+                        {{ids::endpoints_label},
+                         {ids::port_label},
+                         {ids::advertisement, true},
+                         {ids::statistics, true},
+                         {ids::language_label, false, {ids::language}}},
+                        {IDOK, IDCANCEL});
     const tessel::language_list languages = tessel::ui_language_list(current_app_settings().language);
     const HWND combo = ::GetDlgItem(window_, ids::language);
     for (const auto& entry : languages.entries)

@@ -1,6 +1,7 @@
 #include "ui_main/share_dialog.h"
 
 #include "localization/localization.h"
+#include "ui_main/dialog_layout.h"
 
 #include <commctrl.h>
 
@@ -70,6 +71,7 @@ INT_PTR share_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)
 void share_dialog::on_init()
 {
     tessel::translate_dialog(window_);
+    fit_dialog_to_texts(window_, {{ids::device_label}, {ids::key_label}}, {IDOK, IDCANCEL});
     ::SetDlgItemTextW(window_, ids::device, device_text_.c_str());
     ::SetDlgItemTextW(window_, ids::key, key_.c_str());
     // Shown also while the edit has the focus, which it gets at once.
