@@ -52,9 +52,9 @@ struct cell_style {
 inline constexpr std::uint32_t cell_dimmed = 1;
 
 struct cell {
-    std::wstring text;  // markup
-    std::shared_ptr<const cell_style> style;  // null: the default style
-    std::optional<D2D1_COLOR_F> text_colour;
+    std::wstring text{};  // markup
+    std::shared_ptr<const cell_style> style{};  // null: the default style
+    std::optional<D2D1_COLOR_F> text_colour{};
     std::uint32_t flags = 0;
 };
 
@@ -70,7 +70,7 @@ using cell_text_provider = std::function<bool(row_index row, std::size_t first_c
 inline constexpr float cell_padding = 4;
 
 struct column {
-    std::wstring header;    // markup
+    std::wstring header{};  // markup
     float width = 100;      // device-independent pixels
     float min_width = 24;   // dragging a separator stops here
 };
@@ -251,6 +251,9 @@ public:
     // Side of the icons in the cells, in pixels at the window's current DPI (owners
     // load raster icons of this size).
     [[nodiscard]] int icon_pixel_size() const noexcept;
+    // The text format of cells in the default style (views lay out their own marks
+    // with it); it changes with the DPI and the system font.
+    [[nodiscard]] IDWriteTextFormat* default_text_format();
     [[nodiscard]] float scale_x() const noexcept;
     [[nodiscard]] float scale_y() const noexcept;
 

@@ -48,16 +48,17 @@ using node_image = std::variant<no_image, vector_image, raster_image>;
 // the row in the tree's dimmed text colour (disconnected devices).
 inline constexpr std::uint32_t node_dimmed = listview::impl::cell_dimmed;
 
+// Every member has a default, so that designated initializers name only what they set.
 struct node_data {
-    std::wstring text;  // markup, column 0
-    node_image image;
+    std::wstring text{};  // markup, column 0
+    node_image image{};
     // 0: none. With a vector image: an icon id like the image's; with a raster image: an
     // HICON drawn over the image.
     std::uint64_t overlay = 0;
-    std::vector<std::wstring> column_texts;  // [c - 1] is column c; missing ones are empty
-    std::shared_ptr<const cell_style> style;
-    std::optional<D2D1_COLOR_F> text_colour;
-    std::optional<D2D1_COLOR_F> row_colour;
+    std::vector<std::wstring> column_texts{};  // [c - 1] is column c; missing ones are empty
+    std::shared_ptr<const cell_style> style{};
+    std::optional<D2D1_COLOR_F> text_colour{};
+    std::optional<D2D1_COLOR_F> row_colour{};
     std::uint32_t flags = 0;
 };
 
@@ -169,6 +170,7 @@ public:
     [[nodiscard]] std::wstring first_cell_text(const tree_node& node, std::uint32_t depth) const;
 
 private:
+    void append_first_cell_text(std::wstring& text, const tree_node& node, std::uint32_t depth) const;
     bool fill_cells(row_index row, std::size_t first_column, std::span<listview::impl::cell> cells,
                     std::optional<D2D1_COLOR_F>& row_colour);
     bool on_key(const listview::impl::key_event& key);
