@@ -2,10 +2,8 @@
 
 #include "base/failure.h"
 
-#include <initguid.h>  // before devpkey.h: this file defines the property key it uses
-
 #include <cfgmgr32.h>
-#include <devpkey.h>
+#include <devpropdef.h>
 
 #include <algorithm>
 #include <iterator>
@@ -19,6 +17,10 @@ extern "C" WINSETUPAPI BOOL WINAPI SetupDiSetDevicePropertyW(HDEVINFO set, PSP_D
 
 namespace sim_server {
 namespace {
+
+// DEVPKEY_Device_Children, spelt out: through the headers its definition depends on the
+// order in which they were included, and a wrong one links silently.
+constexpr DEVPROPKEY device_children_key = {{0x4340a6c5, 0x93fa, 0x4706, {0x97, 0x2c, 0x7b, 0x64, 0x80, 0x08, 0xa5, 0xa7}}, 9};
 
 // The root-enumerator name the nodes get ("ROOT\ULMORA_SIM_DEVICE\0000"...).
 constexpr wchar_t node_base_name[] = L"ULMORA_SIM_DEVICE";
@@ -135,7 +137,7 @@ void local_device_tree::add_children(SP_DEVINFO_DATA& parent, const std::vector<
         add_children(data, child.children, root);
     }
     ids.push_back(L'\0');
-    tessel::throw_last_error_if(!::SetupDiSetDevicePropertyW(set_.get(), &parent, &DEVPKEY_Device_Children,
+    tessel::throw_last_error_if(!::SetupDiSetDevicePropertyW(set_.get(), &parent, &device_children_key,
                                                              DEVPROP_TYPE_STRING_LIST,
                                                              reinterpret_cast<const BYTE*>(ids.data()),
                                                              static_cast<DWORD>(ids.size() * sizeof(wchar_t)), 0));

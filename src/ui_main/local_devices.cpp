@@ -1,8 +1,6 @@
 #include "ui_main/local_devices.h"
 
-#include <initguid.h>  // before devpkey.h: this file defines the property keys it uses
-
-#include <devpkey.h>
+#include <devpropdef.h>
 #include <objbase.h>
 #include <setupapi.h>
 #include <shlobj.h>
@@ -15,15 +13,20 @@
 namespace servercfg {
 namespace {
 
+// DEVPKEY_Device_Children, spelt out: through the headers its definition depends on the
+// order in which they were included, and a wrong one links silently.
+constexpr DEVPROPKEY device_children_key = {{0x4340a6c5, 0x93fa, 0x4706, {0x97, 0x2c, 0x7b, 0x64, 0x80, 0x08, 0xa5, 0xa7}}, 9};
+
 constexpr DWORD name_buffer_bytes = 512;
 
 struct walk_state {
     device_node_source& source;
     const walk_options& options;
     device_icon subtree_icon;
-    // Every node seen in this walk: a node met again (a child that is its own parent, an
-    // ancestor, a sibling chain that turns back) ends that branch.
-    std::set<DWORD> visited;
+    // Every node seen in this walk, by instance ID: a node met again (a child that is its
+    // own parent, an ancestor, a sibling chain that turns back) ends that branch. IDs,
+    // not handles: Wine hands out a new handle each time a device is opened.
+    std::set<std::wstring, std::less<>> visited;
 };
 
 std::wstring display_name(opened_device* device, const std::wstring& unknown_name)
@@ -37,15 +40,28 @@ std::wstring display_name(opened_device* device, const std::wstring& unknown_nam
     return name && !name->empty() ? std::move(*name) : unknown_name;
 }
 
+// devinst: the node's handle when the configuration manager named it; without one the
+// node comes from a children list, and one that cannot be opened is a stale entry.
+void walk_id(walk_state& state, const std::wstring& id, std::optional<DWORD> devinst,
+             std::vector<local_device_node>& parent_list);
+
+// The node with this handle; nothing when its ID cannot be read.
 void walk(walk_state& state, DWORD node, std::vector<local_device_node>& parent_list)
 {
-    if (!state.visited.insert(node).second)
-        return;
     const std::wstring id = state.source.instance_id(node);
-    if (id.empty())
+    if (!id.empty())
+        walk_id(state, id, node, parent_list);
+}
+
+void walk_id(walk_state& state, const std::wstring& id, std::optional<DWORD> devinst,
+             std::vector<local_device_node>& parent_list)
+{
+    if (!state.visited.insert(id).second)
         return;
     // Held open while the children are walked; one set per node, closed on the way out.
     const std::unique_ptr<opened_device> device = state.source.open(id);
+    if (!device && !devinst)
+        return;
 
     device_icon icon;
     if (device) {
@@ -53,9 +69,14 @@ void walk(walk_state& state, DWORD node, std::vector<local_device_node>& parent_
         icon = state.source.class_icon(cls, state.options.icon_size);
         if (!has_icon(state.subtree_icon) && !IsEqualGUID(cls, usb_class_guid) && !IsEqualGUID(cls, hid_class_guid))
             state.subtree_icon = icon;
+        if (!devinst)
+            devinst = device->devinst();
     }
     local_device_node& self =
         parent_list.emplace_back(local_device_node{display_name(device.get(), state.options.unknown_name), icon, id, {}});
+    if (!devinst)
+        return;
+    const DWORD node = *devinst;
 
     // The value before the call is the node itself, so a call that succeeds without
     // writing (Wine) is told apart from one that names a real child.
@@ -63,9 +84,10 @@ void walk(walk_state& state, DWORD node, std::vector<local_device_node>& parent_
     const CONFIGRET first = state.source.get_child(&child, node);
     if (first == CR_SUCCESS && child != node) {
         for (;;) {
-            if (state.visited.contains(child))
+            const std::wstring child_id = state.source.instance_id(child);
+            if (child_id.empty() || state.visited.contains(child_id))
                 break;
-            walk(state, child, self.children);
+            walk_id(state, child_id, child, self.children);
             DWORD next = child;
             if (state.source.get_sibling(&next, child) != CR_SUCCESS || next == child)
                 break;
@@ -75,8 +97,7 @@ void walk(walk_state& state, DWORD node, std::vector<local_device_node>& parent_
         // The configuration manager could not say; the device's own list of children can.
         // On Windows the two agree, and this path is not taken there.
         for (const std::wstring& child_id : device->child_instance_ids())
-            if (const auto devinst = state.source.locate(child_id))
-                walk(state, *devinst, self.children);
+            walk_id(state, child_id, std::nullopt, self.children);
     }
 }
 
@@ -123,6 +144,7 @@ public:
     system_opened_device(unique_hdevinfo set, SP_DEVINFO_DATA data) : set_(std::move(set)), data_(data) {}
 
     GUID class_guid() override { return data_.ClassGuid; }
+    DWORD devinst() override { return data_.DevInst; }
 
     std::optional<std::wstring> text_property(DWORD property) override
     {
@@ -138,11 +160,11 @@ public:
     {
         DEVPROPTYPE type = 0;
         DWORD size = 0;
-        ::SetupDiGetDevicePropertyW(set_.get(), &data_, &DEVPKEY_Device_Children, &type, nullptr, 0, &size, 0);
+        ::SetupDiGetDevicePropertyW(set_.get(), &data_, &device_children_key, &type, nullptr, 0, &size, 0);
         if (size < sizeof(wchar_t))
             return {};
         std::wstring list(size / sizeof(wchar_t) + 1, L'\0');
-        if (!::SetupDiGetDevicePropertyW(set_.get(), &data_, &DEVPKEY_Device_Children, &type,
+        if (!::SetupDiGetDevicePropertyW(set_.get(), &data_, &device_children_key, &type,
                                          reinterpret_cast<BYTE*>(list.data()), size, &size, 0) ||
             type != DEVPROP_TYPE_STRING_LIST)
             return {};
@@ -229,14 +251,6 @@ public:
 
     CONFIGRET get_child(DWORD* child, DWORD node) override { return ::CM_Get_Child(child, node, 0); }
     CONFIGRET get_sibling(DWORD* sibling, DWORD node) override { return ::CM_Get_Sibling(sibling, node, 0); }
-
-    std::optional<DWORD> locate(const std::wstring& instance_id) override
-    {
-        const auto opened = open_device_info(instance_id);
-        if (!opened)
-            return std::nullopt;
-        return opened->second.DevInst;
-    }
 
     device_icon class_icon(const GUID& class_guid, int icon_size) override
     {

@@ -60,6 +60,8 @@ class opened_device {
 public:
     virtual ~opened_device() = default;
     [[nodiscard]] virtual GUID class_guid() = 0;
+    // The device's instance handle, valid while it is open.
+    [[nodiscard]] virtual DWORD devinst() = 0;
     // A registry property read into 512 bytes (SPDRP_FRIENDLYNAME, SPDRP_DEVICEDESC);
     // nothing when the call fails.
     [[nodiscard]] virtual std::optional<std::wstring> text_property(DWORD property) = 0;
@@ -77,8 +79,6 @@ public:
     [[nodiscard]] virtual std::unique_ptr<opened_device> open(const std::wstring& instance_id) = 0;
     virtual CONFIGRET get_child(DWORD* child, DWORD node) = 0;
     virtual CONFIGRET get_sibling(DWORD* sibling, DWORD node) = 0;
-    // The device instance handle of an instance ID; nothing when it cannot be found.
-    [[nodiscard]] virtual std::optional<DWORD> locate(const std::wstring& instance_id) = 0;
     [[nodiscard]] virtual device_icon class_icon(const GUID& class_guid, int icon_size) = 0;
 };
 

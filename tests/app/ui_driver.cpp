@@ -64,7 +64,7 @@ HWND find(const std::wstring& title, int control_id)
 IAccessible* accessible_of(HWND control)
 {
     IAccessible* accessible = nullptr;
-    if (FAILED(::AccessibleObjectFromWindow(control, static_cast<DWORD>(OBJID_CLIENT), IID_IAccessible,
+    if (FAILED(::AccessibleObjectFromWindow(control, static_cast<DWORD>(OBJID_CLIENT), __uuidof(IAccessible),
                                             reinterpret_cast<void**>(&accessible))))
         return nullptr;
     return accessible;

@@ -52,12 +52,13 @@ public:
 
     class opened final : public opened_device {
     public:
-        opened(fake_source& owner, const fake_node& node) : owner_(owner), node_(node)
+        opened(fake_source& owner, const fake_node& node, DWORD devinst) : owner_(owner), node_(node), devinst_(devinst)
         {
             owner_.max_open_sets = std::max(owner_.max_open_sets, ++owner_.open_sets);
         }
         ~opened() override { --owner_.open_sets; }
         GUID class_guid() override { return node_.cls; }
+        DWORD devinst() override { return devinst_; }
         std::optional<std::wstring> text_property(DWORD property) override
         {
             return property == SPDRP_FRIENDLYNAME ? node_.friendly : node_.description;
@@ -67,13 +68,14 @@ public:
     private:
         fake_source& owner_;
         const fake_node& node_;
+        DWORD devinst_;
     };
 
     std::unique_ptr<opened_device> open(const std::wstring& id) override
     {
         for (const auto& [devinst, node] : nodes)
             if (node.id == id && node.opens)
-                return std::make_unique<opened>(*this, node);
+                return std::make_unique<opened>(*this, node, devinst);
         return nullptr;
     }
 
@@ -107,14 +109,6 @@ public:
                 }
         }
         return CR_NO_SUCH_DEVNODE;
-    }
-
-    std::optional<DWORD> locate(const std::wstring& id) override
-    {
-        for (const auto& [devinst, node] : nodes)
-            if (node.id == id)
-                return devinst;
-        return std::nullopt;
     }
 
     // Vector icons stand for class icons: the GUID's first field, or none for HID.
