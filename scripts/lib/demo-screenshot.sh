@@ -37,7 +37,13 @@ for dpi in 96 144; do
     "$wine64" "$exe" >/dev/null 2>&1 &
     program=$!
     main=$(drive wait "$title" 1003 20000) || die "the main window did not appear ($language, $dpi dpi)"
-    sleep 1  # the first paint
+    # The tree has its rows once the screen-reader interface lists them; the first paint
+    # (Direct2D starting up under a software renderer) takes a moment more.
+    for _ in $(seq 50); do
+      [[ -n $(drive rows "$main" 1003 || true) ]] && break
+      sleep 0.2
+    done
+    sleep 2
     shoot "$title" "$prefix-main.png"
 
     # The share dialog of the first device that is not shared: the hub.
