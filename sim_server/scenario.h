@@ -14,6 +14,15 @@
 
 namespace sim_server {
 
+// A device node below a server device on this machine (a hub's ports, a composite
+// device's functions): shown by the program's local device walk, unknown to the server.
+struct local_node_spec {
+    GUID class_guid{};
+    std::wstring description;
+    std::optional<std::wstring> friendly_name;
+    std::vector<local_node_spec> children;
+};
+
 struct device_spec {
     // How scenario files, the control tool and tests name the device; unique.
     std::wstring id;
@@ -29,6 +38,8 @@ struct device_spec {
     // Empty: no client holds the device.
     std::wstring client;
     bool needs_share_confirmation = false;
+    // The local nodes below the device's own node.
+    std::vector<local_node_spec> children{};
 };
 
 struct share_spec {
@@ -78,8 +89,8 @@ private:
     HRESULT code_;
 };
 
-// The demo's machine: a flash drive shared with a key and used by a client, a hub, a
-// keyboard that asks before it is shared, a label printer shared without a key, and a
+// The demo's machine: a flash drive shared with a key and used by a client, a hub with a
+// storage device and a mouse plugged into it, a keyboard that asks before it is shared, a label printer shared without a key, and a
 // licence dongle that is shared but unplugged.
 [[nodiscard]] scenario default_scenario();
 

@@ -6,7 +6,9 @@
 //   "settings_read_delay_ms": 400, "settings_write_delay_ms": 0,
 //   "devices": [{"id": "flash", "name": "Arcturus Flash 32GB", "location": "1-1", "class": "disk",
 //                "description": "USB Mass Storage Device", "friendly_name": "...", "connected": true,
-//                "client": "WORKSTATION-07", "needs_share_confirmation": false}],
+//                "client": "WORKSTATION-07", "needs_share_confirmation": false,
+//                "children": [{"class": "disk", "description": "Disk drive", "friendly_name": "...",
+//                              "children": []}]}],
 //   "shares": [{"device": "flash", "key": "secret"}],
 //   "failures": [{"method": "ShareDevice", "hresult": "0x80070005", "device": "flash"}]
 // }
@@ -208,6 +210,22 @@ struct settings_record {
     }
 };
 
+// A local node below a device; its own children nest.
+struct child_record {
+    device_class cls;
+    std::wstring description = L"USB Device";
+    nullable<std::wstring> friendly_name;
+    std::vector<child_record> children;
+    bool operator==(const child_record&) const = default;
+    static constexpr auto nsm_members()
+    {
+        return nsm::members(nsm::member("class", &child_record::cls),
+                            nsm::member("description", &child_record::description),
+                            nsm::member("friendly_name", &child_record::friendly_name),
+                            nsm::member("children", &child_record::children));
+    }
+};
+
 struct device_record {
     std::wstring id;
     std::wstring name;
@@ -218,6 +236,7 @@ struct device_record {
     bool connected = true;
     std::wstring client;
     bool needs_share_confirmation = false;
+    std::vector<child_record> children;
     bool operator==(const device_record&) const = default;
     static constexpr auto nsm_members()
     {
@@ -228,7 +247,8 @@ struct device_record {
                             nsm::member("friendly_name", &device_record::friendly_name),
                             nsm::member("connected", &device_record::connected),
                             nsm::member("client", &device_record::client),
-                            nsm::member("needs_share_confirmation", &device_record::needs_share_confirmation));
+                            nsm::member("needs_share_confirmation", &device_record::needs_share_confirmation),
+                            nsm::member("children", &device_record::children));
     }
 };
 
@@ -440,13 +460,24 @@ private:
     std::vector<level> levels_;
 };
 
+local_node_spec node_of(child_record&& r)
+{
+    local_node_spec node{r.cls.guid, std::move(r.description), std::move(r.friendly_name.value), {}};
+    for (child_record& child : r.children)
+        node.children.push_back(node_of(std::move(child)));
+    return node;
+}
+
 device_spec device_of(device_record&& r)
 {
-    return {std::move(r.id),          std::move(r.name),
-            std::move(r.location),    r.cls.guid,
-            std::move(r.description), std::move(r.friendly_name.value),
-            r.connected,              std::move(r.client),
-            r.needs_share_confirmation};
+    device_spec spec{std::move(r.id),          std::move(r.name),
+                     std::move(r.location),    r.cls.guid,
+                     std::move(r.description), std::move(r.friendly_name.value),
+                     r.connected,              std::move(r.client),
+                     r.needs_share_confirmation};
+    for (child_record& child : r.children)
+        spec.children.push_back(node_of(std::move(child)));
+    return spec;
 }
 
 }  // namespace

@@ -24,7 +24,8 @@ constexpr wchar_t usage[] =
     L"  confirm <id> yes|no\n"
     L"  running yes|no\n"
     L"  fail <method> <hresult>|off [device=<id>]\n"
-    L"  delay read|write <milliseconds>";
+    L"  delay read|write <milliseconds>\n"
+    L"  burst <count>";
 
 [[noreturn]] void fail(const std::wstring& message)
 {
@@ -233,6 +234,28 @@ std::wstring usb_server::execute_command(const std::vector<std::wstring>& words)
         else
             fail(L"\"" + words[1] + L"\" is not read or write");
         return L"delay " + words[1] + L" " + std::to_wstring(*ms) + L" ms";
+    }
+    if (command == L"burst") {
+        // Many changes at once, each with its notification: devices unplugged and plugged
+        // in turn, clients connecting and leaving. What the devices end with depends only
+        // on the count.
+        expect_words(words, 2, 2);
+        const auto count = milliseconds_of(words[1]);
+        if (!count || *count > 1000000)
+            fail(L"\"" + words[1] + L"\" is not a count from 0 to 1000000");
+        if (devices_.empty())
+            fail(L"there are no devices");
+        for (DWORD i = 0; i < *count; ++i) {
+            const auto& device = devices_[i % devices_.size()];
+            device_spec& spec = device->state.spec;
+            switch (i / devices_.size() % 4) {
+            case 0: spec.connected = !spec.connected; notify(listener_event::device_changed, device); break;
+            case 1: spec.connected = !spec.connected; notify(listener_event::device_changed, device); break;
+            case 2: spec.client = L"BURST-" + std::to_wstring(i); notify(listener_event::client_changed, device); break;
+            default: spec.client.clear(); notify(listener_event::client_changed_2, device); break;
+            }
+        }
+        return L"burst of " + std::to_wstring(*count) + L" notifications";
     }
     fail(L"unknown command \"" + command + L"\"\n" + usage);
 }

@@ -1,20 +1,76 @@
 #!/bin/bash
-# demo-screenshot.sh <program.exe> <shot.png>: inside scripts/with-wine, starts the
-# program, waits for its main window to be drawn, takes a screenshot and ends it.
+# demo-screenshot.sh <program.exe> <folder>: inside scripts/with-wine with the substitute
+# server registered, shows the program as a user meets it and saves screenshots of the
+# main window, the share dialog and the server settings dialog, in English and German, at
+# 96 and 144 dpi: <folder>/<language>-<dpi>-{main,share,settings}.png.
 set -euo pipefail
 source "$(dirname "$0")/common.sh"
 
-exe=$1 shot=$2
+exe=$1 out=$2
+driver=$(dirname "$exe")/ui_driver.exe
 title="QMX Software Ulmora Tools Server"
-"$wine64" "$exe" >/dev/null 2>&1 &
-program=$!
+settings_key='HKCU\Software\QMX Software\Ulmora Tools\ServerCfg'
+mkdir -p "$out"
 
-for _ in $(seq 100); do
-  xwininfo -root -tree 2>/dev/null | grep -q "\"$title" && break
-  kill -0 "$program" 2>/dev/null || die "$(basename "$exe") ended before showing its window"
-  sleep 0.2
+drive() { "$wine64" "$driver" "$@" 2>/dev/null; }
+
+# The X window of a Wine top-level window with this exact title.
+x_window() { xwininfo -root -tree | grep -F "\"$1\"" | head -1 | awk '{print $1}'; }
+
+shoot() {  # shoot <title> <file>
+  local id
+  id=$(x_window "$1")
+  [[ -n $id ]] || die "no window titled \"$1\" to take a picture of"
+  import -window "$id" "$2"
+}
+
+for dpi in 96 144; do
+  "$wine64" reg add 'HKCU\Control Panel\Desktop' /v LogPixels /t REG_DWORD /d "$dpi" /f >/dev/null 2>&1
+  for language in en de; do
+    "$wine64" reg add "$settings_key" /v language /t REG_SZ /d "$language" /f >/dev/null 2>&1
+    if [[ $language == de ]]; then
+      share_title="Gerät freigeben" settings_title="Servereinstellungen"
+    else
+      share_title="Share Device" settings_title="Server Settings"
+    fi
+    prefix=$out/$language-$dpi
+    "$wine64" "$exe" >/dev/null 2>&1 &
+    program=$!
+    main=$(drive wait "$title" 1003 20000) || die "the main window did not appear ($language, $dpi dpi)"
+    # The tree has its rows once the screen-reader interface lists them; the first paint
+    # (Direct2D starting up under a software renderer) takes a moment more.
+    for _ in $(seq 50); do
+      [[ -n $(drive rows "$main" 1003 || true) ]] && break
+      sleep 0.2
+    done
+    sleep 2
+    shoot "$title" "$prefix-main.png"
+
+    # The share dialog of the first device that is not shared: the hub.
+    row=$( (drive rows "$main" 1003 || true) | grep -n "Generic USB 3.0 Hub" | head -1 | cut -d: -f1 || true)
+    if [[ -n $row ]]; then
+      drive select "$main" 1003 $((row - 1)) || true
+      drive key "$main" 1003 13 || true
+      if share=$(drive wait "$share_title" 1006 5000); then
+        sleep 0.5
+        shoot "$share_title" "$prefix-share.png"
+        drive click "$share" 2 || true
+      else
+        note "no share dialog appeared ($language, $dpi dpi)"
+      fi
+    fi
+
+    drive click "$main" 1005 || true
+    if settings=$(drive wait "$settings_title" 1019 5000); then
+      sleep 1  # the server's settings arrive after 400 ms
+      shoot "$settings_title" "$prefix-settings.png"
+      drive click "$settings" 2 || true
+    else
+      note "no settings dialog appeared ($language, $dpi dpi)"
+    fi
+    sleep 0.3
+    drive close "$main" || true
+    wait "$program" 2>/dev/null || true
+  done
 done
-xwininfo -root -tree | grep -q "\"$title" || die "no window titled \"$title\" appeared"
-sleep 1  # let the first paint finish
-import -window root "$shot"
-kill "$program" 2>/dev/null || true
+"$wine64" reg add 'HKCU\Control Panel\Desktop' /v LogPixels /t REG_DWORD /d 96 /f >/dev/null 2>&1

@@ -1621,7 +1621,7 @@ LRESULT handle(list_state& s, UINT message, WPARAM wparam, LPARAM lparam)
         if (static_cast<LONG>(lparam) == static_cast<LONG>(OBJID_CLIENT)) {
             if (!s.accessible)
                 s.accessible = make_list_accessible(&s);
-            return ::LresultFromObject(IID_IAccessible, wparam, s.accessible.get());
+            return ::LresultFromObject(__uuidof(IAccessible), wparam, s.accessible.get());
         }
         break;
     default: break;

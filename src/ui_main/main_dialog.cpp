@@ -1,13 +1,28 @@
 #include "ui_main/main_dialog.h"
 
-#include "base/failure.h"
+#include "app/startup.h"
 #include "base/dpi.h"
+#include "base/failure.h"
+#include "base/module_path.h"
 #include "base/registered_messages.h"
 #include "base/window_text.h"
+#include "controls/treeview.h"
+#include "controls/vector_icons.h"
+#include "format/ts_printf.h"
 #include "localization/localization.h"
+#include "msgbox/message_box.h"
 #include "nsm/app_settings.h"
+#include "ui_main/about_dialog.h"
+#include "ui_main/clipboard.h"
+#include "ui_main/device_tree_rows.h"
+#include "ui_main/server_operation.h"
+#include "ui_main/settings_dialog.h"
+#include "ui_main/share_dialog.h"
 
 #include <commctrl.h>
+#include <oleauto.h>
+#include <shellapi.h>
+#include <windowsx.h>
 
 #include <algorithm>
 #include <initializer_list>
@@ -18,6 +33,36 @@ namespace servercfg {
 namespace {
 
 namespace ids = main_dialog_controls;
+namespace tv = tessel::windows::new_controls::treeview::impl;
+namespace lv = tessel::windows::new_controls::listview::impl;
+
+// Codes with which calls fail once the server (or the connection to it) has gone.
+bool server_is_gone(HRESULT code) noexcept
+{
+    switch (code) {
+    case RPC_E_DISCONNECTED:
+    case RPC_E_SERVER_DIED:
+    case RPC_E_SERVER_DIED_DNE:
+    case CO_E_OBJNOTCONNECTED:
+    case HRESULT_FROM_WIN32(RPC_S_SERVER_UNAVAILABLE):
+    case HRESULT_FROM_WIN32(RPC_S_CALL_FAILED):
+    case HRESULT_FROM_WIN32(RPC_S_CALL_FAILED_DNE):
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Column widths of the tree, DIPs; the titles are items 0, 2, 3 and 4 of the column list
+// (item 1, the manufacturer, is not a column of this tree).
+struct tree_column {
+    std::size_t title_item;
+    float width;
+};
+constexpr tree_column tree_columns[] = {{0, 300}, {2, 64}, {3, 170}, {4, 170}};
+
+// Posted to itself once the window is shown and filled.
+constexpr UINT wm_window_ready = WM_APP + 1;
 
 // How each control follows a resize: which edges stay at a fixed distance from the
 // right and bottom edges of the window.
@@ -129,9 +174,53 @@ void save_settings_reporting_failure() noexcept
 
 }  // namespace
 
-main_dialog::main_dialog(tessel::com_ptr<IUsbServer> server) : server_(std::move(server))
+main_dialog::main_dialog(tessel::com_ptr<IUsbServer> server, std::unique_ptr<device_node_source> nodes)
+    : server_(std::move(server)), nodes_(nodes ? std::move(nodes) : make_system_device_source())
 {
     set_cancellation(std::make_shared<fibra::details::cancellation_source_body>());
+}
+
+HRESULT main_dialog::QueryInterface(REFIID iid, void** out) noexcept
+{
+    if (out && iid == __uuidof(IVectorSite)) {
+        *out = static_cast<IVectorSite*>(static_cast<IVectorSite2*>(this));
+        AddRef();
+        return S_OK;
+    }
+    return com_object::QueryInterface(iid, out);
+}
+
+HRESULT main_dialog::GetIconModule(HMODULE* module) noexcept
+{
+    if (!module)
+        return E_POINTER;
+    *module = ::GetModuleHandleW(nullptr);
+    return S_OK;
+}
+
+HRESULT main_dialog::LoadIconCollection(int resource_id) noexcept
+try {
+    HMODULE module = nullptr;
+    (void)GetIconModule(&module);
+    return tessel::svg::collection_cache::instance().load(module, MAKEINTRESOURCEW(resource_id)) ? S_OK : S_FALSE;
+} catch (...) {
+    return tessel::hresult_from_caught_exception();
+}
+
+HRESULT main_dialog::GetHelpTopic(BSTR* topic) noexcept
+{
+    if (!topic)
+        return E_POINTER;
+    *topic = ::SysAllocString(help_topic);
+    return *topic ? S_OK : E_OUTOFMEMORY;
+}
+
+HRESULT main_dialog::GetProductShortName(BSTR* name) noexcept
+{
+    if (!name)
+        return E_POINTER;
+    *name = ::SysAllocString(product_short_name);
+    return *name ? S_OK : E_OUTOFMEMORY;
 }
 
 main_dialog::~main_dialog()
@@ -179,9 +268,17 @@ fibra::fire_and_forget main_dialog::handle_server_event(tessel::com_ptr<IUsbServ
     (void)keep_alive;
 }
 
-void main_dialog::on_server_event(server_event, IUsbDevice*)
+void main_dialog::on_server_event(server_event event, IUsbDevice* device)
 {
-    // The device tree that these events update is not part of the window yet.
+    if (!model_)
+        return;
+    switch (event) {
+    case server_event::device_added: model_->device_added(*server_.get(), device); break;
+    case server_event::device_changed: model_->device_changed(*server_.get(), device); break;
+    case server_event::client_changed: model_->client_changed(device); break;
+    }
+    report_model_failure();
+    update_copy_button();
 }
 
 HWND main_dialog::create(int show_command)
@@ -227,11 +324,28 @@ INT_PTR main_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)
     case WM_COMMAND:
         on_command(LOWORD(wparam));
         return TRUE;
+    case WM_NOTIFY: {
+        const INT_PTR result = on_notify(*reinterpret_cast<const NMHDR*>(lparam));
+        ::SetWindowLongPtrW(window_, DWLP_MSGRESULT, result);
+        return TRUE;
+    }
+    case WM_CONTEXTMENU:
+        if (tree_ && reinterpret_cast<HWND>(wparam) == tree_->window()) {
+            POINT at{GET_X_LPARAM(lparam), GET_Y_LPARAM(lparam)};
+            show_context_menu(tree_->selected_node(), at);
+            return TRUE;
+        }
+        return FALSE;
     case WM_SIZE:
         on_size();
         return TRUE;
     case WM_DPICHANGED:
         icons_.apply(window_);
+        if (tree_ && tree_->list().icon_pixel_size() != marker_size_) {
+            // Markers and class icons follow the new size: the rows are built again.
+            prepare_markers();
+            refresh();
+        }
         return FALSE;  // the dialog manager rescales the window and its font
     case WM_GETMINMAXINFO: {
         // Never smaller than designed: the controls do not fit otherwise.
@@ -242,6 +356,10 @@ INT_PTR main_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)
         limits->ptMinTrackSize = {frame.right - frame.left, frame.bottom - frame.top};
         return TRUE;
     }
+    case wm_window_ready:
+        if (hooks_.main_window_ready)
+            hooks_.main_window_ready(window_);
+        return TRUE;
     case WM_CLOSE:
         ::DestroyWindow(window_);
         return TRUE;
@@ -256,18 +374,14 @@ INT_PTR main_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)
 void main_dialog::on_init_dialog()
 {
     (void)tessel::windows::wm_ole_call();
-    listening_ = SUCCEEDED(server_->AdviseListener(this));
     ole_thread_ = std::make_unique<tessel::windows::ole_thread>();
+    (void)LoadIconCollection(tessel::svg::icon_collection_resource_id);
     tessel::translate_dialog(window_);
     icons_.apply(window_);
 
     const app_settings& settings = current_app_settings();
     ::CheckDlgButton(window_, ids::hide_disconnected, settings.hide_disconnected ? BST_CHECKED : BST_UNCHECKED);
     ::CheckDlgButton(window_, ids::collapse_all, settings.collapse_all ? BST_CHECKED : BST_UNCHECKED);
-
-    // The commands behind these buttons are not part of this window yet.
-    for (const int id : {ids::settings, ids::help, ids::about})
-        ::EnableWindow(::GetDlgItem(window_, id), FALSE);
 
     fit_to_texts(window_);
 
@@ -286,6 +400,304 @@ void main_dialog::on_init_dialog()
     initial_client_ = {client_units.right, client_units.bottom};
     for (size_t i = 0; i < std::size(anchors); ++i)
         initial_rects_[i] = to_layout_units(window_, child_rect(window_, anchors[i].id));
+
+    create_tree();
+    // Listening starts with the first full picture, so that no change is applied to rows
+    // that do not exist yet; a change in between is in the refresh already.
+    listening_ = SUCCEEDED(server_->AdviseListener(this));
+    refresh();
+    update_copy_button();
+    if (hooks_.main_window_ready)
+        ::PostMessageW(window_, wm_window_ready, 0, 0);
+}
+
+void main_dialog::create_tree()
+{
+    // The tree takes the placeholder's rectangle, id and place in the tab order.
+    const HWND placeholder = ::GetDlgItem(window_, ids::tree_placeholder);
+    const RECT r = child_rect(window_, ids::tree_placeholder);
+    tree_ = std::make_unique<tv::treeview>(window_, ids::tree, r);
+    if (const HWND tree = tree_->window()) {
+        ::SetWindowLongPtrW(placeholder, GWLP_ID, 0);
+        ::SetWindowLongPtrW(tree, GWLP_ID, ids::tree);
+        ::SetWindowPos(tree, placeholder, 0, 0, 0, 0, SWP_NOMOVE | SWP_NOSIZE | SWP_NOACTIVATE);
+        ::DestroyWindow(placeholder);
+        ::SetWindowLongPtrW(tree, GWL_STYLE, ::GetWindowLongPtrW(tree, GWL_STYLE) | WS_TABSTOP);
+    }
+
+    std::vector<lv::column> columns;
+    for (const tree_column& c : tree_columns) {
+        std::wstring title;
+        try {
+            title = tessel::load_string_item(tessel::string_ids::main_columns, c.title_item);
+        } catch (const tessel::no_string_exception&) {
+            tessel::debug_report(L"main dialog: a column title is missing");
+        }
+        columns.push_back({std::move(title), c.width});
+    }
+    tree_->set_columns(std::move(columns));
+
+    rows_ = std::make_unique<device_tree_rows>(*tree_);
+    model_ = std::make_unique<device_model>(*rows_, *nodes_);
+    prepare_markers();
+}
+
+void main_dialog::prepare_markers()
+{
+    marker_size_ = tree_->list().icon_pixel_size();
+    const auto icons = tessel::svg::program_icons();
+    const auto marker = [&](const wchar_t* name) {
+        return icons ? tessel::svg::create_hicon(tessel::svg::render_icon(icons->find(std::wstring_view(name)), marker_size_))
+                     : tessel::unique_hicon();
+    };
+    // The rows still show the old markers until they are rebuilt: keep those alive.
+    auto shared = marker(L"marker.shared");
+    auto not_shared = marker(L"marker.not-shared");
+    std::wstring unknown = L"Unknown device";
+    try {
+        unknown = tessel::load_string(tessel::string_ids::device_unknown);
+    } catch (const tessel::no_string_exception&) {
+    }
+    model_->set_icon_size(marker_size_);
+    model_->set_texts({std::move(unknown), reinterpret_cast<std::uintptr_t>(shared.get()),
+                       reinterpret_cast<std::uintptr_t>(not_shared.get())});
+    retired_markers_.push_back(std::move(shared_marker_));
+    retired_markers_.push_back(std::move(not_shared_marker_));
+    shared_marker_ = std::move(shared);
+    not_shared_marker_ = std::move(not_shared);
+}
+
+void main_dialog::refresh()
+{
+    if (!model_)
+        return;
+    const app_settings& settings = current_app_settings();
+    model_->options() = {settings.hide_disconnected, settings.collapse_all};
+    try {
+        model_->full_refresh(*server_.get());
+    } catch (const fibra::details::hresult_error& e) {
+        report_server_failure(e.code(), tessel::string_ids::server_call_failed);
+    }
+    (void)model_->take_failure();  // single rows: their cells say enough
+    retired_markers_.clear();
+    update_copy_button();
+}
+
+std::optional<std::size_t> main_dialog::model_row_of(tv::tree_node* node) const
+{
+    tv::tree_node* top = device_tree_rows::top_level_of(node);
+    if (!top || !model_)
+        return std::nullopt;
+    return model_->index_of(static_cast<device_rows::row_handle>(top));
+}
+
+void main_dialog::share_action(std::size_t row)
+{
+    if (!model_)
+        return;
+    model_->toggle_share(*server_.get(), row, *this);
+    report_model_failure();
+}
+
+bool main_dialog::copy_selected_device_id()
+{
+    const device_node_info* info = tree_ ? device_tree_rows::info_of(tree_->selected_node()) : nullptr;
+    if (!info || info->instance_id.empty())
+        return false;
+    try {
+        copy_text_to_clipboard(*ole_thread_, info->instance_id);
+    } catch (const fibra::details::hresult_error& e) {
+        show_message(format_error_message(tessel::string_ids::error_clipboard, e.code()), MB_OK | MB_ICONERROR);
+    }
+    return true;
+}
+
+void main_dialog::update_copy_button()
+{
+    const device_node_info* info = tree_ ? device_tree_rows::info_of(tree_->selected_node()) : nullptr;
+    ::EnableWindow(::GetDlgItem(window_, ids::copy_device_id), info && !info->instance_id.empty());
+}
+
+INT_PTR main_dialog::on_notify(const NMHDR& header)
+{
+    if (!tree_ || header.hwndFrom != tree_->window())
+        return 0;
+    switch (header.code) {
+    case lv::lvn_selection_changed:
+        update_copy_button();
+        return 0;
+    case lv::lvn_row_activated: {
+        const auto& n = reinterpret_cast<const lv::nm_listview_row&>(header);
+        auto* node = tv::treeview::node_of(n);
+        // Enter or a double click on a device row is its share action; on the rows below
+        // it the tree expands and collapses.
+        if (node && !node->parent())
+            if (const auto row = model_row_of(node))
+                share_action(*row);
+        return 0;
+    }
+    case lv::lvn_button_clicked: {
+        const auto& n = reinterpret_cast<const lv::nm_listview_button&>(header);
+        if (n.column == 1)
+            if (const auto row = model_row_of(static_cast<tv::tree_node*>(n.item)))
+                share_action(*row);
+        return 0;
+    }
+    case lv::lvn_context_menu: {
+        const auto& n = reinterpret_cast<const lv::nm_listview_context_menu&>(header);
+        auto* node = static_cast<tv::tree_node*>(n.item);
+        if (node)
+            tree_->select(node);
+        show_context_menu(node, n.screen);
+        return 1;
+    }
+    default:
+        return 0;
+    }
+}
+
+void main_dialog::show_context_menu(tv::tree_node* node, POINT screen)
+{
+    const auto row = model_row_of(node);
+    const device_node_info* info = device_tree_rows::info_of(node);
+    if (!row && !info)
+        return;
+    if (screen.x == -1 && screen.y == -1) {
+        // From the keyboard without a place: below the tree's top-left corner.
+        RECT r;
+        ::GetWindowRect(tree_->window(), &r);
+        screen = {r.left + 16, r.top + 16};
+    }
+    const auto text = [](std::uint32_t id) {
+        try {
+            return std::wstring(tessel::load_string(id));
+        } catch (const tessel::no_string_exception&) {
+            return std::wstring();
+        }
+    };
+    tessel::unique_handle_of<HMENU, ::DestroyMenu> menu(::CreatePopupMenu());
+    if (!menu)
+        return;
+    if (row) {
+        const bool shared = static_cast<bool>(model_->device_at(*row).share);
+        ::AppendMenuW(menu.get(), MF_STRING, main_dialog_menu::share,
+                      text(shared ? tessel::string_ids::menu_unshare : tessel::string_ids::menu_share).c_str());
+    }
+    ::AppendMenuW(menu.get(), MF_STRING | (info && !info->instance_id.empty() ? 0 : MF_GRAYED),
+                  main_dialog_menu::copy_device_id, text(tessel::string_ids::menu_copy_device_id).c_str());
+    const int chosen = static_cast<int>(::TrackPopupMenu(menu.get(), TPM_RETURNCMD | TPM_RIGHTBUTTON, screen.x,
+                                                         screen.y, 0, window_, nullptr));
+    if (chosen == main_dialog_menu::share && row) {
+        // The rows may have changed while the menu was open.
+        if (const auto now = model_row_of(node))
+            share_action(*now);
+    } else if (chosen == main_dialog_menu::copy_device_id) {
+        copy_selected_device_id();
+    }
+}
+
+int main_dialog::show_message(std::wstring_view text, UINT style)
+{
+    showing_message_ = true;
+    const int answer = tessel::show_message_box({.owner = window_, .text = text, .style = style});
+    showing_message_ = false;
+    return answer;
+}
+
+void main_dialog::report_server_failure(HRESULT code, std::uint32_t message_id)
+{
+    if (server_is_gone(code)) {
+        // Every call fails from now on: one message says it, not one per row.
+        if (server_lost_reported_)
+            return;
+        server_lost_reported_ = true;
+        message_id = tessel::string_ids::server_lost;
+    }
+    if (showing_message_)
+        return;  // one message at a time; the one on screen already tells
+    show_message(format_error_message(message_id, code), MB_OK | MB_ICONERROR);
+}
+
+void main_dialog::report_model_failure()
+{
+    const HRESULT failure = model_ ? model_->take_failure() : S_OK;
+    // Single failing calls leave their cells empty; only a lost server is worth a message.
+    if (server_is_gone(failure))
+        report_server_failure(failure, tessel::string_ids::server_lost);
+}
+
+bool main_dialog::confirm_share(const std::wstring& device_name)
+{
+    const std::wstring question =
+        ts_printf::format(tessel::load_string(tessel::string_ids::device_confirm_share), device_name);
+    return show_message(question, MB_YESNO | MB_ICONQUESTION) == IDYES;
+}
+
+std::optional<std::wstring> main_dialog::ask_key(const std::wstring& device_name)
+{
+    share_dialog dialog(device_name, L"");
+    if (dialog.show(window_) != IDOK)
+        return std::nullopt;
+    return dialog.key();
+}
+
+void main_dialog::show_error(const std::wstring& text)
+{
+    show_message(text, MB_OK | MB_ICONERROR);
+}
+
+fibra::fire_and_forget main_dialog::run_settings(tessel::com_ptr<IUsbServerListener> keep_alive, main_dialog* self)
+{
+    const tessel::windows::impl::async_context ui(self->thread_id(), self->cancellation());
+    settings_dialog dialog(self->server_);
+    const INT_PTR result = dialog.show(self->window_);
+    if (result == IDOK) {
+        UsbServerSettings changed = to_server_settings(dialog.result());
+        const tessel::unique_bstr endpoints(changed.endpoints);
+        tessel::com_ptr<IUsbServerOperation> operation;
+        HRESULT outcome = self->server_->SetSettingsAsync(&changed, operation.put());
+        if (SUCCEEDED(outcome))
+            outcome = co_await server_operation(operation);
+        co_await ui;  // throws operation_cancelled when the window has gone meanwhile
+        if (FAILED(outcome) && self->window_)
+            self->report_server_failure(outcome, tessel::string_ids::settings_save_failed);
+    } else if (result == language_changed_result && self->window_) {
+        // The dialog stored the new language; a new copy shows it.
+        save_settings_reporting_failure();
+        restart_requested = true;
+        ::PostMessageW(self->window_, WM_CLOSE, 0, 0);
+    }
+    (void)keep_alive;
+}
+
+void main_dialog::open_help()
+{
+    const std::wstring local = tessel::module_folder() + local_help_file;
+    HINSTANCE result;
+    if (::GetFileAttributesW(local.c_str()) != INVALID_FILE_ATTRIBUTES) {
+        const std::wstring address = ts_printf::format(L"{}::/redirect.html#{}", local, std::wstring_view(help_topic));
+        result = ::ShellExecuteW(nullptr, L"open", L"hh.exe", address.c_str(), nullptr, SW_SHOWNORMAL);
+    } else {
+        BSTR name = nullptr;
+        (void)GetProductShortName(&name);
+        const tessel::unique_bstr owned(name);
+        std::wstring topic = help_topic;
+        // An address has no blanks.
+        for (std::size_t at = topic.find(L' '); at != std::wstring::npos; at = topic.find(L' ', at))
+            topic.replace(at, 1, L"%20");
+        const std::wstring address =
+            std::wstring(vendor_site) + ts_printf::format(L"online-doc/{}/{}", name ? name : L"", topic);
+        result = ::ShellExecuteW(nullptr, L"open", address.c_str(), nullptr, nullptr, SW_SHOWNORMAL);
+    }
+    if (reinterpret_cast<INT_PTR>(result) <= 32)
+        show_message(format_error_message(tessel::string_ids::error_help_unavailable,
+                                          tessel::hresult_from_win32(::GetLastError())),
+                     MB_OK | MB_ICONERROR);
+}
+
+void main_dialog::show_about()
+{
+    about_dialog(hooks_.check_for_updates).show(window_);
 }
 
 void main_dialog::on_size()
@@ -325,11 +737,28 @@ void main_dialog::on_command(int id)
         break;
     case ids::hide_disconnected:
         settings.hide_disconnected = ::IsDlgButtonChecked(window_, id) == BST_CHECKED;
+        refresh();
         save_settings_reporting_failure();
         break;
     case ids::collapse_all:
         settings.collapse_all = ::IsDlgButtonChecked(window_, id) == BST_CHECKED;
+        if (model_) {
+            model_->options().collapse_all = settings.collapse_all;
+            model_->collapse_all(settings.collapse_all);
+        }
         save_settings_reporting_failure();
+        break;
+    case ids::settings:
+        run_settings(tessel::com_ptr<IUsbServerListener>(this), this);
+        break;
+    case ids::copy_device_id:
+        copy_selected_device_id();
+        break;
+    case ids::help:
+        open_help();
+        break;
+    case ids::about:
+        show_about();
         break;
     default:
         break;
@@ -343,6 +772,10 @@ void main_dialog::on_destroy() noexcept
     if (listening_)
         server_->UnadviseListener(this);
     listening_ = false;
+    // The rows hold server objects; they go with the window, before the server does.
+    model_.reset();
+    rows_.reset();
+    tree_.reset();
     ole_thread_.reset();
     ::PostQuitMessage(0);
 }

@@ -1,17 +1,21 @@
 #pragma once
 // The program's main window (dialog resource 130): a resizable modeless dialog with the
-// device tree and the commands Share, Settings, Copy device ID, Help, About and Close.
+// tree of shareable local USB devices and the commands Share, Settings, Copy device ID,
+// Help, About and Close.
 //
-// This is the window's shell: it is created and translated, mirrors the two view options
-// of the settings, lays its controls out when resized, owns the OLE thread and the
-// cancellation source of its coroutines, listens to the server, and ends the message loop
-// when closed. The device tree and the commands are not part of it yet: their buttons
-// stay disabled, and server notifications reach the UI thread but change nothing yet.
+// The tree is the toolkit's tree view, created in place of the placeholder 1003 (and
+// taking its id); the device model keeps its rows equal to the server's state. A row's
+// share action is the share marker's button in column 1, Enter or a double click on the
+// row, and the row's context menu (right click, Shift+F10, the menu key).
 //
 // The object is the server's listener. It lives on wWinMain's stack as
 // tessel::value_on_stack<main_dialog>, so references never destroy it; it unregisters from
 // the server when its window goes away, and coroutines it started resume only inside its
 // own message loop, which has ended by the time the object is destroyed.
+//
+// Failures of the server: a refresh that cannot read the server's lists, and the first
+// call that finds the server gone, are each shown once; rows whose single calls fail keep
+// those cells empty. The window stays usable and closable throughout.
 
 #include "app/ole_thread.h"
 #include "app/server_api.h"
@@ -20,10 +24,22 @@
 #include "base/com_ptr.h"
 #include "base/coroutine.h"
 #include "controls/window_icons.h"
+#include "ui_main/device_model.h"
+#include "ui_main/local_devices.h"
+#include "ui_main/sites.h"
+#include "ui_main/update_hooks.h"
 
 #include <windows.h>
 
 #include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tessel::windows::new_controls::treeview::impl {
+class treeview;
+class tree_node;
+}  // namespace tessel::windows::new_controls::treeview::impl
 
 namespace servercfg {
 
@@ -38,11 +54,30 @@ inline constexpr int copy_device_id = 1014;
 inline constexpr int hide_disconnected = 1016;
 inline constexpr int collapse_all = 1017;
 inline constexpr int help = 9;
+// The tree takes the placeholder's id.
+inline constexpr int tree = tree_placeholder;
 }  // namespace main_dialog_controls
 
-class main_dialog : public tessel::com_object<IUsbServerListener>, public tessel::windows::impl::async_context {
+// The context menu's commands.
+namespace main_dialog_menu {
+inline constexpr int share = 40001;
+inline constexpr int copy_device_id = 40002;
+}  // namespace main_dialog_menu
+
+// The help topic, and the local help file beside the program.
+inline constexpr wchar_t help_topic[] = L"Server Configuration Utility";
+inline constexpr wchar_t local_help_file[] = L"doc\\en\\ulmo.chm";
+// The product's short name in online help addresses.
+inline constexpr wchar_t product_short_name[] = L"ulmo";
+
+class device_tree_rows;
+
+class main_dialog : public tessel::com_object<IUsbServerListener, IVectorSite2, IHelpSite>,
+                    public tessel::windows::impl::async_context,
+                    private share_prompts {
 public:
-    explicit main_dialog(tessel::com_ptr<IUsbServer> server);
+    // nodes: the local device tree; unset, this machine's.
+    explicit main_dialog(tessel::com_ptr<IUsbServer> server, std::unique_ptr<device_node_source> nodes = {});
     ~main_dialog() override;
     main_dialog(const main_dialog&) = delete;
     main_dialog& operator=(const main_dialog&) = delete;
@@ -50,6 +85,26 @@ public:
     // Creates the modeless dialog without owner and shows it. A failure is fatal.
     HWND create(int show_command);
     [[nodiscard]] HWND window() const noexcept { return window_; }
+    // Before create().
+    void set_update_hooks(update_hooks hooks) { hooks_ = std::move(hooks); }
+
+    [[nodiscard]] const device_model& model() const noexcept { return *model_; }
+    [[nodiscard]] tessel::windows::new_controls::treeview::impl::treeview* tree() const noexcept { return tree_.get(); }
+    // Every row again from the server, as after the window's start.
+    void refresh();
+    // The share action of the top-level row `row` (its index in the model).
+    void share_action(std::size_t row);
+    // Copies the selected row's instance ID; false when no row with one is selected.
+    bool copy_selected_device_id();
+
+    // IUnknown: IVectorSite is answered by the IVectorSite2 table.
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) noexcept override;
+    // IVectorSite, IVectorSite2
+    HRESULT STDMETHODCALLTYPE GetIconModule(HMODULE* module) noexcept override;
+    HRESULT STDMETHODCALLTYPE LoadIconCollection(int resource_id) noexcept override;
+    // IHelpSite
+    HRESULT STDMETHODCALLTYPE GetHelpTopic(BSTR* topic) noexcept override;
+    HRESULT STDMETHODCALLTYPE GetProductShortName(BSTR* name) noexcept override;
 
     // IUsbServerListener: each starts the work on the UI thread and returns at once.
     HRESULT STDMETHODCALLTYPE OnDeviceAdded(IUsbDevice* device) noexcept override;
@@ -70,9 +125,40 @@ private:
     void on_command(int id);
     void on_size();
     void on_destroy() noexcept;
+    INT_PTR on_notify(const NMHDR& header);
+    void create_tree();
+    void prepare_markers();
+    void update_copy_button();
+    void show_context_menu(tessel::windows::new_controls::treeview::impl::tree_node* node, POINT screen);
+    std::optional<std::size_t> model_row_of(tessel::windows::new_controls::treeview::impl::tree_node* node) const;
+    void open_help();
+    void show_about();
+    static fibra::fire_and_forget run_settings(tessel::com_ptr<IUsbServerListener> keep_alive, main_dialog* self);
+    // Shows a failure of the server: a lost server once, anything else each time.
+    void report_server_failure(HRESULT code, std::uint32_t message_id);
+    void report_model_failure();
+    int show_message(std::wstring_view text, UINT style);
+
+    // share_prompts
+    bool confirm_share(const std::wstring& device_name) override;
+    std::optional<std::wstring> ask_key(const std::wstring& device_name) override;
+    void show_error(const std::wstring& text) override;
 
     tessel::com_ptr<IUsbServer> server_;
+    std::unique_ptr<device_node_source> nodes_;
+    update_hooks hooks_;
     HWND window_ = nullptr;
+    std::unique_ptr<tessel::windows::new_controls::treeview::impl::treeview> tree_;
+    std::unique_ptr<device_tree_rows> rows_;
+    std::unique_ptr<device_model> model_;
+    // The share markers, drawn at the tree's icon size.
+    tessel::unique_hicon shared_marker_;
+    tessel::unique_hicon not_shared_marker_;
+    int marker_size_ = 0;
+    // Markers that rows may still show until the next refresh has replaced them.
+    std::vector<tessel::unique_hicon> retired_markers_;
+    bool server_lost_reported_ = false;
+    bool showing_message_ = false;
     bool listening_ = false;
     std::unique_ptr<tessel::windows::ole_thread> ole_thread_;
     tessel::windows::window_icons icons_;

@@ -6,6 +6,16 @@
 //   ui_driver close <window>                           asks the window to close
 //   ui_driver record <file> [anything...]              writes its own command line to <file>
 //   ui_driver load <library name>                      LoadLibraryW with the plain search order
+//   ui_driver rows <window> <control id>               prints the rows of a list or tree as
+//                                                      its screen-reader interface gives them:
+//                                                      "<level>\t<name>" per line
+//   ui_driver select <window> <control id> <row>       selects and focuses a row (from 0) that way
+//   ui_driver key <window> <control id> <key> [shift]  posts a key press (virtual-key code) to it
+//   ui_driver settext <window> <control id> <text>     sets a control's text
+//   ui_driver combo <window> <control id> <item>       selects a combo box item, as the user would
+//   ui_driver enabled <window> <control id>            prints 1 or 0
+//   ui_driver checked <window> <control id>            prints 0, 1 or 2
+//   ui_driver clipboard                                prints the clipboard's Unicode text
 //
 // "wait" looks for a visible top-level window with exactly this title that has a child
 // with the given id, which tells a message box (1101) from the main window (1003).
@@ -14,6 +24,7 @@
 #include "base/window_text.h"
 
 #include <windows.h>
+#include <oleacc.h>
 
 #include <fcntl.h>
 #include <io.h>
@@ -50,6 +61,23 @@ HWND find(const std::wstring& title, int control_id)
     return state.found;
 }
 
+// The accessible object of a control, through WM_GETOBJECT across the process boundary.
+IAccessible* accessible_of(HWND control)
+{
+    IAccessible* accessible = nullptr;
+    if (FAILED(::AccessibleObjectFromWindow(control, static_cast<DWORD>(OBJID_CLIENT), __uuidof(IAccessible),
+                                            reinterpret_cast<void**>(&accessible))))
+        return nullptr;
+    return accessible;
+}
+
+std::wstring take_bstr(BSTR text)
+{
+    std::wstring result = text ? std::wstring(text, ::SysStringLen(text)) : std::wstring();
+    ::SysFreeString(text);
+    return result;
+}
+
 void print_utf8(const std::wstring& text)
 {
     const std::string utf8 = tessel::utf16_to_utf8(text);
@@ -79,7 +107,12 @@ int wmain(int argc, wchar_t** argv)
         HWND control = ::GetDlgItem(parse_window(argv[2]), std::wcstol(argv[3], nullptr, 10));
         if (!control)
             return 1;
-        print_utf8(tessel::windows::window_text(control));
+        // WM_GETTEXT rather than GetWindowText, which does not ask an edit control of
+        // another process for its text.
+        std::wstring text(static_cast<std::size_t>(::SendMessageW(control, WM_GETTEXTLENGTH, 0, 0)) + 1, L'\0');
+        text.resize(static_cast<std::size_t>(
+            ::SendMessageW(control, WM_GETTEXT, text.size(), reinterpret_cast<LPARAM>(text.data()))));
+        print_utf8(text);
         return 0;
     }
     if (command == L"click" && argc == 4) {
@@ -97,10 +130,95 @@ int wmain(int argc, wchar_t** argv)
     }
     if (command == L"load" && argc == 3)
         return ::LoadLibraryW(argv[2]) ? 0 : 1;
+    if (command == L"rows" && argc == 4) {
+        ::CoInitialize(nullptr);
+        IAccessible* accessible = accessible_of(::GetDlgItem(parse_window(argv[2]), std::wcstol(argv[3], nullptr, 10)));
+        if (!accessible)
+            return 1;
+        long count = 0;
+        accessible->get_accChildCount(&count);
+        std::wstring text;
+        for (long i = 1; i <= count; ++i) {
+            VARIANT child;
+            child.vt = VT_I4;
+            child.lVal = i;
+            BSTR name = nullptr, value = nullptr;
+            accessible->get_accName(child, &name);
+            accessible->get_accValue(child, &value);
+            text += take_bstr(value) + L"\t" + take_bstr(name) + L"\n";
+        }
+        accessible->Release();
+        print_utf8(text);
+        return 0;
+    }
+    if (command == L"select" && argc == 5) {
+        ::CoInitialize(nullptr);
+        IAccessible* accessible = accessible_of(::GetDlgItem(parse_window(argv[2]), std::wcstol(argv[3], nullptr, 10)));
+        if (!accessible)
+            return 1;
+        VARIANT child;
+        child.vt = VT_I4;
+        child.lVal = std::wcstol(argv[4], nullptr, 10) + 1;
+        const HRESULT hr = accessible->accSelect(SELFLAG_TAKEFOCUS | SELFLAG_TAKESELECTION, child);
+        accessible->Release();
+        return SUCCEEDED(hr) ? 0 : 1;
+    }
+    if (command == L"key" && (argc == 5 || argc == 6)) {
+        HWND control = ::GetDlgItem(parse_window(argv[2]), std::wcstol(argv[3], nullptr, 10));
+        const auto key = static_cast<WPARAM>(std::wcstoul(argv[4], nullptr, 0));
+        if (!control)
+            return 1;
+        // A posted key cannot carry the Shift state (the target reads it from its own
+        // thread's key state), so Shift+F10 is posted as the WM_CONTEXTMENU it becomes.
+        if (argc == 6 && key == VK_F10)
+            return ::PostMessageW(control, WM_CONTEXTMENU, reinterpret_cast<WPARAM>(control), -1) ? 0 : 1;
+        ::PostMessageW(control, WM_KEYDOWN, key, 1);
+        ::PostMessageW(control, WM_KEYUP, key, 0xC0000001);
+        return 0;
+    }
+    if (command == L"settext" && argc == 5) {
+        HWND control = ::GetDlgItem(parse_window(argv[2]), std::wcstol(argv[3], nullptr, 10));
+        return control && ::SendMessageW(control, WM_SETTEXT, 0, reinterpret_cast<LPARAM>(argv[4])) ? 0 : 1;
+    }
+    if (command == L"combo" && argc == 5) {
+        HWND dialog = parse_window(argv[2]);
+        const int id = std::wcstol(argv[3], nullptr, 10);
+        HWND control = ::GetDlgItem(dialog, id);
+        if (!control || ::SendMessageW(control, CB_SETCURSEL, std::wcstoul(argv[4], nullptr, 10), 0) == CB_ERR)
+            return 1;
+        return ::PostMessageW(dialog, WM_COMMAND, MAKEWPARAM(id, CBN_SELCHANGE), reinterpret_cast<LPARAM>(control))
+                   ? 0
+                   : 1;
+    }
+    if ((command == L"enabled" || command == L"checked") && argc == 4) {
+        HWND control = ::GetDlgItem(parse_window(argv[2]), std::wcstol(argv[3], nullptr, 10));
+        if (!control)
+            return 1;
+        const LRESULT value = command == L"enabled" ? ::IsWindowEnabled(control) != FALSE
+                                                    : ::SendMessageW(control, BM_GETCHECK, 0, 0);
+        std::printf("%d", static_cast<int>(value));
+        return 0;
+    }
+    if (command == L"clipboard" && argc == 2) {
+        if (!::OpenClipboard(nullptr))
+            return 1;
+        std::wstring text;
+        if (HANDLE data = ::GetClipboardData(CF_UNICODETEXT)) {
+            if (const auto* chars = static_cast<const wchar_t*>(::GlobalLock(data))) {
+                text = chars;
+                ::GlobalUnlock(data);
+            }
+        }
+        ::CloseClipboard();
+        print_utf8(text);
+        return 0;
+    }
     if (command == L"close" && argc == 3)
         return ::PostMessageW(parse_window(argv[2]), WM_CLOSE, 0, 0) ? 0 : 1;
     std::fputs("usage: ui_driver wait <title> <id> [ms] | text <window> <id> | click <window> <id> | close <window> | "
-               "record <file> [...] | load <library>\n",
+               "record <file> [...] | rows <window> <id> | select <window> <id> <row> | key <window> <id> <key> [shift] | "
+               "settext <window> <id> <text> | combo <window> <id> <item> | enabled <window> <id> | "
+               "checked <window> <id> | clipboard | load <library>\n",
                stderr);
     return 2;
 }

@@ -5,6 +5,7 @@
 #include "base/module_path.h"
 #include "base/window_text.h"
 #include "nsm/app_settings.h"
+#include "ui_main/local_devices.h"
 
 #include <gtest/gtest.h>
 
@@ -145,6 +146,46 @@ TEST_F(main_window, view_options_mirror_the_settings_and_are_saved_when_toggled)
     }
     EXPECT_EQ(quit_code, 0);
     EXPECT_EQ(dialog.window(), nullptr);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(main_window, the_system_walk_finds_the_substitute_servers_child_nodes_and_class_icons)
+{
+    ULONG count = 0;
+    IUsbDevice** devices = nullptr;
+    ASSERT_EQ(server_->GetDevices(&count, &devices), S_OK);
+    std::optional<servercfg::local_device_node> hub;
+    const auto source = servercfg::make_system_device_source();
+    for (ULONG i = 0; i < count; ++i) {
+        BSTR name = nullptr;
+        devices[i]->GetName(&name);
+        if (name && std::wstring(name) == L"Generic USB 3.0 Hub") {
+            tessel::com_ptr<IUsbDeviceNode> node;
+            ASSERT_EQ(devices[i]->QueryInterface(__uuidof(IUsbDeviceNode), node.put_void()), S_OK);
+            hub = servercfg::build_local_subtree(*source, node->GetDevInst(), name, {16, L"Unknown device"});
+        }
+        ::SysFreeString(name);
+        devices[i]->Release();
+    }
+    ::CoTaskMemFree(devices);
+
+    ASSERT_TRUE(hub);
+    EXPECT_EQ(hub->name, L"Generic USB 3.0 Hub");
+    EXPECT_EQ(hub->instance_id.rfind(L"ROOT\\ULMORA_SIM_DEVICE\\", 0), 0u) << hub->instance_id;
+    ASSERT_EQ(hub->children.size(), 2u);
+    EXPECT_EQ(hub->children[0].name, L"USB Mass Storage Device");
+    ASSERT_EQ(hub->children[0].children.size(), 1u);
+    EXPECT_EQ(hub->children[0].children[0].name, L"Pellucid Card Reader USB Device");
+    EXPECT_EQ(hub->children[1].children.at(0).name, L"Tern Optical Mouse");
+    // The row shows the card reader's (disk) icon, not the hub's own USB icon.
+    const auto* row_icon = std::get_if<servercfg::shared_icon>(&hub->icon);
+    const auto* disk_icon = std::get_if<servercfg::shared_icon>(&hub->children[0].children[0].icon);
+    ASSERT_TRUE(row_icon && disk_icon);
+    EXPECT_EQ(row_icon->get(), disk_icon->get()) << "one shared handle per class";
+    EXPECT_NE(std::get_if<servercfg::shared_icon>(&hub->children[0].icon)->get(), row_icon->get());
 }
 
 }  // namespace

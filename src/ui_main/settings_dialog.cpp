@@ -1,0 +1,195 @@
+#include "ui_main/settings_dialog.h"
+
+#include "app/startup.h"
+#include "base/unique_handle.h"
+#include "localization/localization.h"
+#include "msgbox/message_box.h"
+#include "nsm/app_settings.h"
+#include "ui_main/dialog_layout.h"
+#include "ui_main/server_operation.h"
+
+#include <oleauto.h>
+
+#include <utility>
+
+namespace servercfg {
+namespace {
+
+namespace ids = settings_dialog_controls;
+
+constexpr int text_buffer = 260;
+
+std::wstring read_control(HWND dialog, int id)
+{
+    wchar_t buffer[text_buffer]{};
+    const int length = ::GetDlgItemTextW(dialog, id, buffer, text_buffer);
+    return std::wstring(buffer, static_cast<std::size_t>(length > 0 ? length : 0));
+}
+
+int ask_restart_with_message_box(HWND owner)
+{
+    return tessel::show_message_box(
+        {.owner = owner,
+         .caption = tessel::load_string_by_key(L"UI Language Changed"),
+         .text = tessel::load_string_by_key(
+             L"You need to restart the product to apply language change. Do you want to restart now?"),
+         .style = MB_YESNO | MB_ICONQUESTION});
+}
+
+}  // namespace
+
+std::uint16_t port_from_text(std::wstring_view text) noexcept
+{
+    std::uint32_t value = 0;
+    for (const wchar_t c : text)
+        value = (value * 10 + static_cast<std::uint32_t>(c - L'0')) % 65536;
+    return static_cast<std::uint16_t>(value);
+}
+
+UsbServerSettings to_server_settings(const server_settings_result& result)
+{
+    UsbServerSettings settings{};
+    if (result.endpoints) {
+        settings.fields |= usb_settings_endpoints;
+        settings.endpoints =
+            ::SysAllocStringLen(result.endpoints->data(), static_cast<UINT>(result.endpoints->size()));
+        if (!settings.endpoints)
+            tessel::throw_hresult(E_OUTOFMEMORY);
+    }
+    if (result.port) {
+        settings.fields |= usb_settings_port;
+        settings.port = *result.port;
+    }
+    if (result.advertisement) {
+        settings.fields |= usb_settings_advertisement;
+        settings.advertisement = *result.advertisement ? VARIANT_TRUE : VARIANT_FALSE;
+    }
+    if (result.statistics) {
+        settings.fields |= usb_settings_statistics;
+        settings.statistics = *result.statistics ? VARIANT_TRUE : VARIANT_FALSE;
+    }
+    return settings;
+}
+
+settings_dialog::settings_dialog(tessel::com_ptr<IUsbServer> server, std::function<int(HWND)> ask_restart)
+    : server_(std::move(server)), ask_restart_(std::move(ask_restart))
+{
+    if (!ask_restart_)
+        ask_restart_ = ask_restart_with_message_box;
+}
+
+INT_PTR settings_dialog::handle(UINT message, WPARAM wparam, LPARAM)
+{
+    switch (message) {
+    case WM_INITDIALOG:
+        on_init();
+        return TRUE;
+    case WM_COMMAND:
+        switch (LOWORD(wparam)) {
+        case IDOK:
+            // Enter while OK is still disabled does nothing.
+            if (::IsWindowEnabled(::GetDlgItem(window_, IDOK)))
+                on_ok();
+            return TRUE;
+        case IDCANCEL:
+            ::EndDialog(window_, IDCANCEL);
+            return TRUE;
+        case ids::language:
+            if (HIWORD(wparam) == CBN_SELCHANGE)
+                on_language_changed();
+            return TRUE;
+        default:
+            return FALSE;
+        }
+    case WM_DESTROY:
+        if (alive_)
+            alive_->cancel();
+        return FALSE;
+    default:
+        return FALSE;
+    }
+}
+
+void settings_dialog::on_init()
+{
+    tessel::translate_dialog(window_);
+    fit_dialog_to_texts(window_,
+                        {{ids::endpoints_label},
+                         {ids::port_label},
+                         {ids::advertisement, true},
+                         {ids::statistics, true},
+                         {ids::language_label, false, {ids::language}}},
+                        {IDOK, IDCANCEL});
+    const tessel::language_list languages = tessel::ui_language_list(current_app_settings().language);
+    const HWND combo = ::GetDlgItem(window_, ids::language);
+    for (const auto& entry : languages.entries)
+        ::SendMessageW(combo, CB_ADDSTRING, 0, reinterpret_cast<LPARAM>(entry.display_name.c_str()));
+    selected_language_ = languages.selected;
+    ::SendMessageW(combo, CB_SETCURSEL, static_cast<WPARAM>(selected_language_), 0);
+
+    alive_ = std::make_shared<fibra::details::cancellation_source_body>();
+    fetch(this, server_, alive_);
+}
+
+fibra::fire_and_forget settings_dialog::fetch(settings_dialog* self, tessel::com_ptr<IUsbServer> server,
+                                              std::shared_ptr<fibra::details::cancellation_source_body> alive)
+{
+    tessel::com_ptr<IUsbServerOperation> operation;
+    if (FAILED(server->GetSettingsAsync(operation.put())) || !operation)
+        co_return;  // the server controls and OK stay disabled
+    const HRESULT result = co_await server_operation(operation);
+    if (alive->cancelled() || FAILED(result))
+        co_return;
+    UsbServerSettings settings{};
+    if (FAILED(operation->GetSettings(&settings)))
+        co_return;
+    const tessel::unique_bstr endpoints(settings.endpoints);
+    self->show_server_settings(settings);
+}
+
+void settings_dialog::show_server_settings(const UsbServerSettings& settings)
+{
+    const std::wstring server_endpoints =
+        settings.endpoints ? std::wstring(settings.endpoints, ::SysStringLen(settings.endpoints)) : std::wstring();
+    ::SetDlgItemTextW(window_, ids::endpoints, result_.endpoints ? result_.endpoints->c_str() : server_endpoints.c_str());
+    ::SetDlgItemTextW(window_, ids::port, std::to_wstring(settings.port).c_str());
+    // An unknown value shows as checked.
+    const auto checked = [&](usb_server_settings_field field, VARIANT_BOOL value) {
+        return (settings.fields & field) == 0 || value != VARIANT_FALSE ? BST_CHECKED : BST_UNCHECKED;
+    };
+    ::CheckDlgButton(window_, ids::advertisement, checked(usb_settings_advertisement, settings.advertisement));
+    ::CheckDlgButton(window_, ids::statistics, checked(usb_settings_statistics, settings.statistics));
+    for (const int id : {ids::endpoints, ids::port, ids::advertisement, IDOK})
+        ::EnableWindow(::GetDlgItem(window_, id), TRUE);
+    ready_ = true;
+}
+
+void settings_dialog::on_language_changed()
+{
+    const HWND combo = ::GetDlgItem(window_, ids::language);
+    const auto item = static_cast<int>(::SendMessageW(combo, CB_GETCURSEL, 0, 0));
+    if (item < 0 || item == selected_language_)
+        return;
+    if (ask_restart_(window_) == IDYES) {
+        const tessel::language_list languages = tessel::ui_language_list(current_app_settings().language);
+        if (static_cast<std::size_t>(item) < languages.entries.size()) {
+            current_app_settings().language = item == 0 ? L"en" : languages.entries[item].code;
+            ::EndDialog(window_, language_changed_result);
+            return;
+        }
+    }
+    // Anything but Yes keeps the language: the list shows it again.
+    ::SendMessageW(combo, CB_SETCURSEL, static_cast<WPARAM>(selected_language_), 0);
+}
+
+void settings_dialog::on_ok()
+{
+    result_.endpoints = read_control(window_, ids::endpoints);
+    result_.port = port_from_text(read_control(window_, ids::port));
+    // An indeterminate box counts as unchecked.
+    result_.advertisement = ::IsDlgButtonChecked(window_, ids::advertisement) == BST_CHECKED;
+    result_.statistics = ::IsDlgButtonChecked(window_, ids::statistics) == BST_CHECKED;
+    ::EndDialog(window_, IDOK);
+}
+
+}  // namespace servercfg

@@ -1,0 +1,89 @@
+#pragma once
+// The server settings dialog: the sharing server's listening endpoints, default TCP port,
+// advertisement and usage statistics, and this program's user-interface language.
+//
+// The server's values are fetched asynchronously while the dialog is on screen; until
+// they arrive the controls that show them and OK stay disabled (and stay so when the
+// fetch fails). Ends with IDOK (the result record holds the edited values), IDCANCEL, or
+// language_changed_result after a confirmed change of language, which is then already
+// stored in the settings record.
+
+#include "app/server_api.h"
+#include "base/async_context.h"
+#include "base/com_ptr.h"
+#include "base/coroutine.h"
+#include "ui_main/modal_dialog.h"
+
+#include <windows.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace servercfg {
+
+inline constexpr int settings_dialog_id = 132;
+inline constexpr INT_PTR language_changed_result = 1019;
+
+namespace settings_dialog_controls {
+inline constexpr int endpoints_label = 1012;
+inline constexpr int endpoints = 1009;
+inline constexpr int port_label = 1013;
+inline constexpr int port = 1010;
+inline constexpr int advertisement = 1011;
+inline constexpr int statistics = 1014;
+inline constexpr int language_label = 1020;
+inline constexpr int language = 1019;
+}  // namespace settings_dialog_controls
+
+struct server_settings_result {
+    std::optional<std::wstring> endpoints;
+    std::optional<std::uint16_t> port;
+    std::optional<bool> advertisement;
+    std::optional<bool> statistics;
+};
+
+// The port as the dialog reads it: every character enters as (c - '0'), modulo 65536,
+// without any check. "70000" gives 4464, "" gives 0. Deliberately unchecked: the server
+// validates what it is sent.
+[[nodiscard]] std::uint16_t port_from_text(std::wstring_view text) noexcept;
+
+// The record for SetSettingsAsync: only the members that are set. The caller frees the
+// endpoints BSTR (SysFreeString).
+[[nodiscard]] UsbServerSettings to_server_settings(const server_settings_result& result);
+
+class settings_dialog : public modal_dialog<settings_dialog> {
+public:
+    // ask_restart shows the language question and answers the button pressed; unset, the
+    // program's message box asks it.
+    explicit settings_dialog(tessel::com_ptr<IUsbServer> server, std::function<int(HWND)> ask_restart = {});
+
+    // IDOK, IDCANCEL or language_changed_result.
+    INT_PTR show(HWND owner) { return run(owner, settings_dialog_id); }
+    [[nodiscard]] const server_settings_result& result() const noexcept { return result_; }
+    // Whether the server's values have arrived (the server controls are enabled).
+    [[nodiscard]] bool ready() const noexcept { return ready_; }
+
+private:
+    friend class modal_dialog<settings_dialog>;
+    INT_PTR handle(UINT message, WPARAM wparam, LPARAM lparam);
+    void on_init();
+    void on_language_changed();
+    void on_ok();
+    static fibra::fire_and_forget fetch(settings_dialog* self, tessel::com_ptr<IUsbServer> server,
+                                        std::shared_ptr<fibra::details::cancellation_source_body> alive);
+    void show_server_settings(const UsbServerSettings& settings);
+
+    tessel::com_ptr<IUsbServer> server_;
+    std::function<int(HWND)> ask_restart_;
+    server_settings_result result_;
+    int selected_language_ = -1;
+    bool ready_ = false;
+    // Cancelled when the window goes, so that a late answer of the server touches nothing.
+    std::shared_ptr<fibra::details::cancellation_source_body> alive_;
+};
+
+}  // namespace servercfg

@@ -1,0 +1,21 @@
+#pragma once
+// Where the update check plugs into the main window. The main window knows nothing of
+// the web: wWinMain fills these with the update check's functions (or leaves them empty,
+// and the window then offers no update command).
+
+#include <windows.h>
+
+#include <functional>
+
+namespace servercfg {
+
+struct update_hooks {
+    // The About box's "Check for updates" button: a check that the user asked for,
+    // owned by the About box. Empty: the button is hidden.
+    std::function<void(HWND owner)> check_for_updates;
+    // Called once when the main window has been shown and filled: the automatic check
+    // and the promotion notice start from here.
+    std::function<void(HWND main_window)> main_window_ready;
+};
+
+}  // namespace servercfg

@@ -1,0 +1,260 @@
+// The share and server settings dialogs, run modally as the program runs them and
+// driven from a timer inside their own message loop.
+
+#include "fake_server.h"
+#include "message_pump.h"
+#include "ui_main/settings_dialog.h"
+#include "ui_main/share_dialog.h"
+
+#include "base/module_path.h"
+#include "base/window_text.h"
+#include "localization/localization.h"
+#include "nsm/app_settings.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+namespace {
+
+using namespace servercfg;
+namespace sids = settings_dialog_controls;
+
+// Calls `step` with the dialog of this caption every 20 ms from inside the modal loop
+// until it answers true; gives up (Cancel) after 10 s so that no test hangs.
+class dialog_driver {
+public:
+    dialog_driver(std::wstring caption, std::function<bool(HWND)> step)
+        : caption_(std::move(caption)), step_(std::move(step)), deadline_(::GetTickCount64() + 10000)
+    {
+        current_ = this;
+        timer_ = ::SetTimer(nullptr, 0, 20, &dialog_driver::tick);
+    }
+    ~dialog_driver()
+    {
+        ::KillTimer(nullptr, timer_);
+        current_ = nullptr;
+    }
+    [[nodiscard]] bool timed_out() const noexcept { return timed_out_; }
+
+private:
+    static void CALLBACK tick(HWND, UINT, UINT_PTR, DWORD) noexcept
+    {
+        dialog_driver* self = current_;
+        if (!self || self->done_)
+            return;
+        HWND dialog = ::FindWindowW(L"#32770", self->caption_.c_str());
+        if (!dialog)
+            return;
+        if (::GetTickCount64() > self->deadline_) {
+            self->timed_out_ = true;
+            self->done_ = true;
+            ::PostMessageW(dialog, WM_COMMAND, IDCANCEL, 0);
+            return;
+        }
+        if (self->busy_)
+            return;
+        self->busy_ = true;
+        self->done_ = self->step_(dialog);
+        self->busy_ = false;
+    }
+
+    static inline dialog_driver* current_ = nullptr;
+    std::wstring caption_;
+    std::function<bool(HWND)> step_;
+    ULONGLONG deadline_;
+    UINT_PTR timer_ = 0;
+    bool done_ = false;
+    bool busy_ = false;
+    bool timed_out_ = false;
+};
+
+TEST(port_conversion, is_deliberately_unchecked)
+{
+    EXPECT_EQ(port_from_text(L"8080"), 8080);
+    EXPECT_EQ(port_from_text(L"70000"), 4464);
+    EXPECT_EQ(port_from_text(L"65536"), 0);
+    EXPECT_EQ(port_from_text(L""), 0);
+    EXPECT_EQ(port_from_text(L"1a"), 10 + ('a' - '0'));
+    EXPECT_EQ(port_from_text(L" 1"), static_cast<std::uint16_t>((65536 + ' ' - '0') * 10 % 65536 + 1));
+}
+
+TEST(share_dialog_test, returns_the_key_as_typed_cut_to_259_characters_and_cancel_keeps_the_old_one)
+{
+    {
+        share_dialog dialog(L"Arcturus Flash 32GB", L"old");
+        std::wstring device_text, initial_key;
+        dialog_driver driver(L"Share Device", [&](HWND window) {
+            device_text = tessel::windows::window_text(::GetDlgItem(window, share_dialog_controls::device));
+            initial_key = tessel::windows::window_text(::GetDlgItem(window, share_dialog_controls::key));
+            ::SetDlgItemTextW(window, share_dialog_controls::key, std::wstring(300, L'k').c_str());
+            ::PostMessageW(window, WM_COMMAND, IDOK, 0);
+            return true;
+        });
+        EXPECT_EQ(dialog.show(nullptr), IDOK);
+        EXPECT_EQ(device_text, L"Arcturus Flash 32GB");
+        EXPECT_EQ(initial_key, L"old");
+        EXPECT_EQ(dialog.key(), std::wstring(259, L'k'));
+    }
+    {
+        share_dialog dialog(L"Printer", L"");
+        dialog_driver driver(L"Share Device", [&](HWND window) {
+            ::SetDlgItemTextW(window, share_dialog_controls::key, L" spaced ");
+            // Enter in the key edit is OK, the default button.
+            ::PostMessageW(window, WM_COMMAND, LOWORD(::SendMessageW(window, DM_GETDEFID, 0, 0)), 0);
+            return true;
+        });
+        EXPECT_EQ(dialog.show(nullptr), IDOK);
+        EXPECT_EQ(dialog.key(), L" spaced ");
+    }
+    {
+        share_dialog dialog(L"Printer", L"kept");
+        dialog_driver driver(L"Share Device", [&](HWND window) {
+            ::SetDlgItemTextW(window, share_dialog_controls::key, L"typed");
+            ::PostMessageW(window, WM_COMMAND, IDCANCEL, 0);  // Escape
+            return true;
+        });
+        EXPECT_EQ(dialog.show(nullptr), IDCANCEL);
+        EXPECT_EQ(dialog.key(), L"kept");
+    }
+}
+
+class settings_dialog_test : public testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        // English, with the German pack beside the tests in the language list.
+        std::wstring language = L"en";
+        tessel::initialize_localization(tessel::module_folder(), language);
+    }
+    void SetUp() override
+    {
+        ASSERT_TRUE(SUCCEEDED(::CoInitialize(nullptr)));
+        current_app_settings() = app_settings{};
+    }
+    void TearDown() override { ::CoUninitialize(); }
+
+    // The substitute server: it answers the settings read after 400 ms.
+    tessel::com_ptr<IUsbServer> substitute_server()
+    {
+        module_ = ::LoadLibraryW((tessel::module_folder() + L"UlmoraSimServer.dll").c_str());
+        using entry = HRESULT(STDAPICALLTYPE*)();
+        const auto register_server =
+            reinterpret_cast<entry>(reinterpret_cast<void*>(::GetProcAddress(module_, "DllRegisterServer")));
+        EXPECT_EQ(register_server(), S_OK);
+        tessel::com_ptr<IUsbServer> server;
+        EXPECT_EQ(::CoCreateInstance(CLSID_UsbServer, nullptr, CLSCTX_ALL, __uuidof(IUsbServer), server.put_void()),
+                  S_OK);
+        return server;
+    }
+
+    HMODULE module_ = nullptr;
+};
+
+bool enabled(HWND dialog, int id)
+{
+    return ::IsWindowEnabled(::GetDlgItem(dialog, id)) != FALSE;
+}
+
+TEST_F(settings_dialog_test, a_failed_fetch_leaves_the_server_controls_disabled_but_cancel_and_the_language_work)
+{
+    auto server = tessel::make_com_object<fake_server::server>();  // GetSettingsAsync fails
+    int questions = 0;
+    settings_dialog dialog(tessel::com_ptr<IUsbServer>(server), [&](HWND) {
+        ++questions;
+        return IDNO;
+    });
+    std::vector<bool> states;
+    int selection_after_no = -2;
+    dialog_driver driver(L"Server Settings", [&](HWND window) {
+        for (const int id : {sids::endpoints, sids::port, sids::advertisement, IDOK, sids::statistics, sids::language})
+            states.push_back(enabled(window, id));
+        const HWND combo = ::GetDlgItem(window, sids::language);
+        ::SendMessageW(combo, CB_SETCURSEL, 1, 0);
+        ::SendMessageW(window, WM_COMMAND, MAKEWPARAM(sids::language, CBN_SELCHANGE), reinterpret_cast<LPARAM>(combo));
+        selection_after_no = static_cast<int>(::SendMessageW(combo, CB_GETCURSEL, 0, 0));
+        ::SendMessageW(window, WM_COMMAND, IDOK, 0);  // disabled: nothing happens
+        ::PostMessageW(window, WM_COMMAND, IDCANCEL, 0);
+        return true;
+    });
+    EXPECT_EQ(dialog.show(nullptr), IDCANCEL);
+    EXPECT_FALSE(driver.timed_out());
+    EXPECT_EQ(states, (std::vector<bool>{false, false, false, false, true, true}));
+    EXPECT_EQ(questions, 1);
+    EXPECT_EQ(selection_after_no, 0) << "No keeps English selected";
+    EXPECT_EQ(current_app_settings().language, L"");
+    EXPECT_FALSE(dialog.result().port) << "Cancel sets nothing";
+}
+
+TEST_F(settings_dialog_test, ok_reads_the_server_values_as_edited_and_the_port_unchecked)
+{
+    auto server = substitute_server();
+    settings_dialog dialog(server);
+    std::wstring endpoints, port;
+    dialog_driver driver(L"Server Settings", [&](HWND window) {
+        if (!enabled(window, IDOK))
+            return false;  // still waiting for the server
+        endpoints = tessel::windows::window_text(::GetDlgItem(window, sids::endpoints));
+        port = tessel::windows::window_text(::GetDlgItem(window, sids::port));
+        ::SetDlgItemTextW(window, sids::port, L"70000");
+        ::CheckDlgButton(window, sids::advertisement, BST_UNCHECKED);
+        ::CheckDlgButton(window, sids::statistics, BST_CHECKED);
+        ::PostMessageW(window, WM_COMMAND, IDOK, 0);
+        return true;
+    });
+    EXPECT_EQ(dialog.show(nullptr), IDOK);
+    EXPECT_EQ(endpoints, L"0.0.0.0:32032, [::]:32032");
+    EXPECT_EQ(port, L"32032");
+    const auto& result = dialog.result();
+    EXPECT_EQ(result.endpoints, L"0.0.0.0:32032, [::]:32032");
+    EXPECT_EQ(result.port, 4464);
+    EXPECT_EQ(result.advertisement, false);
+    EXPECT_EQ(result.statistics, true);
+
+    const UsbServerSettings record = to_server_settings(result);
+    EXPECT_EQ(record.fields, 0xFu);
+    EXPECT_EQ(record.port, 4464);
+    ::SysFreeString(record.endpoints);
+}
+
+TEST_F(settings_dialog_test, the_language_list_selects_by_exact_code_and_yes_ends_with_1019)
+{
+    const auto selection_for = [&](const std::wstring& stored) {
+        current_app_settings().language = stored;
+        settings_dialog dialog(tessel::make_com_object<fake_server::server>());
+        int selected = -2;
+        std::vector<std::wstring> items;
+        dialog_driver driver(L"Server Settings", [&](HWND window) {
+            const HWND combo = ::GetDlgItem(window, sids::language);
+            selected = static_cast<int>(::SendMessageW(combo, CB_GETCURSEL, 0, 0));
+            for (int i = 0; i < ::SendMessageW(combo, CB_GETCOUNT, 0, 0); ++i) {
+                wchar_t text[64]{};
+                ::SendMessageW(combo, CB_GETLBTEXT, i, reinterpret_cast<LPARAM>(text));
+                items.push_back(text);
+            }
+            ::PostMessageW(window, WM_COMMAND, IDCANCEL, 0);
+            return true;
+        });
+        dialog.show(nullptr);
+        EXPECT_EQ(items, (std::vector<std::wstring>{L"English", L"Deutsch"}));
+        return selected;
+    };
+    EXPECT_EQ(selection_for(L""), 0);
+    EXPECT_EQ(selection_for(L"en"), 0);
+    EXPECT_EQ(selection_for(L"de"), 1);
+    EXPECT_EQ(selection_for(L"DE"), -1) << "codes compare exactly";
+    EXPECT_EQ(selection_for(L"fr"), -1);
+
+    current_app_settings().language = L"";
+    settings_dialog dialog(tessel::make_com_object<fake_server::server>(), [](HWND) { return IDYES; });
+    dialog_driver driver(L"Server Settings", [&](HWND window) {
+        const HWND combo = ::GetDlgItem(window, sids::language);
+        ::SendMessageW(combo, CB_SETCURSEL, 1, 0);
+        ::SendMessageW(window, WM_COMMAND, MAKEWPARAM(sids::language, CBN_SELCHANGE), reinterpret_cast<LPARAM>(combo));
+        return true;
+    });
+    EXPECT_EQ(dialog.show(nullptr), language_changed_result);
+    EXPECT_EQ(current_app_settings().language, L"de");
+}
+
+}  // namespace
