@@ -67,10 +67,16 @@ void ensure_class_icon(const GUID& class_guid) noexcept
     if (::RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"IconPath", RRF_RT_ANY, nullptr, nullptr, &size) ==
         ERROR_SUCCESS)
         return;
-    wchar_t module[MAX_PATH]{};
-    if (!::GetModuleFileNameW(reinterpret_cast<HMODULE>(&__ImageBase), module, MAX_PATH))
+    // The server also runs linked into test and fuzz executables, which carry no icons: a
+    // path to them would stay in the class key and hide the DLL's icons from later runs.
+    const auto self = reinterpret_cast<HMODULE>(&__ImageBase);
+    const int icon = icon_for_class(class_guid);
+    if (!::FindResourceW(self, MAKEINTRESOURCEW(icon), RT_GROUP_ICON))
         return;
-    std::wstring value = std::wstring(module) + L",-" + std::to_wstring(icon_for_class(class_guid));
+    wchar_t module[MAX_PATH]{};
+    if (!::GetModuleFileNameW(self, module, MAX_PATH))
+        return;
+    std::wstring value = std::wstring(module) + L",-" + std::to_wstring(icon);
     value.push_back(L'\0');
     HKEY handle = nullptr;
     if (::RegCreateKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, &handle, nullptr) !=
