@@ -745,9 +745,16 @@ void draw_row(list_state& s, ID2D1RenderTarget* target, brushes& b, row_index ro
             hook(paint);
     }
     if (row == s.focus && has_focus) {
+        // Four one-pixel bars rather than a stroked rectangle, which some Direct2D
+        // implementations leave out at this width.
+        // Inset by a pixel, so that it stays inside the selection colour of its row.
         const float px = 1.f / s.sx, py = 1.f / s.sy;
-        const D2D1_RECT_F box{px / 2, top + py / 2, client_width_dips - px / 2, top + height - py / 2};
-        target->DrawRectangle(box, b.with(selected ? s.colours.selection_text : s.colours.focus), px);
+        const float left = px, right = client_width_dips - px, up = top + py, bottom = top + height - py;
+        ID2D1SolidColorBrush* brush = b.with(selected ? s.colours.selection_text : s.colours.focus);
+        target->FillRectangle({left, up, right, up + py}, brush);
+        target->FillRectangle({left, bottom - py, right, bottom}, brush);
+        target->FillRectangle({left, up, left + px, bottom}, brush);
+        target->FillRectangle({right - px, up, right, bottom}, brush);
     }
 }
 

@@ -99,7 +99,13 @@ treeview::treeview(HWND parent, int control_id, const RECT& rect, selection_mode
     };
 }
 
-treeview::~treeview() = default;
+treeview::~treeview()
+{
+    // The window goes first: while it is destroyed it may still ask for rows, which must
+    // then still exist.
+    if (const HWND window = list_.window())
+        ::DestroyWindow(window);
+}
 
 // ---------------------------------------------------------------------------------------
 // Cells
