@@ -112,6 +112,7 @@ LRESULT handle(list_state& s, UINT message, WPARAM wparam, LPARAM lparam);
 void refresh_metrics(list_state& s);
 void refresh_theme(list_state& s);
 void update_scroll_bars(list_state& s);
+void rows_reordered(list_state& s);
 
 }  // namespace
 
@@ -567,6 +568,20 @@ void update_scroll_bars(list_state& s)
                  s.h_offset, 0};
     ::SetScrollInfo(s.window, SB_HORZ, &h, TRUE);
 }
+
+// The scroll bars and screen readers learn of changed rows once per update, not once per
+// row: both are slow calls, and a refresh inserts thousands of rows.
+void rows_reordered(list_state& s)
+{
+    if (s.updates > 0) {
+        s.rows_reordered_pending = true;
+        return;
+    }
+    update_scroll_bars(s);
+    if (s.window)
+        ::NotifyWinEvent(EVENT_OBJECT_REORDER, s.window, OBJID_CLIENT, CHILDID_SELF);
+}
+
 
 void scroll_to_top(list_state& s, row_index top)
 {
@@ -1653,9 +1668,7 @@ void listview<uniform_height>::set_row_count(row_index count)
     }
     if (s.window) {
         s.top = std::min(s.top, max_top(s));
-        update_scroll_bars(s);
-        if (s.window)
-            ::NotifyWinEvent(EVENT_OBJECT_REORDER, s.window, OBJID_CLIENT, CHILDID_SELF);
+        rows_reordered(s);
     }
     s.repaint();
 }
@@ -1680,9 +1693,7 @@ void listview<uniform_height>::insert_rows(row_index at, row_index count)
     s.cache.swap(cache);
     if (s.top > at && s.top != 0)
         s.top = std::min(s.top, max_top(s));  // the top row stays where it is on screen
-    update_scroll_bars(s);
-    if (s.window)
-        ::NotifyWinEvent(EVENT_OBJECT_REORDER, s.window, OBJID_CLIENT, CHILDID_SELF);
+    rows_reordered(s);
     s.repaint();
 }
 
@@ -1722,9 +1733,7 @@ void listview<uniform_height>::remove_rows(row_index at, row_index count)
         s.top = at;
     if (s.window)
         s.top = std::min(s.top, max_top(s));
-    update_scroll_bars(s);
-    if (s.window)
-        ::NotifyWinEvent(EVENT_OBJECT_REORDER, s.window, OBJID_CLIENT, CHILDID_SELF);
+    rows_reordered(s);
     s.repaint();
     if (had_selected_inside || snapshot(*s.selection) != before)
         s.selection_changed();
@@ -1813,6 +1822,10 @@ void listview<uniform_height>::end_update()
     state& s = *state_;
     if (s.updates == 0 || --s.updates > 0)
         return;
+    if (s.rows_reordered_pending) {
+        s.rows_reordered_pending = false;
+        rows_reordered(s);
+    }
     if (s.repaint_pending) {
         s.repaint_pending = false;
         if (s.window)

@@ -81,6 +81,7 @@ struct listview<uniform_height>::state {
 
     int updates = 0;
     bool repaint_pending = false;
+    bool rows_reordered_pending = false;
     bool selection_changed_pending = false;
 
     row_index focus = no_row;
