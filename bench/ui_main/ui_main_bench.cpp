@@ -173,7 +173,7 @@ int main()
         return 1;
     }
 
-    constexpr int runs = 7;
+    constexpr int runs = 5;
     timing t_empty, t_built_in, t_thousand, t_refresh;
     for (int i = 0; i < runs; ++i) {
         empty.start_up(t_empty);

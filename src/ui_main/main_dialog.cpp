@@ -59,7 +59,7 @@ struct tree_column {
     std::size_t title_item;
     float width;
 };
-constexpr tree_column tree_columns[] = {{0, 300}, {2, 64}, {3, 170}, {4, 170}};
+constexpr tree_column tree_columns[] = {{0, 300}, {2, 84}, {3, 170}, {4, 170}};
 
 // Posted to itself once the window is shown and filled.
 constexpr UINT wm_window_ready = WM_APP + 1;

@@ -107,11 +107,13 @@ int wmain(int argc, wchar_t** argv)
         HWND control = ::GetDlgItem(parse_window(argv[2]), std::wcstol(argv[3], nullptr, 10));
         if (!control)
             return 1;
-        // WM_GETTEXT rather than GetWindowText, which does not ask an edit control of
-        // another process for its text.
-        std::wstring text(static_cast<std::size_t>(::SendMessageW(control, WM_GETTEXTLENGTH, 0, 0)) + 1, L'\0');
-        text.resize(static_cast<std::size_t>(
-            ::SendMessageW(control, WM_GETTEXT, text.size(), reinterpret_cast<LPARAM>(text.data()))));
+        std::wstring text = tessel::windows::window_text(control);
+        if (text.empty()) {
+            // GetWindowText does not ask an edit control of another process for its text.
+            text.assign(static_cast<std::size_t>(::SendMessageW(control, WM_GETTEXTLENGTH, 0, 0)) + 1, L'\0');
+            text.resize(static_cast<std::size_t>(
+                ::SendMessageW(control, WM_GETTEXT, text.size(), reinterpret_cast<LPARAM>(text.data()))));
+        }
         print_utf8(text);
         return 0;
     }
