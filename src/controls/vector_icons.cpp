@@ -472,8 +472,10 @@ void fill_path(FT_Library library, const std::vector<subpath>& subpaths, bool ev
 void stroke_path(FT_Library library, const std::vector<subpath>& subpaths, const path_view& path, float scale,
                  surface_t& surface)
 {
-    const float width = path.stroke_width * scale;
-    if (!(width > 0))
+    // Half the width in 26.6 fixed point. A stroke too thin for it to reach one unit
+    // shows nothing, and FreeType's stroker breaks on a radius of zero.
+    const FT_Fixed radius = static_cast<FT_Fixed>(std::lround(path.stroke_width * scale * 32));
+    if (!(radius > 0))
         return;
     static constexpr FT_Stroker_LineCap caps[] = {FT_STROKER_LINECAP_BUTT, FT_STROKER_LINECAP_ROUND,
                                                   FT_STROKER_LINECAP_SQUARE};
@@ -481,10 +483,18 @@ void stroke_path(FT_Library library, const std::vector<subpath>& subpaths, const
     static constexpr FT_Stroker_LineJoin joins[] = {FT_STROKER_LINEJOIN_MITER_FIXED, FT_STROKER_LINEJOIN_ROUND,
                                                     FT_STROKER_LINEJOIN_BEVEL};
     freetype_stroker stroker(library);
-    FT_Stroker_Set(stroker.get(), static_cast<FT_Fixed>(std::lround(width * 32)), caps[path.line_cap],
+    FT_Stroker_Set(stroker.get(), radius, caps[path.line_cap],
                    joins[path.line_join], static_cast<FT_Fixed>(std::max(path.miter_limit, 1.0f) * 65536));
     for (const subpath& sp : subpaths) {
-        if (sp.segments.empty())
+        // FreeType's stroker cannot end a subpath in which the pen never moved (its
+        // borders were never begun, and closing them writes before their start); such a
+        // subpath has nothing to stroke anyway.
+        const bool moves = std::any_of(sp.segments.begin(), sp.segments.end(), [&](const segment& s) {
+            const std::size_t count = s.verb == path_verb::cubic ? 3 : s.verb == path_verb::quadratic ? 2 : 1;
+            return std::any_of(s.points, s.points + count,
+                               [&](const FT_Vector& p) { return p.x != sp.start.x || p.y != sp.start.y; });
+        });
+        if (!moves)
             continue;
         FT_Vector start = sp.start;
         FT_Stroker_BeginSubPath(stroker.get(), &start, sp.closed ? 0 : 1);
