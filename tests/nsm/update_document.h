@@ -3,6 +3,7 @@
 // JSON tests and the JSON benchmark.
 
 #include "nsm/record.h"
+#include "web/update_response.h"
 
 #include <cstdint>
 #include <string>
@@ -12,58 +13,11 @@ namespace nsm_test {
 
 namespace nsm = tessel::nsm;
 
-struct credit {
-    std::wstring name;
-    std::wstring email;
-    bool operator==(const credit&) const = default;
-    static constexpr auto nsm_members()
-    {
-        return nsm::members(nsm::member("Name", &credit::name), nsm::member("EMail", &credit::email));
-    }
-};
-
-struct language_pack {
-    std::wstring name;
-    std::wstring locale;
-    std::uint32_t version = 0;
-    std::uint64_t client_version = 0;
-    std::wstring url;
-    std::vector<credit> credits;
-    bool operator==(const language_pack&) const = default;
-    static constexpr auto nsm_members()
-    {
-        return nsm::members(nsm::member("Name", &language_pack::name), nsm::member("Locale", &language_pack::locale),
-                            nsm::member("Version", &language_pack::version),
-                            nsm::member("ClientVersion", &language_pack::client_version),
-                            nsm::member("Url", &language_pack::url), nsm::member("Credits", &language_pack::credits));
-    }
-};
-
-struct promotion {
-    std::wstring title;
-    std::wstring url;
-    nsm::date expires_on{};
-    bool operator==(const promotion&) const = default;
-    static constexpr auto nsm_members()
-    {
-        return nsm::members(nsm::member("Title", &promotion::title), nsm::member("Url", &promotion::url),
-                            nsm::member("ExpiresOn", &promotion::expires_on));
-    }
-};
-
-struct update_response {
-    std::uint64_t version = 0;
-    std::wstring url;
-    promotion promo;
-    std::vector<language_pack> language_packs;
-    bool operator==(const update_response&) const = default;
-    static constexpr auto nsm_members()
-    {
-        return nsm::members(nsm::member("Version", &update_response::version), nsm::member("Url", &update_response::url),
-                            nsm::member("Promo", &update_response::promo),
-                            nsm::member("LanguagePacks", &update_response::language_packs));
-    }
-};
+// The update check's own records.
+using credit = tessel::web::credit;
+using language_pack = tessel::web::language_pack_offer;
+using promotion = tessel::web::promotion;
+using update_response = tessel::web::update_response;
 
 // Ten language packs with two or three translators each: about 4 KB of JSON.
 inline update_response sample_update_response()

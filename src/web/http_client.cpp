@@ -1,0 +1,269 @@
+#include "web/http_client.h"
+
+#include "base/failure.h"
+#include "format/ts_printf.h"
+
+#include <algorithm>
+#include <vector>
+
+namespace tessel::web {
+namespace {
+
+// WinINet calls this on its own threads. Only the completion of an operation matters;
+// everything else (resolving, connecting, handle closing...) is progress nobody shows.
+// The context value is dereferenced only for a completion: other statuses may arrive
+// while a handle is being closed and its context is going away.
+void CALLBACK status_callback(HINTERNET, DWORD_PTR context, DWORD status, void* information, DWORD) noexcept
+{
+    if (status != INTERNET_STATUS_REQUEST_COMPLETE || context == 0 || information == nullptr)
+        return;
+    auto* request = reinterpret_cast<details::request_context*>(context);
+    if (details::completion_target* waiting = request->waiting.exchange(nullptr))
+        waiting->complete(*static_cast<const INTERNET_ASYNC_RESULT*>(information));
+}
+
+}  // namespace
+
+// ---- get ------------------------------------------------------------------------------
+
+get_operation::get_operation(HINTERNET session, std::wstring address, std::wstring headers) noexcept
+    : session_(session), address_(std::move(address)), headers_(std::move(headers))
+{
+}
+
+bool get_operation::await_suspend(std::coroutine_handle<> continuation) noexcept
+{
+    try {
+        context_ = std::make_unique<details::request_context>();
+    } catch (...) {
+        error_ = ERROR_NOT_ENOUGH_MEMORY;
+        return false;
+    }
+    // Some WinINet versions never report the completion of an address they cannot parse,
+    // so such an address (the empty one of a failed resolve, for one) fails here.
+    URL_COMPONENTSW parts{};
+    parts.dwStructSize = sizeof parts;
+    if (address_.empty() || !::InternetCrackUrlW(address_.c_str(), static_cast<DWORD>(address_.size()), 0, &parts)) {
+        error_ = ERROR_INTERNET_INVALID_URL;
+        return false;
+    }
+    continuation_ = continuation;
+    thread_ = ::GetCurrentThreadId();
+    context_->waiting.store(this);
+    constexpr DWORD flags = INTERNET_FLAG_EXISTING_CONNECT | INTERNET_FLAG_KEEP_CONNECTION | INTERNET_FLAG_NO_UI;
+    HINTERNET opened = ::InternetOpenUrlW(session_, address_.c_str(), headers_.empty() ? nullptr : headers_.c_str(),
+                                          static_cast<DWORD>(headers_.size()), flags,
+                                          reinterpret_cast<DWORD_PTR>(context_.get()));
+    if (opened) {
+        context_->waiting.store(nullptr);
+        handle_ = opened;
+        return false;
+    }
+    const DWORD error = ::GetLastError();
+    if (error != ERROR_IO_PENDING) {
+        context_->waiting.store(nullptr);
+        error_ = error == ERROR_SUCCESS ? ERROR_INTERNET_INTERNAL_ERROR : error;
+        return false;
+    }
+    // The completion may already have run on another thread; whichever of the two comes
+    // second resumes the coroutine. Nothing of this object is touched after the exchange.
+    return !done_.exchange(true);
+}
+
+void get_operation::complete(const INTERNET_ASYNC_RESULT& result) noexcept
+{
+    handle_ = reinterpret_cast<HINTERNET>(result.dwResult);
+    error_ = handle_ ? ERROR_SUCCESS : (result.dwError ? result.dwError : ERROR_INTERNET_INTERNAL_ERROR);
+    if (done_.exchange(true))
+        windows::impl::post_ui_return(thread_, continuation_);
+}
+
+http_request get_operation::await_resume()
+{
+    if (!handle_)
+        throw_win32(error_);
+    return http_request(std::move(context_), handle_);
+}
+
+// ---- read -----------------------------------------------------------------------------
+
+read_operation::read_operation(const http_request& request, void* buffer, DWORD size) noexcept
+    : request_(request.handle()), context_(request.context()), buffer_(buffer), size_(size)
+{
+}
+
+bool read_operation::await_suspend(std::coroutine_handle<> continuation) noexcept
+{
+    continuation_ = continuation;
+    thread_ = ::GetCurrentThreadId();
+    if (context_)
+        context_->waiting.store(this);
+    if (::InternetReadFile(request_, buffer_, size_, &read_)) {
+        if (context_)
+            context_->waiting.store(nullptr);
+        return false;
+    }
+    const DWORD error = ::GetLastError();
+    if (error != ERROR_IO_PENDING || !context_) {
+        if (context_)
+            context_->waiting.store(nullptr);
+        error_ = error == ERROR_SUCCESS || error == ERROR_IO_PENDING ? ERROR_INTERNET_INTERNAL_ERROR : error;
+        return false;
+    }
+    return !done_.exchange(true);
+}
+
+void read_operation::complete(const INTERNET_ASYNC_RESULT& result) noexcept
+{
+    if (!result.dwResult)
+        error_ = result.dwError ? result.dwError : ERROR_INTERNET_INTERNAL_ERROR;
+    if (done_.exchange(true))
+        windows::impl::post_ui_return(thread_, continuation_);
+}
+
+DWORD read_operation::await_resume() const
+{
+    if (error_ != ERROR_SUCCESS)
+        throw_win32(error_);
+    return read_;
+}
+
+// ---- client ---------------------------------------------------------------------------
+
+bool HttpClient::initialize(std::wstring base_address)
+{
+    base_address_ = std::move(base_address);
+    session_.reset(::InternetOpenW(std::wstring(http_agent).c_str(), INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr,
+                                   INTERNET_FLAG_ASYNC));
+    if (!session_)
+        return false;
+    ::InternetSetStatusCallbackW(session_.get(), status_callback);
+    return true;
+}
+
+std::wstring HttpClient::canonicalize(std::wstring_view address)
+{
+    const std::wstring source(address);
+    std::wstring canonical(max_address_length, L'\0');
+    DWORD length = max_address_length;
+    if (!::InternetCanonicalizeUrlW(source.c_str(), canonical.data(), &length, ICU_BROWSER_MODE))
+        return {};
+    canonical.resize(std::min<DWORD>(length, max_address_length));
+    return canonical;
+}
+
+std::wstring HttpClient::resolve(std::wstring_view relative) const
+{
+    return canonicalize(ts_printf::format(L"{0}{1}", base_address_, relative));
+}
+
+get_operation HttpClient::get(std::wstring address, std::wstring headers) const noexcept
+{
+    return get_operation(session_.get(), std::move(address), std::move(headers));
+}
+
+// ---- response helpers -----------------------------------------------------------------
+
+DWORD http_status(HINTERNET request) noexcept
+{
+    DWORD status = 0;
+    DWORD size = sizeof status;
+    if (!::HttpQueryInfoW(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status, &size, nullptr))
+        return 0;
+    return status;
+}
+
+void throw_if_not_ok(HINTERNET request)
+{
+    const DWORD status = http_status(request);
+    if (status != 0 && status != HTTP_STATUS_OK)
+        throw_hresult(E_INVALIDARG);
+}
+
+std::int64_t announced_length(HINTERNET request) noexcept
+{
+    wchar_t text[32];
+    DWORD size = sizeof text;
+    if (!::HttpQueryInfoW(request, HTTP_QUERY_CONTENT_LENGTH, text, &size, nullptr))
+        return -1;
+    const std::size_t length = size / sizeof(wchar_t);
+    if (length == 0 || length > 18)
+        return -1;
+    std::int64_t value = 0;
+    for (std::size_t i = 0; i < length; ++i) {
+        if (text[i] < L'0' || text[i] > L'9')
+            return -1;
+        value = value * 10 + (text[i] - L'0');
+    }
+    return value;
+}
+
+std::wstring final_address(HINTERNET request)
+{
+    std::wstring address(max_address_length, L'\0');
+    DWORD size = max_address_length * sizeof(wchar_t);
+    if (!::InternetQueryOptionW(request, INTERNET_OPTION_URL, address.data(), &size))
+        return {};
+    address.resize(std::min<std::size_t>(size / sizeof(wchar_t), address.size()));
+    while (!address.empty() && address.back() == L'\0')
+        address.pop_back();
+    return address;
+}
+
+bool is_https_address(std::wstring_view address) noexcept
+{
+    constexpr std::wstring_view scheme = L"https://";
+    if (address.size() <= scheme.size())
+        return false;
+    for (std::size_t i = 0; i < scheme.size(); ++i) {
+        wchar_t c = address[i];
+        if (c >= L'A' && c <= L'Z')
+            c = static_cast<wchar_t>(c + 32);
+        if (c != scheme[i])
+            return false;
+    }
+    return true;
+}
+
+void stop_token::throw_if_stopped() const
+{
+    if (stop_requested())
+        throw fibra::details::operation_cancelled();
+}
+
+task<std::uint64_t> read_body(const http_request& request, body_sink& sink, std::uint64_t limit, stop_token stop,
+                              DWORD chunk_size)
+{
+    const std::int64_t total = announced_length(request.handle());
+    if (total > 0 && static_cast<std::uint64_t>(total) > limit)
+        throw_win32(ERROR_FILE_TOO_LARGE);
+    std::vector<std::byte> buffer(chunk_size);
+    std::uint64_t received = 0;
+    for (;;) {
+        const DWORD read = co_await HttpClient::read_chunk(request, buffer.data(), chunk_size);
+        stop.throw_if_stopped();
+        if (read == 0)
+            break;
+        received += read;
+        if (received > limit)
+            throw_win32(ERROR_FILE_TOO_LARGE);
+        sink.write(buffer.data(), read);
+        sink.progress(received, total);
+    }
+    // WinINet ends a body whose connection broke off like a complete one.
+    if (total >= 0 && received != static_cast<std::uint64_t>(total))
+        throw_win32(ERROR_INTERNET_CONNECTION_ABORTED);
+    co_return received;
+}
+
+task<std::string> read_body_text(const http_request& request, std::uint64_t limit, stop_token stop)
+{
+    struct string_sink final : body_sink {
+        std::string text;
+        void write(const void* data, DWORD size) override { text.append(static_cast<const char*>(data), size); }
+    } sink;
+    (void)co_await read_body(request, sink, limit, std::move(stop));
+    co_return std::move(sink.text);
+}
+
+}  // namespace tessel::web

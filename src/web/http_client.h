@@ -1,0 +1,201 @@
+#pragma once
+// HttpClient: a small asynchronous HTTP(S) client over WinINet, for every Windows from 7 on.
+//
+// The session runs in WinINet's asynchronous mode. `get` and `read_chunk` are awaitables:
+// they complete at once when WinINet has the answer, and otherwise suspend the coroutine
+// until WinINet reports INTERNET_STATUS_REQUEST_COMPLETE to the status callback, which
+// only records the result and resumes the coroutine on the thread that awaited, through
+// that thread's "QMXWM_UIRETURN" hook (so the awaiting thread must run a message loop with
+// the hook, as the UI thread does). Resuming right inside WinINet's callback would let the
+// UI thread finish and free coroutine frames while the worker thread was still unwinding
+// through them. Callers check their cancellation after every resumption.
+//
+//   tessel::web::HttpClient client;
+//   client.initialize(L"https://host/");
+//   http_request request = co_await client.get(client.resolve(L"a/b?c=1"), L"Accept: application/json");
+//   throw_if_not_ok(request.handle());                       // anything but 200: E_INVALIDARG
+//   DWORD n = co_await HttpClient::read_chunk(request, buffer, sizeof buffer);   // 0: body complete
+
+#include "base/async_context.h"
+#include "base/unique_handle.h"
+#include "web/task.h"
+
+#include <windows.h>
+#include <wininet.h>
+
+#include <atomic>
+#include <coroutine>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace tessel::web {
+
+inline constexpr std::wstring_view http_agent = L"QMX Software tessel Library win7-compatible HTTP client. Version 1.0";
+// The canonical form of an address must fit this many UTF-16 units.
+inline constexpr DWORD max_address_length = 4096;
+
+namespace details {
+
+// What the status callback resumes: the operation waiting on a request handle now.
+class completion_target {
+public:
+    virtual void complete(const INTERNET_ASYNC_RESULT& result) noexcept = 0;
+
+protected:
+    ~completion_target() = default;
+};
+
+// WinINet's context value of a request handle points here for the handle's whole life,
+// so that completions of reads on the handle find the operation that waits for them.
+struct request_context {
+    std::atomic<completion_target*> waiting{nullptr};
+};
+
+}  // namespace details
+
+// An open request: the handle and the context WinINet reports its completions with. The
+// handle is closed before the context goes.
+class http_request {
+public:
+    http_request() = default;
+    http_request(std::unique_ptr<details::request_context> context, HINTERNET handle) noexcept
+        : context_(std::move(context)), handle_(handle)
+    {
+    }
+
+    [[nodiscard]] HINTERNET handle() const noexcept { return handle_.get(); }
+    [[nodiscard]] details::request_context* context() const noexcept { return context_.get(); }
+    explicit operator bool() const noexcept { return static_cast<bool>(handle_); }
+    void close() noexcept { handle_.reset(); }
+
+private:
+    std::unique_ptr<details::request_context> context_;
+    unique_hinternet handle_;
+};
+
+// co_await client.get(...) → http_request. Lives in the awaiting coroutine's frame, which
+// stays suspended until the completion has run.
+class get_operation final : private details::completion_target {
+public:
+    get_operation(HINTERNET session, std::wstring address, std::wstring headers) noexcept;
+
+    bool await_ready() const noexcept { return false; }
+    bool await_suspend(std::coroutine_handle<> continuation) noexcept;
+    http_request await_resume();
+
+private:
+    void complete(const INTERNET_ASYNC_RESULT& result) noexcept override;
+
+    HINTERNET session_;
+    std::wstring address_;
+    std::wstring headers_;
+    std::unique_ptr<details::request_context> context_;
+    HINTERNET handle_ = nullptr;
+    DWORD error_ = ERROR_SUCCESS;
+    std::atomic<bool> done_{false};
+    std::coroutine_handle<> continuation_;
+    DWORD thread_ = 0;
+};
+
+// co_await HttpClient::read_chunk(...) → bytes read; 0 when the body is complete.
+class read_operation final : private details::completion_target {
+public:
+    read_operation(const http_request& request, void* buffer, DWORD size) noexcept;
+
+    bool await_ready() const noexcept { return false; }
+    bool await_suspend(std::coroutine_handle<> continuation) noexcept;
+    DWORD await_resume() const;
+
+private:
+    void complete(const INTERNET_ASYNC_RESULT& result) noexcept override;
+
+    HINTERNET request_;
+    details::request_context* context_;
+    void* buffer_;
+    DWORD size_;
+    // WinINet writes the count here before it reports the completion.
+    DWORD read_ = 0;
+    DWORD error_ = ERROR_SUCCESS;
+    std::atomic<bool> done_{false};
+    std::coroutine_handle<> continuation_;
+    DWORD thread_ = 0;
+};
+
+class HttpClient {
+public:
+    HttpClient() = default;
+    HttpClient(const HttpClient&) = delete;
+    HttpClient& operator=(const HttpClient&) = delete;
+
+    // Stores the base address and opens the session; false when WinINet refuses (the
+    // session then stays empty and every request fails with WinINet's error).
+    bool initialize(std::wstring base_address);
+
+    [[nodiscard]] HINTERNET session() const noexcept { return session_.get(); }
+    [[nodiscard]] const std::wstring& base_address() const noexcept { return base_address_; }
+
+    // Base address + relative address, canonicalised; empty when that fails (an address
+    // longer than max_address_length, for one).
+    [[nodiscard]] std::wstring resolve(std::wstring_view relative) const;
+    [[nodiscard]] static std::wstring canonicalize(std::wstring_view address);
+
+    // Opens a canonical address with the extra request headers ("Accept: ...").
+    [[nodiscard]] get_operation get(std::wstring address, std::wstring headers) const noexcept;
+    [[nodiscard]] static read_operation read_chunk(const http_request& request, void* buffer, DWORD size) noexcept
+    {
+        return read_operation(request, buffer, size);
+    }
+
+private:
+    unique_hinternet session_;
+    std::wstring base_address_;
+};
+
+// The response's status code; 0 when WinINet cannot tell.
+[[nodiscard]] DWORD http_status(HINTERNET request) noexcept;
+// A known status other than 200 fails the request with E_INVALIDARG.
+void throw_if_not_ok(HINTERNET request);
+// The Content-Length the server announced, or -1 when it announced none.
+[[nodiscard]] std::int64_t announced_length(HINTERNET request) noexcept;
+// The address the request ended at, after any redirects.
+[[nodiscard]] std::wstring final_address(HINTERNET request);
+[[nodiscard]] bool is_https_address(std::wstring_view address) noexcept;
+
+// What ends a transfer early: the work of the window being cancelled, or the user's
+// Cancel. Either may be absent.
+struct stop_token {
+    std::shared_ptr<fibra::details::cancellation_source_body> window;
+    std::shared_ptr<fibra::details::cancellation_source_body> user;
+
+    [[nodiscard]] bool stop_requested() const noexcept
+    {
+        return (window && window->cancelled()) || (user && user->cancelled());
+    }
+    // Throws fibra::details::operation_cancelled.
+    void throw_if_stopped() const;
+};
+
+// Where a body goes, chunk by chunk.
+class body_sink {
+public:
+    virtual void write(const void* data, DWORD size) = 0;
+    // After each chunk; total is the announced length or -1.
+    virtual void progress(std::uint64_t received, std::int64_t total) noexcept { (void)received, (void)total; }
+
+protected:
+    ~body_sink() = default;
+};
+
+// Reads the whole body into the sink, checking stop after every resumption. Fails with
+// HRESULT_FROM_WIN32(ERROR_FILE_TOO_LARGE) as soon as the body is, or is announced to be,
+// longer than limit, and with HRESULT_FROM_WIN32(ERROR_INTERNET_CONNECTION_ABORTED) when
+// it ends before the announced length. Returns the length.
+task<std::uint64_t> read_body(const http_request& request, body_sink& sink, std::uint64_t limit, stop_token stop,
+                              DWORD chunk_size = 64 * 1024);
+
+// The whole body as bytes, with the same rules.
+task<std::string> read_body_text(const http_request& request, std::uint64_t limit, stop_token stop);
+
+}  // namespace tessel::web

@@ -1,0 +1,251 @@
+#include "web/update_check.h"
+
+#include "base/coroutine.h"
+#include "base/failure.h"
+#include "base/module_path.h"
+#include "format/ts_printf.h"
+#include "localization/localization.h"
+#include "web/download.h"
+#include "web/progress_dialog.h"
+
+#include <atomic>
+#include <chrono>
+#include <cwctype>
+
+namespace tessel::web {
+namespace {
+
+std::atomic<bool> check_running{false};
+
+int show(const update_check_options& options, std::wstring_view text, UINT style,
+         std::wstring_view suppression_name = {})
+{
+    const message_box_request request{
+        .owner = options.main_window, .text = text, .style = style, .suppression_name = suppression_name};
+    return options.show_message ? options.show_message(request) : show_message_box(request);
+}
+
+// The message's {0} is the failure's text, {1} its code, {2} what failed.
+void show_failure(const update_check_options& options, std::uint32_t message_id, std::exception_ptr error,
+                  std::wstring_view subject = {})
+{
+    const failure_description failure = describe_failure(error);
+    show(options,
+         ts_printf::format(load_string(message_id), failure.text, static_cast<std::uint32_t>(failure.code), subject),
+         MB_OK | MB_ICONERROR);
+}
+
+void store_promotion(const update_check_options& options, const promotion& offered)
+{
+    const promo_notice notice{offered.title, offered.url, offered.expires_on};
+    app_settings& settings = current_app_settings();
+    if (settings.promo == notice)
+        return;
+    settings.promo = notice;
+    try {
+        save_app_settings();
+    } catch (...) {
+        debug_report(L"the promotion could not be saved");
+    }
+    if (options.promotion_changed)
+        options.promotion_changed();
+}
+
+// True when the installer has started and the program is closing.
+task<bool> download_and_start_installer(const update_check_options& options, const HttpClient& client,
+                                        const update_response& response)
+{
+    std::exception_ptr failure;
+    std::optional<progress_dialog> progress;
+    try {
+        const std::wstring folder = options.download_folder.empty() ? secure_download_folder() : options.download_folder;
+        progress.emplace(options.main_window);
+        const stop_token stop{options.ui.cancellation(), progress->cancellation()};
+        const std::wstring name =
+            ts_printf::format(L"UlmoraToolsSetup-{}.exe", dotted_version(unpacked_version(response.version)));
+        downloaded_file installer =
+            co_await download_file(client, response.url, folder, name, max_installer_size, stop, &*progress);
+        co_await options.ui;
+        progress.reset();
+        start_installer(installer, options.main_window);
+        co_return true;
+    } catch (const fibra::details::operation_cancelled&) {
+        // The user's Cancel ends the download without a word; the window's goes on up.
+        if (options.ui.work_cancelled())
+            throw;
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    co_await options.ui;
+    progress.reset();
+    if (failure)
+        show_failure(options, string_ids::update_failed, failure);
+    co_return false;
+}
+
+task<void> offer_language_packs(const update_check_options& options, const HttpClient& client,
+                                const update_response& response, const product_version& own)
+{
+    const std::wstring program_folder = options.program_folder.empty() ? module_folder() : options.program_folder;
+    std::vector<pack_record> installed = enumerate_packs(program_folder);
+    const stop_token stop{options.ui.cancellation(), nullptr};
+    for (const language_pack_offer& offer : response.language_packs) {
+        if (!language_pack_wanted(offer, own, installed))
+            continue;
+        const std::wstring question = ts_printf::format(load_string(string_ids::update_language_pack_offer), offer.name);
+        if (show(options, question, MB_YESNO | MB_ICONQUESTION, L"LanguagePack." + offer.locale) != IDYES)
+            continue;
+        std::exception_ptr failure;
+        try {
+            co_await install_language_pack(client, offer, program_folder + L"\\languages", stop);
+        } catch (const fibra::details::operation_cancelled&) {
+            throw;
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        co_await options.ui;
+        if (failure)
+            show_failure(options, string_ids::update_language_pack_failed, failure, offer.name);
+        else
+            installed = enumerate_packs(program_folder);
+    }
+}
+
+fibra::fire_and_forget run_update_check(update_check_options options)
+{
+    struct end_of_check {
+        const update_check_options& options;
+        ~end_of_check()
+        {
+            check_running.store(false);
+            if (options.finished)
+                options.finished();
+        }
+    } guard{options};
+
+    try {
+        const product_version own = options.own_version ? *options.own_version
+                                                        : module_product_version().value_or(product_version{});
+        const std::uint64_t own_packed = packed_version(own);
+        HttpClient client;
+        client.initialize(options.service_address.empty() ? update_service_base_address() : options.service_address);
+
+        update_response response;
+        std::exception_ptr failure;
+        try {
+            response = co_await fetch_update_response(client, own_packed, options.mode,
+                                                      stop_token{options.ui.cancellation(), nullptr});
+        } catch (const fibra::details::operation_cancelled&) {
+            throw;
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        co_await options.ui;
+        if (failure) {
+            if (options.mode == update_check_mode::on_demand)
+                show_failure(options, string_ids::update_check_failed, failure);
+            co_return;
+        }
+
+        store_promotion(options, response.promo);
+
+        if (is_newer_release(response.version, own_packed)) {
+            const std::wstring offer = ts_printf::format(load_string(string_ids::update_offer),
+                                                         dotted_version(unpacked_version(response.version)));
+            if (show(options, offer, MB_YESNO | MB_ICONQUESTION) == IDYES) {
+                if (co_await download_and_start_installer(options, client, response))
+                    co_return;  // the program is closing
+            } else if (options.mode == update_check_mode::automatic) {
+                if (show(options, load_string(string_ids::update_disable_checking), MB_YESNO | MB_ICONQUESTION) ==
+                    IDYES) {
+                    current_app_settings().check_for_updates = false;
+                    save_app_settings();
+                }
+            }
+        } else if (options.mode == update_check_mode::on_demand) {
+            show(options, ts_printf::format(load_string(string_ids::update_up_to_date), dotted_version(own)),
+                 MB_OK | MB_ICONINFORMATION);
+        }
+
+        co_await offer_language_packs(options, client, response, own);
+    } catch (const fibra::details::operation_cancelled&) {
+        // The main window has gone; nothing is left to tell.
+    }
+}
+
+nsm::date today()
+{
+    return std::chrono::floor<nsm::days>(std::chrono::system_clock::now());
+}
+
+}  // namespace
+
+bool start_update_check(update_check_options options)
+{
+    if (check_running.exchange(true))
+        return false;
+    run_update_check(std::move(options));
+    return true;
+}
+
+bool update_check_running() noexcept
+{
+    return check_running.load();
+}
+
+std::optional<promo_notice> promotion_to_show(const promo_notice& stored, nsm::date today)
+{
+    if (stored.title.empty())
+        return std::nullopt;
+    // A promotion without a date runs until the service withdraws it.
+    if (stored.expires_on != nsm::date{} && today > stored.expires_on)
+        return std::nullopt;
+    return stored;
+}
+
+std::optional<promo_notice> current_promotion()
+{
+    return promotion_to_show(current_app_settings().promo, today());
+}
+
+std::wstring promotion_markup(const promo_notice& promo)
+{
+    return ts_printf::format(load_string(string_ids::update_promotion), promo.title, promo.url);
+}
+
+bool language_pack_wanted(const language_pack_offer& offer, const product_version& own,
+                          const std::vector<pack_record>& installed)
+{
+    const product_version made_for = unpacked_version(offer.client_version);
+    if (made_for.major != own.major || made_for.minor != own.minor)
+        return false;
+    if (offer.locale.empty() || !is_https_address(offer.url))
+        return false;
+    std::wstring locale = offer.locale;
+    for (wchar_t& c : locale)
+        c = static_cast<wchar_t>(std::towlower(c));
+    const std::wstring language = locale.substr(0, locale.find(L'-'));
+    if (language == L"en")
+        return false;  // built in
+    for (const pack_record& pack : installed) {
+        if (pack.code == locale || pack.code == language)
+            return false;
+    }
+    return true;
+}
+
+std::wstring language_pack_file_name(const language_pack_offer& offer)
+{
+    const auto clean = [](std::wstring_view text, bool lower) {
+        std::wstring result;
+        for (wchar_t c : text) {
+            if (c < 0x20 || std::wstring_view(L".\\/:*?\"<>|").find(c) != std::wstring_view::npos)
+                continue;
+            result += lower ? static_cast<wchar_t>(std::towlower(c)) : c;
+        }
+        return result;
+    };
+    return ts_printf::format(L"{}.{}.{}.lpack", clean(offer.locale, true), clean(offer.name, false), offer.version);
+}
+
+}  // namespace tessel::web

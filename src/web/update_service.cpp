@@ -1,0 +1,113 @@
+#include "web/update_service.h"
+
+#include "base/failure.h"
+#include "base/utf.h"
+#include "format/ts_printf.h"
+#include "localization/localization.h"
+#include "nsm/json_archive.h"
+#include "nsm/registry_ex.h"
+
+namespace tessel::web {
+
+std::wstring update_service_base_address()
+{
+    wchar_t value[max_address_length + 1];
+    DWORD size = sizeof value;
+    const std::wstring key(update_service_override_key);
+    const std::wstring name(update_service_override_value);
+    if (::RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), name.c_str(), RRF_RT_REG_SZ, nullptr, value, &size) ==
+        ERROR_SUCCESS) {
+        const std::wstring_view address(value);
+        if (is_https_address(address) && address.back() == L'/')
+            return std::wstring(address);
+    }
+    return std::wstring(update_service_address);
+}
+
+std::wstring update_request_address(std::wstring_view base, std::uint64_t own_version, update_check_mode mode)
+{
+    return ts_printf::format(L"{}dispatch/ulmo/checkforupdates?ver={}&mode={}", base, own_version,
+                             static_cast<std::uint32_t>(mode));
+}
+
+update_response parse_update_response(std::string_view text)
+{
+    update_response response;
+    nsm::json archive(text);
+    nsm::load(archive, response);
+    return response;
+}
+
+task<update_response> fetch_update_response(const HttpClient& client, std::uint64_t own_version,
+                                            update_check_mode mode, stop_token stop)
+{
+    const std::wstring address =
+        HttpClient::canonicalize(update_request_address(client.base_address(), own_version, mode));
+    const http_request request = co_await client.get(address, L"Accept: application/json");
+    stop.throw_if_stopped();
+    throw_if_not_ok(request.handle());
+    if (!is_https_address(final_address(request.handle())))
+        throw_hresult(e_insecure_address);
+    const std::string text = co_await read_body_text(request, max_response_size, stop);
+    co_return parse_update_response(text);
+}
+
+namespace {
+
+std::wstring wininet_message(DWORD code)
+{
+    HMODULE wininet = ::GetModuleHandleW(L"wininet.dll");
+    if (!wininet)
+        return {};
+    wchar_t* buffer = nullptr;
+    const DWORD length = ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_HMODULE |
+                                              FORMAT_MESSAGE_IGNORE_INSERTS,
+                                          wininet, code, 0, reinterpret_cast<wchar_t*>(&buffer), 0, nullptr);
+    unique_hlocal owner(buffer);
+    std::wstring text = length ? std::wstring(buffer, length) : std::wstring();
+    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r' || text.back() == L' '))
+        text.pop_back();
+    return text;
+}
+
+std::wstring text_of(HRESULT code)
+{
+    switch (code) {
+    case e_insecure_address:
+        return std::wstring(load_string(string_ids::update_insecure_address));
+    case e_bad_language_pack:
+        return std::wstring(load_string(string_ids::update_bad_language_pack));
+    case e_download_replaced:
+        return std::wstring(load_string(string_ids::update_download_replaced));
+    default:
+        break;
+    }
+    std::wstring text = system_message(code);
+    if (text.empty() && HRESULT_FACILITY(code) == FACILITY_WIN32 && HRESULT_CODE(code) >= INTERNET_ERROR_BASE &&
+        HRESULT_CODE(code) <= INTERNET_ERROR_LAST)
+        text = wininet_message(HRESULT_CODE(code));
+    if (text.empty())
+        text = load_string(string_ids::error_unknown_system_error);
+    return text;
+}
+
+}  // namespace
+
+failure_description describe_failure(std::exception_ptr error)
+{
+    try {
+        std::rethrow_exception(error);
+    } catch (const fibra::details::hresult_error& e) {
+        return {text_of(e.code()), e.code()};
+    } catch (const nsm::load_exception& e) {
+        return {e.message(), e_bad_response};
+    } catch (const std::bad_alloc&) {
+        return {text_of(E_OUTOFMEMORY), E_OUTOFMEMORY};
+    } catch (const std::exception& e) {
+        return {utf8_to_utf16(e.what()), E_FAIL};
+    } catch (...) {
+        return {text_of(E_UNEXPECTED), E_UNEXPECTED};
+    }
+}
+
+}  // namespace tessel::web

@@ -1,0 +1,93 @@
+// The product's installer (UlmoraToolsSetup.exe, built by makensis) run silently under Wine.
+
+#include "web_test_support.h"
+
+#include "base/module_path.h"
+#include "base/unique_handle.h"
+
+#include <gtest/gtest.h>
+#include <shlobj.h>
+
+#include <string>
+
+namespace {
+
+constexpr wchar_t uninstall_key[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\QMX Ulmora Tools ServerCfg";
+
+bool exists(const std::wstring& path)
+{
+    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+tessel::unique_handle start(std::wstring command_line, bool inherit = false)
+{
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process{};
+    if (!::CreateProcessW(nullptr, command_line.data(), nullptr, nullptr, inherit, NORMAL_PRIORITY_CLASS, nullptr,
+                          nullptr, &startup, &process))
+        return {};
+    ::CloseHandle(process.hThread);
+    return tessel::unique_handle(process.hProcess);
+}
+
+std::wstring registry_text(const wchar_t* name)
+{
+    wchar_t value[256] = {};
+    DWORD size = sizeof value;
+    if (::RegGetValueW(HKEY_LOCAL_MACHINE, uninstall_key, name, RRF_RT_REG_SZ, nullptr, value, &size) != ERROR_SUCCESS)
+        return L"<none>";
+    return value;
+}
+
+TEST(installer, silent_install_waits_for_the_program_being_updated_and_uninstalls_cleanly)
+{
+    const std::wstring setup = tessel::module_folder() + L"\\UlmoraToolsSetup.exe";
+    ASSERT_TRUE(exists(setup));
+    const std::wstring folder = L"C:\\tessel-installer-test";
+    wchar_t* programs = nullptr;
+    ASSERT_EQ(::SHGetKnownFolderPath(FOLDERID_CommonPrograms, 0, nullptr, &programs), S_OK);
+    const tessel::unique_cotaskmem programs_owner(programs);
+    const std::wstring shortcut = std::wstring(programs) + L"\\QMX Software\\Ulmora Tools Server Configuration.lnk";
+
+    // A program that ends in three seconds stands for the running configuration utility.
+    const tessel::unique_handle program =
+        start(L"\"" + tessel::module_folder() + L"\\web_fake_installer.exe\" --sleep=3000");
+    ASSERT_TRUE(program);
+    HANDLE inheritable = nullptr;
+    ASSERT_TRUE(::DuplicateHandle(::GetCurrentProcess(), program.get(), ::GetCurrentProcess(), &inheritable,
+                                  SYNCHRONIZE, TRUE, 0));
+    const tessel::unique_handle inheritable_owner(inheritable);
+    const tessel::unique_handle installer =
+        start(L"\"" + setup + L"\" /S /UPDATE=" + std::to_wstring(reinterpret_cast<std::uintptr_t>(inheritable)) +
+                  L" /D=" + folder,
+              true);
+    ASSERT_TRUE(installer);
+    ASSERT_EQ(::WaitForSingleObject(installer.get(), 60000), WAIT_OBJECT_0);
+    // The installer ended after the program it waited for, not before.
+    EXPECT_EQ(::WaitForSingleObject(program.get(), 0), WAIT_OBJECT_0);
+    DWORD exit_code = 1;
+    ::GetExitCodeProcess(installer.get(), &exit_code);
+    EXPECT_EQ(exit_code, 0u);
+
+    EXPECT_TRUE(exists(folder + L"\\ServerCfg.exe"));
+    EXPECT_TRUE(exists(folder + L"\\uninstall.exe"));
+    EXPECT_FALSE(web_test::files_in(folder + L"\\languages").empty());
+    EXPECT_TRUE(exists(shortcut)) << shortcut;
+    EXPECT_EQ(registry_text(L"DisplayVersion"), L"1.0.0.0");
+    EXPECT_EQ(registry_text(L"Publisher"), L"QMX Software");
+    EXPECT_EQ(registry_text(L"InstallLocation"), folder);
+
+    // "_?=" keeps the uninstaller from copying itself away and returning at once.
+    const tessel::unique_handle uninstaller = start(L"\"" + folder + L"\\uninstall.exe\" /S _?=" + folder);
+    ASSERT_TRUE(uninstaller);
+    ASSERT_EQ(::WaitForSingleObject(uninstaller.get(), 60000), WAIT_OBJECT_0);
+    EXPECT_FALSE(exists(folder + L"\\ServerCfg.exe"));
+    EXPECT_FALSE(exists(folder + L"\\languages"));
+    EXPECT_FALSE(exists(shortcut));
+    EXPECT_EQ(registry_text(L"DisplayName"), L"<none>");
+    ::DeleteFileW((folder + L"\\uninstall.exe").c_str());
+    ::RemoveDirectoryW(folder.c_str());
+}
+
+}  // namespace

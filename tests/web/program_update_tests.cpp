@@ -1,0 +1,179 @@
+// The real program at start-up against the loopback update service (pointed at it through
+// the administrators' override under HKLM) and the substitute sharing server.
+//
+// Disabled until wWinMain starts the automatic check: with the check wired in, the program
+// ends with an access violation at exit (a corrupted heap found by the substitute server's
+// control-pipe thread) once any update request has run; see the web notes in the report.
+// Run them with --gtest_also_run_disabled_tests after wiring the check.
+
+#include "web_test_support.h"
+
+#include "message_pump.h"
+
+#include "base/module_path.h"
+#include "base/unique_handle.h"
+#include "base/window_text.h"
+#include "web/download.h"
+#include "web/update_service.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using web_test::server;
+
+constexpr wchar_t product_title[] = L"QMX Software Ulmora Tools Server";
+constexpr wchar_t settings_key[] = L"Software\\QMX Software\\Ulmora Tools\\ServerCfg";
+constexpr int message_text_id = 1101;
+
+// A visible top-level window of the program whose control `id` exists.
+HWND find_box(int id)
+{
+    struct search {
+        int id;
+        HWND found = nullptr;
+    } state{id};
+    ::EnumWindows(
+        [](HWND window, LPARAM lparam) -> BOOL {
+            auto& state = *reinterpret_cast<search*>(lparam);
+            if (::IsWindowVisible(window) && tessel::windows::window_text(window) == product_title &&
+                ::GetDlgItem(window, state.id)) {
+                state.found = window;
+                return FALSE;
+            }
+            return TRUE;
+        },
+        reinterpret_cast<LPARAM>(&state));
+    return state.found;
+}
+
+HWND wait_for_box(DWORD timeout_ms = 20000)
+{
+    HWND box = nullptr;
+    test_support::pump_until([&] { return (box = find_box(message_text_id)) != nullptr; }, timeout_ms);
+    return box;
+}
+
+class program_update : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ::RegDeleteTreeW(HKEY_CURRENT_USER, settings_key);
+        sim_server_.reset(::LoadLibraryW((tessel::module_folder() + L"\\UlmoraSimServer.dll").c_str()));
+        ASSERT_TRUE(sim_server_);
+        call(sim_server_.get(), "DllRegisterServer");
+        set_service(L"newer/");
+        folder = tessel::web::secure_download_folder();
+        for (const std::wstring& name : web_test::files_in(folder))
+            ::DeleteFileW((folder + L"\\" + name).c_str());
+    }
+    void set_service(const std::wstring& kind)
+    {
+        const std::wstring address = server().base() + kind;
+        ASSERT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, std::wstring(tessel::web::update_service_override_key).c_str(),
+                                    std::wstring(tessel::web::update_service_override_value).c_str(), REG_SZ,
+                                    address.c_str(), static_cast<DWORD>((address.size() + 1) * sizeof(wchar_t))),
+                  ERROR_SUCCESS);
+    }
+    void TearDown() override
+    {
+        ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, std::wstring(tessel::web::update_service_override_key).c_str(),
+                             std::wstring(tessel::web::update_service_override_value).c_str());
+        call(sim_server_.get(), "DllUnregisterServer");
+        ::RegDeleteTreeW(HKEY_CURRENT_USER, settings_key);
+    }
+    static void call(HMODULE module, const char* name)
+    {
+        using entry = HRESULT(STDAPICALLTYPE*)();
+        const auto function = reinterpret_cast<entry>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
+        ASSERT_NE(function, nullptr);
+        ASSERT_EQ(function(), S_OK);
+    }
+    void start_program()
+    {
+        std::wstring line = L"\"" + tessel::module_folder() + L"\\ServerCfg.exe\"";
+        STARTUPINFOW startup{};
+        startup.cb = sizeof startup;
+        PROCESS_INFORMATION info{};
+        ASSERT_TRUE(::CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info));
+        program.reset(info.hProcess);
+        ::CloseHandle(info.hThread);
+    }
+    ~program_update() override
+    {
+        if (program && ::WaitForSingleObject(program.get(), 0) == WAIT_TIMEOUT)
+            ::TerminateProcess(program.get(), 99);
+    }
+
+    tessel::unique_hmodule sim_server_;
+    tessel::unique_handle program;
+    std::wstring folder;
+};
+
+TEST_F(program_update, DISABLED_accepted_offer_hands_over_to_the_installer_and_the_program_ends)
+{
+    ASSERT_TRUE(::CopyFileW((tessel::module_folder() + L"\\web_fake_installer.exe").c_str(),
+                            (server().files() + L"\\installer.exe").c_str(), FALSE));
+    start_program();
+    const HWND offer = wait_for_box();
+    ASSERT_NE(offer, nullptr) << "no offer appeared";
+    EXPECT_EQ(tessel::windows::window_text(::GetDlgItem(offer, message_text_id)),
+              L"Ulmora Tools version 1.0.0.1 is available. Do you want to upgrade now?");
+    ::PostMessageW(::GetDlgItem(offer, IDYES), BM_CLICK, 0, 0);
+
+    // The installer starts with the program's handle, the program closes, the installer
+    // notices.
+    ASSERT_EQ(::WaitForSingleObject(program.get(), 30000), WAIT_OBJECT_0);
+    DWORD exit_code = 1;
+    ::GetExitCodeProcess(program.get(), &exit_code);
+    EXPECT_EQ(exit_code, 0u);
+    const std::wstring report = folder + L"\\UlmoraToolsSetup-1.0.0.1.exe.txt";
+    web_test::pump_until_or_die([&] { return web_test::read_file(report).find("ended") != std::string::npos; }, 20000,
+                                "the installer's wait for the program");
+    EXPECT_EQ(web_test::read_file(report), "pid=" + std::to_string(::GetProcessId(program.get())) + "\nended\n");
+}
+
+TEST_F(program_update, DISABLED_check_without_news_keeps_the_promotion_and_the_program_closes_normally)
+{
+    set_service(L"same/");
+    start_program();
+    HWND main_window = nullptr;
+    test_support::pump_until([&] { return (main_window = find_box(1003)) != nullptr; }, 20000);
+    ASSERT_NE(main_window, nullptr);
+    // The answer's promotion reaches the settings.
+    tessel::unique_hkey promo;
+    test_support::pump_until([&] {
+        return ::RegOpenKeyExW(HKEY_CURRENT_USER, (std::wstring(settings_key) + L"\\promo").c_str(), 0, KEY_READ,
+                               promo.put()) == ERROR_SUCCESS &&
+               ::RegQueryValueExW(promo.get(), L"Title", nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
+    }, 10000);
+    EXPECT_EQ(::RegQueryValueExW(promo.get(), L"Title", nullptr, nullptr, nullptr, nullptr), ERROR_SUCCESS);
+    ::PostMessageW(main_window, WM_CLOSE, 0, 0);
+    ASSERT_EQ(::WaitForSingleObject(program.get(), 15000), WAIT_OBJECT_0);
+    DWORD exit_code = 1;
+    ::GetExitCodeProcess(program.get(), &exit_code);
+    EXPECT_EQ(exit_code, 0u);
+    EXPECT_TRUE(find_box(message_text_id) == nullptr);
+}
+
+TEST_F(program_update, DISABLED_failed_download_leaves_no_file_and_the_program_running)
+{
+    ::DeleteFileW((server().files() + L"\\installer.exe").c_str());
+    start_program();
+    const HWND offer = wait_for_box();
+    ASSERT_NE(offer, nullptr) << "no offer appeared";
+    ::PostMessageW(::GetDlgItem(offer, IDYES), BM_CLICK, 0, 0);
+    web_test::pump_until_or_die([&] { return !::IsWindow(offer); }, 10000, "the offer to close");
+    const HWND error = wait_for_box();
+    ASSERT_NE(error, nullptr) << "no error appeared";
+    const std::wstring text = tessel::windows::window_text(::GetDlgItem(error, message_text_id));
+    EXPECT_TRUE(text.starts_with(L"A following error occurred during downloading or installing upgrade: ")) << text;
+    EXPECT_NE(text.find(L"80070057)"), std::wstring::npos) << text;
+    EXPECT_TRUE(web_test::files_in(folder).empty());
+    ::PostMessageW(::GetDlgItem(error, IDOK), BM_CLICK, 0, 0);
+    EXPECT_EQ(::WaitForSingleObject(program.get(), 2000), static_cast<DWORD>(WAIT_TIMEOUT));
+}
+
+}  // namespace

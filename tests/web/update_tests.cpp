@@ -1,0 +1,353 @@
+// The update path: versions, downloads, the hand-over to the installer and the whole check
+// against the loopback server, with a scripted user answering the boxes.
+
+#include "web_test_support.h"
+
+#include "message_pump.h"
+
+#include "base/module_path.h"
+#include "nsm/app_settings.h"
+#include "web/download.h"
+#include "web/product_version.h"
+#include "web/update_check.h"
+
+#include <aclapi.h>
+#include <sddl.h>
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <thread>
+#include <memory>
+
+namespace {
+
+using namespace tessel::web;
+using web_test::code_of;
+using web_test::files_in;
+using web_test::run_task;
+using web_test::server;
+
+TEST(product_version, packs_unpacks_and_compares)
+{
+    constexpr product_version v{3, 1, 0, 1234};
+    static_assert(packed_version(v) == 301001234);
+    static_assert(unpacked_version(301001234) == v);
+    static_assert(!is_newer_release(301001234, packed_version(v)));
+    static_assert(is_newer_release(301001235, packed_version(v)));
+    EXPECT_EQ(dotted_version(unpacked_version(607020007)), L"6.7.2.7");
+    EXPECT_EQ(dotted_version(unpacked_version(99999999999)), L"999.99.99.9999");
+
+    // The program's own resource; a module without one has no version.
+    const std::wstring program = tessel::module_folder() + L"\\ServerCfg.exe";
+    tessel::unique_hmodule module(
+        ::LoadLibraryExW(program.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE));
+    ASSERT_TRUE(module);
+    const auto own = module_product_version(module.get());
+    ASSERT_TRUE(own.has_value());
+    EXPECT_EQ(*own, (product_version{1, 0, 0, 0}));
+    EXPECT_FALSE(module_product_version().has_value());
+}
+
+class download_test : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(client.initialize(server().base())); }
+
+    auto download(std::wstring path, std::uint64_t limit = 1 << 24, stop_token stop = {})
+    {
+        return run_task<downloaded_file>([this, path, limit, stop]() {
+            return download_file(client, path.starts_with(L"http") ? path : server().base() + path, folder,
+                                 L"setup.exe", limit, stop, nullptr);
+        });
+    }
+
+    HttpClient client;
+    std::wstring folder = web_test::fresh_folder(L"download");
+};
+
+TEST_F(download_test, arrives_under_its_final_name_and_stays_locked_against_writers)
+{
+    auto [file, error] = download(L"bytes/300000");
+    ASSERT_FALSE(error) << std::hex << code_of(error);
+    EXPECT_EQ(file->path, folder + L"\\setup.exe");
+    EXPECT_EQ(file->size, 300000u);
+    EXPECT_EQ(files_in(folder), std::vector<std::wstring>{L"setup.exe"});
+    EXPECT_EQ(web_test::read_file(file->path).size(), 300000u);
+
+    // While the program holds it, nobody may write, delete or rename it; reading is fine.
+    tessel::unique_file writer(::CreateFileW(file->path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                             nullptr, OPEN_EXISTING, 0, nullptr));
+    EXPECT_FALSE(writer);
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+    EXPECT_FALSE(::DeleteFileW(file->path.c_str()));
+    EXPECT_FALSE(::MoveFileW(file->path.c_str(), (folder + L"\\other.exe").c_str()));
+    tessel::unique_file reader(::CreateFileW(file->path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                             nullptr, OPEN_EXISTING, 0, nullptr));
+    EXPECT_TRUE(reader);
+    file->handle.reset();
+    EXPECT_TRUE(::DeleteFileW(file->path.c_str()));
+}
+
+TEST_F(download_test, failures_and_cancellation_leave_no_file_behind)
+{
+    EXPECT_EQ(code_of(download(L"cut").second), HRESULT_FROM_WIN32(ERROR_INTERNET_CONNECTION_ABORTED));
+    EXPECT_EQ(code_of(download(L"status/404").second), E_INVALIDARG);
+    EXPECT_EQ(code_of(download(L"bytes/5000", 4999).second), HRESULT_FROM_WIN32(ERROR_FILE_TOO_LARGE));
+    EXPECT_EQ(code_of(download(L"http://localhost:" + std::to_wstring(server().http_port) + L"/bytes/10").second),
+              e_insecure_address);
+    EXPECT_EQ(code_of(download(L"redirect-http").second), e_insecure_address);
+    auto cancelled = std::make_shared<fibra::details::cancellation_source_body>();
+    cancelled->cancel();
+    EXPECT_EQ(code_of(download(L"bytes/1000", 1 << 20, stop_token{nullptr, cancelled}).second), E_ABORT);
+    EXPECT_TRUE(files_in(folder).empty());
+}
+
+TEST(installer_hand_over, posts_close_only_after_the_installer_started_with_this_process)
+{
+    const std::wstring folder = web_test::fresh_folder(L"handover");
+    const std::wstring installer = folder + L"\\installer.exe";
+    ASSERT_TRUE(::CopyFileW((tessel::module_folder() + L"\\web_fake_installer.exe").c_str(), installer.c_str(), FALSE));
+    tessel::unique_hwnd window(::CreateWindowExW(0, L"STATIC", L"", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr));
+    ASSERT_TRUE(window);
+
+    downloaded_file file{installer, tessel::unique_file(::CreateFileW(installer.c_str(), GENERIC_READ, FILE_SHARE_READ,
+                                                                      nullptr, OPEN_EXISTING, 0, nullptr)),
+                         0};
+    ASSERT_TRUE(file.handle);
+    start_installer(file, window.get());
+    MSG message;
+    EXPECT_TRUE(::PeekMessageW(&message, window.get(), WM_CLOSE, WM_CLOSE, PM_REMOVE));
+    const std::wstring report = installer + L".txt";
+    web_test::pump_until_or_die([&] { return web_test::read_file(report).find('\n') != std::string::npos; }, 10000,
+                                "the fake installer");
+    EXPECT_EQ(web_test::read_file(report).substr(0, web_test::read_file(report).find('\n')),
+              "pid=" + std::to_string(::GetCurrentProcessId()));
+    EXPECT_NE(installer_command_line(L"C:\\a b\\setup.exe", reinterpret_cast<HANDLE>(0x1234)).find(L"\"C:\\a b\\setup.exe\" /UPDATE=4660"),
+              std::wstring::npos);
+
+    // Something that cannot start: an error, and the window stays open.
+    const std::wstring not_a_program = folder + L"\\broken.exe";
+    web_test::write_file(not_a_program, "this is not a program");
+    downloaded_file broken{not_a_program, {}, 0};
+    EXPECT_THROW(start_installer(broken, window.get()), fibra::details::hresult_error);
+    EXPECT_FALSE(::PeekMessageW(&message, window.get(), WM_CLOSE, WM_CLOSE, PM_REMOVE));
+}
+
+TEST(download_folder, belongs_to_the_administrators_alone)
+{
+    const std::wstring folder = secure_download_folder();
+    EXPECT_TRUE(folder.ends_with(L"\\QMX Software\\Ulmora Tools\\Updates")) << folder;
+    EXPECT_NE(::GetFileAttributesW(folder.c_str()), INVALID_FILE_ATTRIBUTES);
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    PACL dacl = nullptr;
+    ASSERT_EQ(::GetNamedSecurityInfoW(folder.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr,
+                                      &dacl, nullptr, &descriptor),
+              static_cast<DWORD>(ERROR_SUCCESS));
+    tessel::unique_hlocal owner(descriptor);
+    SECURITY_DESCRIPTOR_CONTROL control = 0;
+    DWORD revision = 0;
+    ASSERT_TRUE(::GetSecurityDescriptorControl(descriptor, &control, &revision));
+    wchar_t* sddl = nullptr;
+    ::ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &sddl, nullptr);
+    const tessel::unique_hlocal sddl_owner(sddl);
+
+    ASSERT_NE(dacl, nullptr);
+    if (!(control & SE_DACL_PROTECTED) && sddl && std::wstring_view(sddl).find(L"WD") != std::wstring_view::npos)
+        GTEST_SKIP() << "this file system keeps no access control lists (Wine on a file system without "
+                        "extended attributes shows a made-up one): " << sddl;
+    EXPECT_TRUE(control & SE_DACL_PROTECTED) << sddl;
+    EXPECT_EQ(dacl->AceCount, 2) << sddl;
+}
+
+// ---- the whole check ------------------------------------------------------------------
+
+// Stands for the main window: counts WM_CLOSE instead of closing.
+LRESULT CALLBACK counting_window_procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam)
+{
+    if (message == WM_CLOSE) {
+        ::SetWindowLongPtrW(window, GWLP_USERDATA, ::GetWindowLongPtrW(window, GWLP_USERDATA) + 1);
+        return 0;
+    }
+    return ::DefWindowProcW(window, message, wparam, lparam);
+}
+
+HWND create_counting_window()
+{
+    static const ATOM registered = [] {
+        WNDCLASSW window_class{};
+        window_class.lpfnWndProc = counting_window_procedure;
+        window_class.hInstance = ::GetModuleHandleW(nullptr);
+        window_class.lpszClassName = L"web_test_main_window";
+        return ::RegisterClassW(&window_class);
+    }();
+    (void)registered;
+    return ::CreateWindowExW(0, L"web_test_main_window", L"", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+}
+
+std::wstring per_test_folder(const wchar_t* name)
+{
+    const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    std::wstring folder = name;
+    for (const char* c = test->name(); *c; ++c)
+        folder += static_cast<wchar_t>(*c);
+    return web_test::fresh_folder(folder);
+}
+
+struct scripted_user {
+    std::deque<int> answers;
+    std::vector<std::wstring> texts;
+};
+
+class update_check_test : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        server();
+        window.reset(create_counting_window());
+        downloads = per_test_folder(L"downloads-");
+        program = per_test_folder(L"program-");
+        current_app_settings() = app_settings{};
+        ASSERT_TRUE(::CopyFileW((tessel::module_folder() + L"\\web_fake_installer.exe").c_str(),
+                                (server().files() + L"\\installer.exe").c_str(), FALSE));
+    }
+
+    // Runs one check against base/<kind>/ and answers the boxes in order (No once the
+    // answers run out). Returns what the boxes said.
+    std::vector<std::wstring> check(const std::wstring& kind, update_check_mode mode, std::deque<int> answers)
+    {
+        auto user = std::make_shared<scripted_user>();
+        user->answers = std::move(answers);
+        bool finished = false;
+        update_check_options options;
+        options.main_window = window.get();
+        options.mode = mode;
+        options.show_message = [user](const tessel::message_box_request& request) {
+            user->texts.emplace_back(request.text);
+            const int answer = user->answers.empty() ? IDNO : user->answers.front();
+            if (!user->answers.empty())
+                user->answers.pop_front();
+            return answer;
+        };
+        options.promotion_changed = [this] { ++promotion_changes; };
+        options.service_address = server().base() + kind + L"/";
+        options.download_folder = downloads;
+        options.program_folder = program;
+        options.own_version = product_version{1, 0, 0, 0};
+        options.finished = [&finished] { finished = true; };
+        EXPECT_TRUE(start_update_check(std::move(options)));
+        web_test::pump_until_or_die([&] { return finished; }, 30000, "the update check");
+        return user->texts;
+    }
+
+    bool close_posted()
+    {
+        test_support::pump_for(50);
+        return ::GetWindowLongPtrW(window.get(), GWLP_USERDATA) != 0;
+    }
+
+    tessel::unique_hhook hook = tessel::windows::impl::install_ui_return_hook();
+    tessel::unique_hwnd window;
+    std::wstring downloads;
+    std::wstring program;
+    int promotion_changes = 0;
+};
+
+TEST_F(update_check_test, accepted_offer_downloads_starts_the_installer_and_closes_the_program)
+{
+    const auto texts = check(L"newer", update_check_mode::automatic, {IDYES});
+    ASSERT_EQ(texts.size(), 1u);
+    EXPECT_EQ(texts[0], L"Ulmora Tools version 1.0.0.1 is available. Do you want to upgrade now?");
+    EXPECT_TRUE(close_posted());
+    const std::wstring report = downloads + L"\\UlmoraToolsSetup-1.0.0.1.exe.txt";
+    web_test::pump_until_or_die([&] { return !web_test::read_file(report).empty(); }, 10000, "the installer");
+    EXPECT_EQ(web_test::read_file(report).substr(0, 4), "pid=");
+    // The answer's promotion is kept for the main window.
+    EXPECT_EQ(promotion_changes, 1);
+    ASSERT_TRUE(current_promotion().has_value());
+    EXPECT_EQ(current_promotion()->title, L"[[[bTest offer]]]");
+    EXPECT_EQ(promotion_markup(*current_promotion()), L"[[[h#[https://localhost/offer]#[[[bTest offer]]]]]]");
+}
+
+TEST_F(update_check_test, installer_that_cannot_start_is_reported_and_the_program_stays)
+{
+    web_test::write_file(server().files() + L"\\installer.exe", "MZ but not really a program");
+    const auto texts = check(L"newer", update_check_mode::automatic, {IDYES});
+    ASSERT_EQ(texts.size(), 2u);
+    EXPECT_TRUE(texts[1].starts_with(L"A following error occurred during downloading or installing upgrade: ")) << texts[1];
+    EXPECT_FALSE(close_posted());
+
+    // A plain http installer address is refused before anything is fetched.
+    const auto insecure = check(L"insecure", update_check_mode::on_demand, {IDYES});
+    ASSERT_EQ(insecure.size(), 2u);
+    EXPECT_NE(insecure[1].find(L"not secure (https)"), std::wstring::npos) << insecure[1];
+    EXPECT_FALSE(close_posted());
+    EXPECT_EQ(files_in(downloads), std::vector<std::wstring>{L"UlmoraToolsSetup-1.0.0.1.exe"});
+}
+
+TEST_F(update_check_test, cancel_in_the_progress_dialog_ends_the_download_quietly)
+{
+    // The installer comes slowly: its server pauses for three seconds half-way.
+    std::vector<std::wstring> texts;
+    bool cancel_seen = false;
+    std::thread user([&] {
+        HWND progress = nullptr;
+        for (int i = 0; i < 200 && !(progress && ::IsWindowVisible(progress)); ++i, ::Sleep(25))
+            progress = ::FindWindowW(L"#32770", L"Downloading Update");
+        if (!progress)
+            return;
+        cancel_seen = ::IsWindowVisible(::GetDlgItem(progress, IDCANCEL)) != FALSE;
+        ::PostMessageW(::GetDlgItem(progress, IDCANCEL), BM_CLICK, 0, 0);
+    });
+    texts = check(L"slow", update_check_mode::on_demand, {IDYES});
+    user.join();
+    EXPECT_TRUE(cancel_seen);
+    EXPECT_EQ(texts.size(), 1u);  // the offer, and no error
+    EXPECT_FALSE(close_posted());
+    EXPECT_TRUE(files_in(downloads).empty());
+    EXPECT_FALSE(::FindWindowW(L"#32770", L"Downloading Update"));
+}
+
+TEST_F(update_check_test, declined_and_failed_checks_follow_the_mode)
+{
+    // Declined at start-up: the program asks whether to stop checking; Yes switches it off.
+    const auto declined = check(L"newer", update_check_mode::automatic, {IDNO, IDYES});
+    ASSERT_EQ(declined.size(), 2u);
+    EXPECT_TRUE(declined[1].starts_with(L"Do you want to disable automatic checking")) << declined[1];
+    EXPECT_FALSE(current_app_settings().check_for_updates);
+    EXPECT_FALSE(close_posted());
+    EXPECT_TRUE(files_in(downloads).empty());
+
+    // Asked for by the user: no such question, and "up to date" or the failure is said.
+    EXPECT_EQ(check(L"newer", update_check_mode::on_demand, {IDNO}).size(), 1u);
+    EXPECT_EQ(check(L"same", update_check_mode::on_demand, {}),
+              std::vector<std::wstring>{L"Ulmora Tools 1.0.0.0 is the latest version."});
+    EXPECT_TRUE(check(L"same", update_check_mode::automatic, {}).empty());
+    EXPECT_TRUE(check(L"broken", update_check_mode::automatic, {}).empty());
+    const auto failed = check(L"broken", update_check_mode::on_demand, {});
+    ASSERT_EQ(failed.size(), 1u);
+    EXPECT_TRUE(failed[0].starts_with(L"The program could not check for updates: ")) << failed[0];
+    EXPECT_TRUE(failed[0].ends_with(L"80070057)")) << failed[0];
+}
+
+TEST_F(update_check_test, language_packs_for_this_version_are_offered_validated_and_kept)
+{
+    const std::wstring languages = tessel::module_folder() + L"\\languages";
+    const std::vector<std::wstring> built = files_in(languages);
+    ASSERT_FALSE(built.empty());
+    ASSERT_TRUE(::CopyFileW((languages + L"\\" + built[0]).c_str(), (server().files() + L"\\pack.lpack").c_str(), FALSE));
+    web_test::write_file(server().files() + L"\\bad.lpack", std::string(4096, 'x'));
+
+    const auto texts = check(L"packs", update_check_mode::automatic, {IDYES, IDYES});
+    ASSERT_EQ(texts.size(), 3u);
+    EXPECT_EQ(texts[0], L"A language pack for [[[bDeutsch]]] is available. Do you want to download it now?");
+    EXPECT_EQ(texts[1], L"A language pack for [[[bFran\u00e7ais]]] is available. Do you want to download it now?");
+    EXPECT_TRUE(texts[2].starts_with(L"The language pack for Fran\u00e7ais could not be installed: The downloaded file is not a valid language pack.")) << texts[2];
+    EXPECT_EQ(files_in(program + L"\\languages"), std::vector<std::wstring>{L"de-de.Deutsch.7.lpack"});
+    const auto packs = tessel::enumerate_packs(program);
+    ASSERT_EQ(packs.size(), 1u);
+    EXPECT_EQ(packs[0].code, L"de-de");
+
+    // Installed now: not offered again.
+    EXPECT_EQ(check(L"packs", update_check_mode::automatic, {IDNO}).size(), 1u);
+}
+
+}  // namespace
