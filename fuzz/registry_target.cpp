@@ -7,7 +7,7 @@
 // arrays and a walk of every entry.
 
 #include "targets.h"
-#include "walk.h"
+#include "archive_walk.h"
 
 #include "base/unique_handle.h"
 #include "base/utf.h"
@@ -20,6 +20,8 @@
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
+
+using test_support::walk_value;
 
 namespace fuzz {
 namespace {

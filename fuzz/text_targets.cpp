@@ -1,7 +1,7 @@
 // The readers of text: the format language, the markup, JSON and the command line.
 
 #include "targets.h"
-#include "walk.h"
+#include "archive_walk.h"
 
 #include "app/cmd_line.h"
 #include "base/utf.h"
@@ -14,6 +14,8 @@
 #include <chrono>
 #include <ctime>
 #include <stdexcept>
+
+using test_support::walk_value;
 
 namespace fuzz {
 namespace {

@@ -7,6 +7,7 @@
 #include "nsm/record.h"
 #include "update_document.h"
 
+#include "archive_walk.h"
 #include "guarded_memory.h"
 
 #include <gtest/gtest.h>
@@ -21,41 +22,7 @@ namespace {
 
 using test_support::guarded_buffer;
 
-// Reads every value with the operation its kind suggests, so that paths a record would
-// never reach (unknown names, odd kinds) are walked too.
-void walk_value(nsm::details::json_reader& reader, const nsm::entry_info& entry, int depth)
-{
-    if (entry.flags & nsm::kind::object) {
-        reader.begin_object();
-        for (nsm::entry_info e = reader.next_entry(); !e.at_end(); e = reader.next_entry())
-            walk_value(reader, e, depth + 1);
-        reader.end_object();
-    } else if (entry.flags & nsm::kind::boolean) {
-        reader.read_bool();
-    } else if (entry.flags & nsm::kind::guid) {
-        reader.read_guid();
-    } else if (entry.flags & nsm::kind::string) {
-        if (depth % 3 == 0) {
-            reader.read_time();
-        } else if (depth % 3 == 1) {
-            std::vector<std::uint8_t> bytes(reader.binary_size());
-            reader.read_binary(bytes.data(), bytes.size());
-        } else {
-            std::wstring text;
-            reader.read_wstring(text);
-        }
-    } else if (entry.flags & nsm::kind::sequence) {
-        reader.begin_array();
-        for (nsm::entry_info e = reader.next_entry(); !e.at_end(); e = reader.next_entry())
-            walk_value(reader, e, depth + 1);
-        reader.end_array();
-    } else if (entry.flags & nsm::kind::number) {
-        if (depth % 2)
-            reader.read_int64();
-        else
-            reader.read_double();
-    }
-}
+using test_support::walk_value;
 
 struct outcome {
     int loaded = 0;

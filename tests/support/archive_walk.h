@@ -1,5 +1,5 @@
 #pragma once
-// Reads every entry of an archive with the operation its kind suggests, so that paths a
+// Reads every entry of an archive (the fuzz command and the JSON mutation tests) with the operation its kind suggests, so that paths a
 // record would never take (unknown names, odd kinds, arrays of anything) are walked too.
 
 #include "nsm/archive.h"
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace fuzz {
+namespace test_support {
 
 inline void walk_value(tessel::nsm::reader_base& reader, const tessel::nsm::entry_info& entry, int depth)
 {
@@ -45,4 +45,4 @@ inline void walk_value(tessel::nsm::reader_base& reader, const tessel::nsm::entr
     }
 }
 
-}  // namespace fuzz
+}  // namespace test_support
