@@ -21,6 +21,7 @@
 #include "msgbox/message_box.h"
 #include "nsm/app_settings.h"
 #include "ui_main/main_dialog.h"
+#include "web/update_check.h"
 
 #include <windows.h>
 #include <commctrl.h>
@@ -84,6 +85,28 @@ int run_message_loop(HWND main_window)
     }
     hook.reset();
     return static_cast<int>(message.wParam);
+}
+
+// The update check as the main window starts it: automatically once the window is
+// filled (when the user has not switched that off), and from the About box on demand.
+update_hooks update_hooks_of(main_dialog& dialog)
+{
+    const auto start = [&dialog](HWND owner, tessel::web::update_check_mode mode) {
+        tessel::web::update_check_options check;
+        check.main_window = dialog.window();
+        check.ui = dialog;
+        check.owner = owner;
+        check.mode = mode;
+        (void)tessel::web::start_update_check(std::move(check));
+    };
+    return {
+        .check_for_updates = [start](HWND owner) { start(owner, tessel::web::update_check_mode::on_demand); },
+        .main_window_ready =
+            [start](HWND main_window) {
+                if (current_app_settings().check_for_updates)
+                    start(main_window, tessel::web::update_check_mode::automatic);
+            },
+    };
 }
 
 int run(int show_command)
@@ -161,6 +184,7 @@ int run(int show_command)
     int exit_code = 0;
     {
         tessel::value_on_stack<main_dialog> dialog(server);
+        dialog.set_update_hooks(update_hooks_of(dialog));
 
         // 9. The main window and the message loop.
         INITCOMMONCONTROLSEX controls{sizeof controls, common_control_classes};

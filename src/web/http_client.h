@@ -29,6 +29,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 namespace tessel::web {
 
@@ -165,17 +166,33 @@ void throw_if_not_ok(HINTERNET request);
 
 // What ends a transfer early: the work of the window being cancelled, or the user's
 // Cancel. Either may be absent.
-struct stop_token {
-    std::shared_ptr<fibra::details::cancellation_source_body> window;
-    std::shared_ptr<fibra::details::cancellation_source_body> user;
+//
+// Deliberately not an aggregate: GCC 12 destroys the members of an aggregate temporary
+// twice when it is passed by value to a coroutine inside a co_await expression
+// (`co_await fetch(..., stop_token{a, b})`), releasing the window's cancellation one time
+// too many and freeing it under the window's feet. With a constructor the temporary is
+// destroyed once.
+class stop_token {
+public:
+    stop_token() noexcept = default;
+    stop_token(std::shared_ptr<fibra::details::cancellation_source_body> window,
+               std::shared_ptr<fibra::details::cancellation_source_body> user) noexcept
+        : window_(std::move(window)), user_(std::move(user))
+    {
+    }
 
     [[nodiscard]] bool stop_requested() const noexcept
     {
-        return (window && window->cancelled()) || (user && user->cancelled());
+        return (window_ && window_->cancelled()) || (user_ && user_->cancelled());
     }
     // Throws fibra::details::operation_cancelled.
     void throw_if_stopped() const;
+
+private:
+    std::shared_ptr<fibra::details::cancellation_source_body> window_;
+    std::shared_ptr<fibra::details::cancellation_source_body> user_;
 };
+static_assert(!std::is_aggregate_v<stop_token>);
 
 // Where a body goes, chunk by chunk.
 class body_sink {

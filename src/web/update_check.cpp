@@ -17,11 +17,16 @@ namespace {
 
 std::atomic<bool> check_running{false};
 
+HWND owner_of_boxes(const update_check_options& options) noexcept
+{
+    return options.owner && ::IsWindow(options.owner) ? options.owner : options.main_window;
+}
+
 int show(const update_check_options& options, std::wstring_view text, UINT style,
          std::wstring_view suppression_name = {})
 {
     const message_box_request request{
-        .owner = options.main_window, .text = text, .style = style, .suppression_name = suppression_name};
+        .owner = owner_of_boxes(options), .text = text, .style = style, .suppression_name = suppression_name};
     return options.show_message ? options.show_message(request) : show_message_box(request);
 }
 
@@ -59,7 +64,7 @@ task<bool> download_and_start_installer(const update_check_options& options, con
     std::optional<progress_dialog> progress;
     try {
         const std::wstring folder = options.download_folder.empty() ? secure_download_folder() : options.download_folder;
-        progress.emplace(options.main_window);
+        progress.emplace(owner_of_boxes(options));
         const stop_token stop{options.ui.cancellation(), progress->cancellation()};
         const std::wstring name =
             ts_printf::format(L"UlmoraToolsSetup-{}.exe", dotted_version(unpacked_version(response.version)));
@@ -134,7 +139,7 @@ fibra::fire_and_forget run_update_check(update_check_options options)
         std::exception_ptr failure;
         try {
             response = co_await fetch_update_response(client, own_packed, options.mode,
-                                                      stop_token{options.ui.cancellation(), nullptr});
+                                                      stop_token(options.ui.cancellation(), nullptr));
         } catch (const fibra::details::operation_cancelled&) {
             throw;
         } catch (...) {

@@ -38,8 +38,10 @@
 namespace tessel::web {
 
 struct update_check_options {
-    // Owner of every box and dialog, and the window that gets WM_CLOSE.
+    // The window that gets WM_CLOSE, and the owner of every box and dialog unless...
     HWND main_window = nullptr;
+    // ...this window (the About box of a check the user asked for) still exists.
+    HWND owner = nullptr;
     // The main window's context: its UI thread and its cancellation.
     windows::impl::async_context ui;
     update_check_mode mode = update_check_mode::automatic;

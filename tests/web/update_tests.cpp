@@ -217,7 +217,11 @@ protected:
         auto user = std::make_shared<scripted_user>();
         user->answers = std::move(answers);
         bool finished = false;
+        // A window's cancellation, as the main window hands it over: the check must give
+        // back every reference it took.
+        const auto cancellation = std::make_shared<fibra::details::cancellation_source_body>();
         update_check_options options;
+        options.ui = tessel::windows::impl::async_context(::GetCurrentThreadId(), cancellation);
         options.main_window = window.get();
         options.mode = mode;
         options.show_message = [user](const tessel::message_box_request& request) {
@@ -235,6 +239,7 @@ protected:
         options.finished = [&finished] { finished = true; };
         EXPECT_TRUE(start_update_check(std::move(options)));
         web_test::pump_until_or_die([&] { return finished; }, 30000, "the update check");
+        EXPECT_EQ(cancellation.use_count(), 1);
         return user->texts;
     }
 
