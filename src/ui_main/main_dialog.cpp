@@ -20,6 +20,7 @@
 #include "ui_main/share_dialog.h"
 
 #include <commctrl.h>
+#include <dbt.h>
 #include <oleauto.h>
 #include <shellapi.h>
 #include <windowsx.h>
@@ -338,6 +339,11 @@ INT_PTR main_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)
         return FALSE;
     case WM_SIZE:
         on_size();
+        return TRUE;
+    case WM_DEVICECHANGE:
+        // Sent to every top-level window when the machine's device nodes change.
+        if (wparam == DBT_DEVNODES_CHANGED && model_)
+            model_->forget_local_subtrees();
         return TRUE;
     case WM_DPICHANGED:
         icons_.apply(window_);
