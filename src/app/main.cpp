@@ -160,7 +160,7 @@ int run(int show_command)
 
     int exit_code = 0;
     {
-        tessel::value_on_stack<main_dialog> dialog(server);
+        main_dialog dialog(server);
 
         // 9. The main window and the message loop.
         INITCOMMONCONTROLSEX controls{sizeof controls, common_control_classes};

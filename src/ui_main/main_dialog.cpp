@@ -176,12 +176,21 @@ void save_settings_reporting_failure() noexcept
 }  // namespace
 
 main_dialog::main_dialog(tessel::com_ptr<IUsbServer> server, std::unique_ptr<device_node_source> nodes)
-    : server_(std::move(server)), nodes_(nodes ? std::move(nodes) : make_system_device_source())
+    : server_(std::move(server)),
+      listener_(tessel::make_com_object<main_dialog_listener>(this)),
+      nodes_(nodes ? std::move(nodes) : make_system_device_source())
 {
     set_cancellation(std::make_shared<fibra::details::cancellation_source_body>());
 }
 
-HRESULT main_dialog::QueryInterface(REFIID iid, void** out) noexcept
+main_dialog::~main_dialog()
+{
+    if (window_)
+        ::DestroyWindow(window_);
+    listener_->detach();
+}
+
+HRESULT main_dialog_listener::QueryInterface(REFIID iid, void** out) noexcept
 {
     if (out && iid == __uuidof(IVectorSite)) {
         *out = static_cast<IVectorSite*>(static_cast<IVectorSite2*>(this));
@@ -191,7 +200,7 @@ HRESULT main_dialog::QueryInterface(REFIID iid, void** out) noexcept
     return com_object::QueryInterface(iid, out);
 }
 
-HRESULT main_dialog::GetIconModule(HMODULE* module) noexcept
+HRESULT main_dialog_listener::GetIconModule(HMODULE* module) noexcept
 {
     if (!module)
         return E_POINTER;
@@ -199,16 +208,16 @@ HRESULT main_dialog::GetIconModule(HMODULE* module) noexcept
     return S_OK;
 }
 
-HRESULT main_dialog::LoadIconCollection(int resource_id) noexcept
+HRESULT main_dialog_listener::LoadIconCollection(int resource_id) noexcept
 try {
-    HMODULE module = nullptr;
-    (void)GetIconModule(&module);
-    return tessel::svg::collection_cache::instance().load(module, MAKEINTRESOURCEW(resource_id)) ? S_OK : S_FALSE;
+    return tessel::svg::collection_cache::instance().load(::GetModuleHandleW(nullptr), MAKEINTRESOURCEW(resource_id))
+               ? S_OK
+               : S_FALSE;
 } catch (...) {
     return tessel::hresult_from_caught_exception();
 }
 
-HRESULT main_dialog::GetHelpTopic(BSTR* topic) noexcept
+HRESULT main_dialog_listener::GetHelpTopic(BSTR* topic) noexcept
 {
     if (!topic)
         return E_POINTER;
@@ -216,7 +225,7 @@ HRESULT main_dialog::GetHelpTopic(BSTR* topic) noexcept
     return *topic ? S_OK : E_OUTOFMEMORY;
 }
 
-HRESULT main_dialog::GetProductShortName(BSTR* name) noexcept
+HRESULT main_dialog_listener::GetProductShortName(BSTR* name) noexcept
 {
     if (!name)
         return E_POINTER;
@@ -224,49 +233,45 @@ HRESULT main_dialog::GetProductShortName(BSTR* name) noexcept
     return *name ? S_OK : E_OUTOFMEMORY;
 }
 
-main_dialog::~main_dialog()
+HRESULT main_dialog_listener::OnDeviceAdded(IUsbDevice* device) noexcept
 {
-    if (window_)
-        ::DestroyWindow(window_);
-}
-
-HRESULT main_dialog::OnDeviceAdded(IUsbDevice* device) noexcept
-{
-    handle_server_event(tessel::com_ptr<IUsbServerListener>(this), this, server_event::device_added,
-                        tessel::com_ptr<IUsbDevice>(device));
+    main_dialog::handle_server_event(tessel::com_ptr<main_dialog_listener>(this),
+                                     main_dialog::server_event::device_added, tessel::com_ptr<IUsbDevice>(device));
     return S_OK;
 }
 
-HRESULT main_dialog::OnDeviceChanged(IUsbDevice* device) noexcept
+HRESULT main_dialog_listener::OnDeviceChanged(IUsbDevice* device) noexcept
 {
-    handle_server_event(tessel::com_ptr<IUsbServerListener>(this), this, server_event::device_changed,
-                        tessel::com_ptr<IUsbDevice>(device));
+    main_dialog::handle_server_event(tessel::com_ptr<main_dialog_listener>(this),
+                                     main_dialog::server_event::device_changed, tessel::com_ptr<IUsbDevice>(device));
     return S_OK;
 }
 
-HRESULT main_dialog::OnClientConnectionChanged(IUsbDevice* device) noexcept
+HRESULT main_dialog_listener::OnClientConnectionChanged(IUsbDevice* device) noexcept
 {
-    handle_server_event(tessel::com_ptr<IUsbServerListener>(this), this, server_event::client_changed,
-                        tessel::com_ptr<IUsbDevice>(device));
+    main_dialog::handle_server_event(tessel::com_ptr<main_dialog_listener>(this),
+                                     main_dialog::server_event::client_changed, tessel::com_ptr<IUsbDevice>(device));
     return S_OK;
 }
 
-HRESULT main_dialog::OnClientConnectionChanged2(IUsbDevice* device) noexcept
+HRESULT main_dialog_listener::OnClientConnectionChanged2(IUsbDevice* device) noexcept
 {
     return OnClientConnectionChanged(device);
 }
 
-fibra::fire_and_forget main_dialog::handle_server_event(tessel::com_ptr<IUsbServerListener> keep_alive,
-                                                        main_dialog* self, server_event event,
-                                                        tessel::com_ptr<IUsbDevice> device)
+fibra::fire_and_forget main_dialog::handle_server_event(tessel::com_ptr<main_dialog_listener> listener,
+                                                        server_event event, tessel::com_ptr<IUsbDevice> device)
 {
+    main_dialog* self = listener->dialog();
+    if (!self)
+        co_return;  // the window has gone; the server did not let go of its listener
     // Posted even when the call came in on the UI thread, so that the notification has
     // returned to the server before any window work starts.
     tessel::windows::impl::async_context ui(self->thread_id(), self->cancellation(), true);
     co_await ui;  // throws operation_cancelled once the window is gone
-    if (self->window_)
+    self = listener->dialog();
+    if (self && self->window_)
         self->on_server_event(event, device.get());
-    (void)keep_alive;
 }
 
 void main_dialog::on_server_event(server_event event, IUsbDevice* device)
@@ -381,7 +386,7 @@ void main_dialog::on_init_dialog()
 {
     (void)tessel::windows::wm_ole_call();
     ole_thread_ = std::make_unique<tessel::windows::ole_thread>();
-    (void)LoadIconCollection(tessel::svg::icon_collection_resource_id);
+    (void)listener_->LoadIconCollection(tessel::svg::icon_collection_resource_id);
     tessel::translate_dialog(window_);
     icons_.apply(window_);
 
@@ -410,7 +415,7 @@ void main_dialog::on_init_dialog()
     create_tree();
     // Listening starts with the first full picture, so that no change is applied to rows
     // that do not exist yet; a change in between is in the refresh already.
-    listening_ = SUCCEEDED(server_->AdviseListener(this));
+    listening_ = SUCCEEDED(server_->AdviseListener(listener_.get()));
     refresh();
     update_copy_button();
     if (hooks_.main_window_ready)
@@ -652,7 +657,7 @@ void main_dialog::show_error(const std::wstring& text)
     show_message(text, MB_OK | MB_ICONERROR);
 }
 
-fibra::fire_and_forget main_dialog::run_settings(tessel::com_ptr<IUsbServerListener> keep_alive, main_dialog* self)
+fibra::fire_and_forget main_dialog::run_settings(main_dialog* self)
 {
     const tessel::windows::impl::async_context ui(self->thread_id(), self->cancellation());
     settings_dialog dialog(self->server_);
@@ -673,7 +678,6 @@ fibra::fire_and_forget main_dialog::run_settings(tessel::com_ptr<IUsbServerListe
         restart_requested = true;
         ::PostMessageW(self->window_, WM_CLOSE, 0, 0);
     }
-    (void)keep_alive;
 }
 
 void main_dialog::open_help()
@@ -685,7 +689,7 @@ void main_dialog::open_help()
         result = ::ShellExecuteW(nullptr, L"open", L"hh.exe", address.c_str(), nullptr, SW_SHOWNORMAL);
     } else {
         BSTR name = nullptr;
-        (void)GetProductShortName(&name);
+        (void)listener_->GetProductShortName(&name);
         const tessel::unique_bstr owned(name);
         std::wstring topic = help_topic;
         // An address has no blanks.
@@ -755,7 +759,7 @@ void main_dialog::on_command(int id)
         save_settings_reporting_failure();
         break;
     case ids::settings:
-        run_settings(tessel::com_ptr<IUsbServerListener>(this), this);
+        run_settings(this);
         break;
     case ids::copy_device_id:
         copy_selected_device_id();
@@ -775,8 +779,10 @@ void main_dialog::on_destroy() noexcept
 {
     // Work still waiting to come back to this window ends instead.
     cancel_work();
+    // Whether or not the server lets go of the listener, it reaches this window no more.
+    listener_->detach();
     if (listening_)
-        server_->UnadviseListener(this);
+        server_->UnadviseListener(listener_.get());
     listening_ = false;
     // The rows hold server objects; they go with the window, before the server does.
     model_.reset();

@@ -8,10 +8,11 @@
 // share action is the share marker's button in column 1, Enter or a double click on the
 // row, and the row's context menu (right click, Shift+F10, the menu key).
 //
-// The object is the server's listener. It lives on wWinMain's stack as
-// tessel::value_on_stack<main_dialog>, so references never destroy it; it unregisters from
-// the server when its window goes away, and coroutines it started resume only inside its
-// own message loop, which has ended by the time the object is destroyed.
+// The object lives on wWinMain's stack. What the server holds is its listener, a counted
+// object of its own that forwards to the window until the window goes: a server that keeps
+// the listener after a failed UnadviseListener, or calls it late, reaches nothing that has
+// gone. Coroutines the window started resume only inside its own message loop, which has
+// ended by the time the object is destroyed.
 //
 // Failures of the server: a refresh that cannot read the server's lists, and the first
 // call that finds the server gone, are each shown once; rows whose single calls fail keep
@@ -71,10 +72,36 @@ inline constexpr wchar_t local_help_file[] = L"doc\\en\\ulmo.chm";
 inline constexpr wchar_t product_short_name[] = L"ulmo";
 
 class device_tree_rows;
+class main_dialog;
 
-class main_dialog : public tessel::com_object<IUsbServerListener, IVectorSite2, IHelpSite>,
-                    public tessel::windows::impl::async_context,
-                    private share_prompts {
+// The main window's listener, and the sites the server may ask it for.
+class main_dialog_listener final : public tessel::com_object<IUsbServerListener, IVectorSite2, IHelpSite> {
+public:
+    explicit main_dialog_listener(main_dialog* dialog) noexcept : dialog_(dialog) {}
+    // From now on notifications are ignored.
+    void detach() noexcept { dialog_ = nullptr; }
+    [[nodiscard]] main_dialog* dialog() const noexcept { return dialog_; }
+
+    // IUnknown: IVectorSite is answered by the IVectorSite2 table.
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) noexcept override;
+    // IVectorSite, IVectorSite2
+    HRESULT STDMETHODCALLTYPE GetIconModule(HMODULE* module) noexcept override;
+    HRESULT STDMETHODCALLTYPE LoadIconCollection(int resource_id) noexcept override;
+    // IHelpSite
+    HRESULT STDMETHODCALLTYPE GetHelpTopic(BSTR* topic) noexcept override;
+    HRESULT STDMETHODCALLTYPE GetProductShortName(BSTR* name) noexcept override;
+
+    // IUsbServerListener: each starts the work on the UI thread and returns at once.
+    HRESULT STDMETHODCALLTYPE OnDeviceAdded(IUsbDevice* device) noexcept override;
+    HRESULT STDMETHODCALLTYPE OnDeviceChanged(IUsbDevice* device) noexcept override;
+    HRESULT STDMETHODCALLTYPE OnClientConnectionChanged(IUsbDevice* device) noexcept override;
+    HRESULT STDMETHODCALLTYPE OnClientConnectionChanged2(IUsbDevice* device) noexcept override;
+
+private:
+    main_dialog* dialog_;
+};
+
+class main_dialog : public tessel::windows::impl::async_context, private share_prompts {
 public:
     // nodes: the local device tree; unset, this machine's.
     explicit main_dialog(tessel::com_ptr<IUsbServer> server, std::unique_ptr<device_node_source> nodes = {});
@@ -97,25 +124,15 @@ public:
     // Copies the selected row's instance ID; false when no row with one is selected.
     bool copy_selected_device_id();
 
-    // IUnknown: IVectorSite is answered by the IVectorSite2 table.
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) noexcept override;
-    // IVectorSite, IVectorSite2
-    HRESULT STDMETHODCALLTYPE GetIconModule(HMODULE* module) noexcept override;
-    HRESULT STDMETHODCALLTYPE LoadIconCollection(int resource_id) noexcept override;
-    // IHelpSite
-    HRESULT STDMETHODCALLTYPE GetHelpTopic(BSTR* topic) noexcept override;
-    HRESULT STDMETHODCALLTYPE GetProductShortName(BSTR* name) noexcept override;
-
-    // IUsbServerListener: each starts the work on the UI thread and returns at once.
-    HRESULT STDMETHODCALLTYPE OnDeviceAdded(IUsbDevice* device) noexcept override;
-    HRESULT STDMETHODCALLTYPE OnDeviceChanged(IUsbDevice* device) noexcept override;
-    HRESULT STDMETHODCALLTYPE OnClientConnectionChanged(IUsbDevice* device) noexcept override;
-    HRESULT STDMETHODCALLTYPE OnClientConnectionChanged2(IUsbDevice* device) noexcept override;
+    // What the server holds while the window is open.
+    [[nodiscard]] main_dialog_listener& listener() const noexcept { return *listener_.get(); }
 
 private:
+    friend class main_dialog_listener;
     enum class server_event { device_added, device_changed, client_changed };
-    // Parameters by value: the frame outlives the notification call.
-    static fibra::fire_and_forget handle_server_event(tessel::com_ptr<IUsbServerListener> keep_alive, main_dialog* self,
+    // Parameters by value: the frame outlives the notification call. The window is found
+    // again through the listener once on the UI thread; a detached one ends the work.
+    static fibra::fire_and_forget handle_server_event(tessel::com_ptr<main_dialog_listener> listener,
                                                       server_event event, tessel::com_ptr<IUsbDevice> device);
     void on_server_event(server_event event, IUsbDevice* device);
 
@@ -133,7 +150,7 @@ private:
     std::optional<std::size_t> model_row_of(tessel::windows::new_controls::treeview::impl::tree_node* node) const;
     void open_help();
     void show_about();
-    static fibra::fire_and_forget run_settings(tessel::com_ptr<IUsbServerListener> keep_alive, main_dialog* self);
+    static fibra::fire_and_forget run_settings(main_dialog* self);
     // Shows a failure of the server: a lost server once, anything else each time.
     void report_server_failure(HRESULT code, std::uint32_t message_id);
     void report_model_failure();
@@ -145,6 +162,7 @@ private:
     void show_error(const std::wstring& text) override;
 
     tessel::com_ptr<IUsbServer> server_;
+    tessel::com_ptr<main_dialog_listener> listener_;
     std::unique_ptr<device_node_source> nodes_;
     update_hooks hooks_;
     HWND window_ = nullptr;
