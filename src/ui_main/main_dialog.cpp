@@ -448,6 +448,21 @@ void main_dialog::create_tree()
     }
     tree_->set_columns(std::move(columns));
 
+    // The share marker is a picture: screen readers hear the share state in words.
+    tree_->list().handlers().picture_cell_text = [this](lv::row_index row, std::size_t column) -> std::wstring {
+        tv::tree_node* node = tree_->node_of_row(row);
+        if (column != 1 || !node || node->parent() || !model_)
+            return {};
+        const auto index = model_->index_of(static_cast<device_rows::row_handle>(node));
+        if (!index)
+            return {};
+        try {
+            return std::wstring(tessel::load_string(model_->device_at(*index).share ? tessel::string_ids::device_shared
+                                                                                     : tessel::string_ids::device_not_shared));
+        } catch (const tessel::no_string_exception&) {
+            return {};
+        }
+    };
     rows_ = std::make_unique<device_tree_rows>(*tree_);
     model_ = std::make_unique<device_model>(*rows_, *nodes_);
     prepare_markers();
