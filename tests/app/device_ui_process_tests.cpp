@@ -287,6 +287,29 @@ TEST_F(device_window, shares_with_a_key_through_the_share_dialog_and_unshares_wi
     EXPECT_EQ(p.close(), 0u);
 }
 
+TEST_F(device_window, the_menu_key_and_shift_f10_open_the_rows_context_menu)
+{
+    program p;
+    ASSERT_FALSE(p.window.empty());
+    ASSERT_TRUE(rows_become(p.window, [](const auto& r) { return r.size() == 9; }));
+    const int hub = row_of(rows(p.window), L"0\tGeneric USB 3.0 Hub");
+    driver(L"select " + p.window + L" 1003 " + std::to_wstring(hub));
+    // Each opens the menu; its "S" (the mnemonic of Share) asks for the hub's key. The
+    // keys are queued in order, so the menu's loop reads the "S".
+    for (const wchar_t* opener : {L" 1003 0x5D", L" 1003 0x79 shift"}) {
+        driver(L"key " + p.window + opener);
+        driver(L"key " + p.window + L" 1003 0x53");
+        const std::wstring share = wait_for(L"Share Device", 1006, 10000);
+        ASSERT_FALSE(share.empty()) << "no context menu with Share after key" << opener;
+        EXPECT_EQ(driver(L"text " + share + L" 1005").output, L"Generic USB 3.0 Hub");
+        driver(L"click " + share + L" 2");
+        const ULONGLONG deadline = ::GetTickCount64() + 5000;
+        while (driver(L"text " + share + L" 1005").exit_code == 0 && ::GetTickCount64() < deadline)
+            ::Sleep(50);
+    }
+    EXPECT_EQ(p.close(), 0u);
+}
+
 TEST_F(device_window, a_failing_share_shows_its_error_and_copy_device_id_fills_the_clipboard)
 {
     program p;
