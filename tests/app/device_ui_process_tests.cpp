@@ -272,7 +272,7 @@ TEST_F(device_window, shares_with_a_key_through_the_share_dialog_and_unshares_wi
     ASSERT_FALSE(share.empty()) << "no share dialog";
     EXPECT_EQ(driver(L"text " + share + L" 1005").output, L"Generic USB 3.0 Hub");
     driver(L"settext " + share + L" 1006 \"s3cret key\"");
-    driver(L"click " + share + L" 1");
+    driver(L"key " + share + L" 1006 13");  // Enter: OK
     EXPECT_TRUE(rows_become(p.window, [](const auto& r) { return has_row(r, L"0\tGeneric USB 3.0 Hub, Shared, s3cret key"); }))
         << joined(rows(p.window));
     EXPECT_NE(sim_ctl(L"list").output.find(L"share hub key=\"s3cret key\""), std::wstring::npos);
@@ -302,7 +302,7 @@ TEST_F(device_window, the_menu_key_and_shift_f10_open_the_rows_context_menu)
         const std::wstring share = wait_for(L"Share Device", 1006, 10000);
         ASSERT_FALSE(share.empty()) << "no context menu with Share after key" << opener;
         EXPECT_EQ(driver(L"text " + share + L" 1005").output, L"Generic USB 3.0 Hub");
-        driver(L"click " + share + L" 2");
+        driver(L"key " + share + L" 1006 0x1B");  // Esc: Cancel
         const ULONGLONG deadline = ::GetTickCount64() + 5000;
         while (driver(L"text " + share + L" 1005").exit_code == 0 && ::GetTickCount64() < deadline)
             ::Sleep(50);
@@ -352,7 +352,7 @@ TEST_F(device_window, settings_ok_reaches_the_server_cancel_changes_nothing_and_
     ASSERT_FALSE(settings.empty());
     // Cancel first: nothing reaches the server.
     driver(L"settext " + settings + L" 1010 70000");
-    driver(L"click " + settings + L" 2");
+    driver(L"key " + settings + L" 1019 0x1B");  // Esc: Cancel
     ::Sleep(500);
     EXPECT_NE(sim_ctl(L"list").output.find(L"port=32032"), std::wstring::npos);
 
@@ -363,7 +363,7 @@ TEST_F(device_window, settings_ok_reaches_the_server_cancel_changes_nothing_and_
     while (::GetTickCount64() < deadline && driver(L"enabled " + settings + L" 1").output != L"1")
         ::Sleep(100);
     driver(L"settext " + settings + L" 1010 70000");
-    driver(L"click " + settings + L" 1");
+    driver(L"key " + settings + L" 1010 13");  // Enter: OK
     bool written = false;
     for (int i = 0; i < 50 && !written; ++i) {
         written = sim_ctl(L"list").output.find(L"port=4464") != std::wstring::npos;
