@@ -289,36 +289,11 @@ void main_dialog::on_server_event(server_event event, IUsbDevice* device)
 
 HWND main_dialog::create(int show_command)
 {
-    HWND window = ::CreateDialogParamW(::GetModuleHandleW(nullptr), MAKEINTRESOURCEW(main_dialog_id), nullptr,
-                                       dialog_procedure, reinterpret_cast<LPARAM>(this));
+    HWND window = create_modeless(nullptr, main_dialog_id);
     if (!window)
         tessel::fail_fast_last_error(L"CreateDialogParam failed for main dialog");
     ::ShowWindow(window, show_command);
     return window;
-}
-
-INT_PTR CALLBACK main_dialog::dialog_procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam) noexcept
-{
-    auto* self = reinterpret_cast<main_dialog*>(::GetWindowLongPtrW(window, DWLP_USER));
-    if (message == WM_INITDIALOG) {
-        self = reinterpret_cast<main_dialog*>(lparam);
-        self->window_ = window;
-        ::SetWindowLongPtrW(window, DWLP_USER, lparam);
-    }
-    if (!self)
-        return FALSE;
-    INT_PTR result = FALSE;
-    try {
-        result = self->handle(message, wparam, lparam);
-    } catch (...) {
-        tessel::debug_report(L"main dialog: a message handler failed");
-    }
-    if (message == WM_NCDESTROY) {
-        // A late coroutine must not reach a dead window through this pointer.
-        ::SetWindowLongPtrW(window, DWLP_USER, 0);
-        self->window_ = nullptr;
-    }
-    return result;
 }
 
 INT_PTR main_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)

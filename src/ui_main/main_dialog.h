@@ -26,6 +26,7 @@
 #include "base/coroutine.h"
 #include "controls/window_icons.h"
 #include "ui_main/device_model.h"
+#include "ui_main/dialog_base.h"
 #include "ui_main/local_devices.h"
 #include "ui_main/sites.h"
 #include "ui_main/update_hooks.h"
@@ -101,7 +102,9 @@ private:
     main_dialog* dialog_;
 };
 
-class main_dialog : public tessel::windows::impl::async_context, private share_prompts {
+class main_dialog : public dialog_base<main_dialog>,
+                    public tessel::windows::impl::async_context,
+                    private share_prompts {
 public:
     // nodes: the local device tree; unset, this machine's.
     explicit main_dialog(tessel::com_ptr<IUsbServer> server, std::unique_ptr<device_node_source> nodes = {});
@@ -111,7 +114,6 @@ public:
 
     // Creates the modeless dialog without owner and shows it. A failure is fatal.
     HWND create(int show_command);
-    [[nodiscard]] HWND window() const noexcept { return window_; }
     // Before create().
     void set_update_hooks(update_hooks hooks) { hooks_ = std::move(hooks); }
 
@@ -129,6 +131,7 @@ public:
 
 private:
     friend class main_dialog_listener;
+    friend class dialog_base<main_dialog>;
     enum class server_event { device_added, device_changed, client_changed };
     // Parameters by value: the frame outlives the notification call. The window is found
     // again through the listener once on the UI thread; a detached one ends the work.
@@ -136,7 +139,6 @@ private:
                                                       server_event event, tessel::com_ptr<IUsbDevice> device);
     void on_server_event(server_event event, IUsbDevice* device);
 
-    static INT_PTR CALLBACK dialog_procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam) noexcept;
     INT_PTR handle(UINT message, WPARAM wparam, LPARAM lparam);
     void on_init_dialog();
     void on_command(int id);
@@ -165,7 +167,6 @@ private:
     tessel::com_ptr<main_dialog_listener> listener_;
     std::unique_ptr<device_node_source> nodes_;
     update_hooks hooks_;
-    HWND window_ = nullptr;
     std::unique_ptr<tessel::windows::new_controls::treeview::impl::treeview> tree_;
     std::unique_ptr<device_tree_rows> rows_;
     std::unique_ptr<device_model> model_;
