@@ -225,13 +225,18 @@ std::wstring list_state::accessible_name(row_index row)
     fill_plain(row, 0, columns.empty() ? 1 : columns.size());
     std::wstring name;
     std::wstring plain;
-    for (const cell& c : scratch) {
+    for (std::size_t column = 0; column < scratch.size(); ++column) {
+        const cell& c = scratch[column];
         try {
             strip_markup(c.text, plain);
         } catch (const std::out_of_range&) {
             plain = c.text;
         }
-        const auto first = plain.find_first_not_of(L" \t\r\n");
+        auto first = plain.find_first_not_of(L" \t\r\n");
+        if (first == std::wstring::npos && handlers.picture_cell_text) {
+            plain = handlers.picture_cell_text(row, column);
+            first = plain.find_first_not_of(L" \t\r\n");
+        }
         if (first == std::wstring::npos)
             continue;
         const auto last = plain.find_last_not_of(L" \t\r\n");

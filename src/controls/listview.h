@@ -179,6 +179,9 @@ struct handler_lists {
     std::vector<std::function<void(const sep_click_info&)>> sep_click;
     std::vector<std::function<void(const row_paint&)>> row_paint;
     std::function<void*(row_index)> item_of_row;
+    // What a screen reader says for a cell that shows only pictures (a marker icon, say);
+    // empty: the cell adds nothing to its row's accessible name.
+    std::function<std::wstring(row_index, std::size_t column)> picture_cell_text;
     std::function<row_outline(row_index)> outline_of_row;
 };
 

@@ -3,7 +3,7 @@
 // copyright and the maker's web site as a link, drawn by the rich view; and, when the
 // update check is available, a "Check for updates" button.
 
-#include "ui_main/modal_dialog.h"
+#include "ui_main/dialog_base.h"
 
 #include <windows.h>
 
@@ -31,7 +31,7 @@ struct file_version {
 // The about box's markup text.
 [[nodiscard]] std::wstring about_text(const file_version& version);
 
-class about_dialog : public modal_dialog<about_dialog> {
+class about_dialog : public dialog_base<about_dialog> {
 public:
     // check_for_updates: what the button does; empty hides the button.
     explicit about_dialog(std::function<void(HWND owner)> check_for_updates = {})
@@ -41,7 +41,7 @@ public:
     INT_PTR show(HWND owner) { return run(owner, about_dialog_id); }
 
 private:
-    friend class modal_dialog<about_dialog>;
+    friend class dialog_base<about_dialog>;
     INT_PTR handle(UINT message, WPARAM wparam, LPARAM lparam);
 
     std::function<void(HWND)> check_for_updates_;

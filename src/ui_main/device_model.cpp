@@ -75,6 +75,19 @@ std::optional<std::wstring> read_text(HRESULT (STDMETHODCALLTYPE IUsbDevice::*me
 
 device_model::device_model(device_rows& rows, device_node_source& nodes) : tree_(rows), nodes_(nodes) {}
 
+void device_model::set_icon_size(int pixels) noexcept
+{
+    if (pixels != icon_size_)
+        forget_local_subtrees();
+    icon_size_ = pixels;
+}
+
+void device_model::forget_local_subtrees() noexcept
+{
+    for (entry& e : rows_)
+        e.walked.reset();
+}
+
 device_model::update_scope::update_scope(device_model& model) : model_(model)
 {
     if (model_.update_counter_++ == 0)
@@ -177,7 +190,8 @@ void device_model::fill_columns(entry& e, std::optional<bool> connected)
     note(failure);
 }
 
-bool device_model::build_row(IUsbDevice* device, const share_list& shares, std::size_t before)
+bool device_model::build_row(IUsbDevice* device, const share_list& shares, std::size_t before,
+                             previous_rows* previous)
 {
     HRESULT failure = S_OK;
     const bool connected = is_connected(*device, &failure);
@@ -191,13 +205,24 @@ bool device_model::build_row(IUsbDevice* device, const share_list& shares, std::
     if (name.empty())
         name = texts_.unknown_device;
 
-    std::optional<local_device_node> subtree;
-    if (const auto node = com_ptr<IUsbDevice>(device).try_query<IUsbDeviceNode>()) {
-        const DWORD devinst = node->GetDevInst();
-        subtree = build_local_subtree(nodes_, devinst, name, {icon_size_, texts_.unknown_device});
-    }
-
     entry e;
+    if (const auto node = com_ptr<IUsbDevice>(device).try_query<IUsbDeviceNode>()) {
+        e.devinst = node->GetDevInst();
+        // The walk costs system calls per node, far more than the row's server calls: a
+        // refresh of the same device node takes over what the last walk found (the names
+        // and icons of the machine's nodes), until the machine's nodes change.
+        if (previous)
+            if (const auto same = previous->find(device);
+                same != previous->end() && same->second->devinst == e.devinst && same->second->walked) {
+                e.walked = std::move(same->second->walked);
+                same->second->walked.reset();
+                e.walked->name = name;
+            }
+        if (!e.walked)
+            e.walked = build_local_subtree(nodes_, e.devinst, name, {icon_size_, texts_.unknown_device});
+    }
+    const std::optional<local_device_node>& subtree = e.walked;
+
     e.data.device = com_ptr<IUsbDevice>(device);
     const auto match = std::find(shares.devices.begin(), shares.devices.end(), device);
     if (match != shares.devices.end())
@@ -219,7 +244,11 @@ bool device_model::build_row(IUsbDevice* device, const share_list& shares, std::
 void device_model::full_refresh(IUsbServer& server)
 {
     update_scope scope(*this);
-    rows_.clear();
+    std::vector<entry> old_rows = std::exchange(rows_, {});
+    previous_rows previous;
+    previous.reserve(old_rows.size());
+    for (entry& e : old_rows)
+        previous.emplace(e.data.device.get(), &e);
     tree_.clear();
     const share_list shares = read_shares(server, true);
     owned_array<IUsbDevice> devices;
@@ -227,7 +256,7 @@ void device_model::full_refresh(IUsbServer& server)
     rows_.reserve(devices.count);
     for (ULONG i = 0; i < devices.count; ++i)
         if (devices.items[i])
-            build_row(devices.items[i], shares, rows_.size());
+            build_row(devices.items[i], shares, rows_.size(), &previous);
 }
 
 void device_model::device_added(IUsbServer& server, IUsbDevice* device)

@@ -19,6 +19,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace servercfg {
@@ -94,7 +95,10 @@ public:
     device_model& operator=(const device_model&) = delete;
 
     void set_texts(texts t) { texts_ = std::move(t); }
-    void set_icon_size(int pixels) noexcept { icon_size_ = pixels; }
+    // A new size also forgets the local subtrees, whose icons have the old one.
+    void set_icon_size(int pixels) noexcept;
+    // The machine's device nodes changed: the next rows walk their local subtrees again.
+    void forget_local_subtrees() noexcept;
     [[nodiscard]] view_options& options() noexcept { return options_; }
 
     // Every row again from the server's state. Throws fibra::details::hresult_error when
@@ -130,6 +134,10 @@ private:
         device_t data;
         device_row shown;
         device_rows::row_handle handle = nullptr;
+        // The local subtree as walked for this row, and from which device instance handle:
+        // a full refresh takes it over for the same device rather than walking again.
+        std::optional<local_device_node> walked;
+        DWORD devinst = 0;
     };
     // The shares with the device each belongs to, in GetShares order.
     struct share_list {
@@ -151,8 +159,11 @@ private:
 
     share_list read_shares(IUsbServer& server, bool throw_on_failure);
     // Builds and inserts the row of one device before `before`; false when the device is
-    // hidden.
-    bool build_row(IUsbDevice* device, const share_list& shares, std::size_t before);
+    // hidden. previous: the rows before a full refresh by device, whose walked subtrees
+    // may serve.
+    using previous_rows = std::unordered_map<const IUsbDevice*, entry*>;
+    bool build_row(IUsbDevice* device, const share_list& shares, std::size_t before,
+                   previous_rows* previous = nullptr);
     // connected: what IsConnected answered already, if it was asked.
     void fill_columns(entry& e, std::optional<bool> connected = std::nullopt);
     [[nodiscard]] std::wstring share_cell(bool shared) const;

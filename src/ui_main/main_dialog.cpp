@@ -20,6 +20,7 @@
 #include "ui_main/share_dialog.h"
 
 #include <commctrl.h>
+#include <dbt.h>
 #include <oleauto.h>
 #include <shellapi.h>
 #include <windowsx.h>
@@ -175,12 +176,21 @@ void save_settings_reporting_failure() noexcept
 }  // namespace
 
 main_dialog::main_dialog(tessel::com_ptr<IUsbServer> server, std::unique_ptr<device_node_source> nodes)
-    : server_(std::move(server)), nodes_(nodes ? std::move(nodes) : make_system_device_source())
+    : server_(std::move(server)),
+      listener_(tessel::make_com_object<main_dialog_listener>(this)),
+      nodes_(nodes ? std::move(nodes) : make_system_device_source())
 {
     set_cancellation(std::make_shared<fibra::details::cancellation_source_body>());
 }
 
-HRESULT main_dialog::QueryInterface(REFIID iid, void** out) noexcept
+main_dialog::~main_dialog()
+{
+    if (window_)
+        ::DestroyWindow(window_);
+    listener_->detach();
+}
+
+HRESULT main_dialog_listener::QueryInterface(REFIID iid, void** out) noexcept
 {
     if (out && iid == __uuidof(IVectorSite)) {
         *out = static_cast<IVectorSite*>(static_cast<IVectorSite2*>(this));
@@ -190,7 +200,7 @@ HRESULT main_dialog::QueryInterface(REFIID iid, void** out) noexcept
     return com_object::QueryInterface(iid, out);
 }
 
-HRESULT main_dialog::GetIconModule(HMODULE* module) noexcept
+HRESULT main_dialog_listener::GetIconModule(HMODULE* module) noexcept
 {
     if (!module)
         return E_POINTER;
@@ -198,16 +208,16 @@ HRESULT main_dialog::GetIconModule(HMODULE* module) noexcept
     return S_OK;
 }
 
-HRESULT main_dialog::LoadIconCollection(int resource_id) noexcept
+HRESULT main_dialog_listener::LoadIconCollection(int resource_id) noexcept
 try {
-    HMODULE module = nullptr;
-    (void)GetIconModule(&module);
-    return tessel::svg::collection_cache::instance().load(module, MAKEINTRESOURCEW(resource_id)) ? S_OK : S_FALSE;
+    return tessel::svg::collection_cache::instance().load(::GetModuleHandleW(nullptr), MAKEINTRESOURCEW(resource_id))
+               ? S_OK
+               : S_FALSE;
 } catch (...) {
     return tessel::hresult_from_caught_exception();
 }
 
-HRESULT main_dialog::GetHelpTopic(BSTR* topic) noexcept
+HRESULT main_dialog_listener::GetHelpTopic(BSTR* topic) noexcept
 {
     if (!topic)
         return E_POINTER;
@@ -215,7 +225,7 @@ HRESULT main_dialog::GetHelpTopic(BSTR* topic) noexcept
     return *topic ? S_OK : E_OUTOFMEMORY;
 }
 
-HRESULT main_dialog::GetProductShortName(BSTR* name) noexcept
+HRESULT main_dialog_listener::GetProductShortName(BSTR* name) noexcept
 {
     if (!name)
         return E_POINTER;
@@ -223,49 +233,45 @@ HRESULT main_dialog::GetProductShortName(BSTR* name) noexcept
     return *name ? S_OK : E_OUTOFMEMORY;
 }
 
-main_dialog::~main_dialog()
+HRESULT main_dialog_listener::OnDeviceAdded(IUsbDevice* device) noexcept
 {
-    if (window_)
-        ::DestroyWindow(window_);
-}
-
-HRESULT main_dialog::OnDeviceAdded(IUsbDevice* device) noexcept
-{
-    handle_server_event(tessel::com_ptr<IUsbServerListener>(this), this, server_event::device_added,
-                        tessel::com_ptr<IUsbDevice>(device));
+    main_dialog::handle_server_event(tessel::com_ptr<main_dialog_listener>(this),
+                                     main_dialog::server_event::device_added, tessel::com_ptr<IUsbDevice>(device));
     return S_OK;
 }
 
-HRESULT main_dialog::OnDeviceChanged(IUsbDevice* device) noexcept
+HRESULT main_dialog_listener::OnDeviceChanged(IUsbDevice* device) noexcept
 {
-    handle_server_event(tessel::com_ptr<IUsbServerListener>(this), this, server_event::device_changed,
-                        tessel::com_ptr<IUsbDevice>(device));
+    main_dialog::handle_server_event(tessel::com_ptr<main_dialog_listener>(this),
+                                     main_dialog::server_event::device_changed, tessel::com_ptr<IUsbDevice>(device));
     return S_OK;
 }
 
-HRESULT main_dialog::OnClientConnectionChanged(IUsbDevice* device) noexcept
+HRESULT main_dialog_listener::OnClientConnectionChanged(IUsbDevice* device) noexcept
 {
-    handle_server_event(tessel::com_ptr<IUsbServerListener>(this), this, server_event::client_changed,
-                        tessel::com_ptr<IUsbDevice>(device));
+    main_dialog::handle_server_event(tessel::com_ptr<main_dialog_listener>(this),
+                                     main_dialog::server_event::client_changed, tessel::com_ptr<IUsbDevice>(device));
     return S_OK;
 }
 
-HRESULT main_dialog::OnClientConnectionChanged2(IUsbDevice* device) noexcept
+HRESULT main_dialog_listener::OnClientConnectionChanged2(IUsbDevice* device) noexcept
 {
     return OnClientConnectionChanged(device);
 }
 
-fibra::fire_and_forget main_dialog::handle_server_event(tessel::com_ptr<IUsbServerListener> keep_alive,
-                                                        main_dialog* self, server_event event,
-                                                        tessel::com_ptr<IUsbDevice> device)
+fibra::fire_and_forget main_dialog::handle_server_event(tessel::com_ptr<main_dialog_listener> listener,
+                                                        server_event event, tessel::com_ptr<IUsbDevice> device)
 {
+    main_dialog* self = listener->dialog();
+    if (!self)
+        co_return;  // the window has gone; the server did not let go of its listener
     // Posted even when the call came in on the UI thread, so that the notification has
     // returned to the server before any window work starts.
     tessel::windows::impl::async_context ui(self->thread_id(), self->cancellation(), true);
     co_await ui;  // throws operation_cancelled once the window is gone
-    if (self->window_)
+    self = listener->dialog();
+    if (self && self->window_)
         self->on_server_event(event, device.get());
-    (void)keep_alive;
 }
 
 void main_dialog::on_server_event(server_event event, IUsbDevice* device)
@@ -283,36 +289,11 @@ void main_dialog::on_server_event(server_event event, IUsbDevice* device)
 
 HWND main_dialog::create(int show_command)
 {
-    HWND window = ::CreateDialogParamW(::GetModuleHandleW(nullptr), MAKEINTRESOURCEW(main_dialog_id), nullptr,
-                                       dialog_procedure, reinterpret_cast<LPARAM>(this));
+    HWND window = create_modeless(nullptr, main_dialog_id);
     if (!window)
         tessel::fail_fast_last_error(L"CreateDialogParam failed for main dialog");
     ::ShowWindow(window, show_command);
     return window;
-}
-
-INT_PTR CALLBACK main_dialog::dialog_procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam) noexcept
-{
-    auto* self = reinterpret_cast<main_dialog*>(::GetWindowLongPtrW(window, DWLP_USER));
-    if (message == WM_INITDIALOG) {
-        self = reinterpret_cast<main_dialog*>(lparam);
-        self->window_ = window;
-        ::SetWindowLongPtrW(window, DWLP_USER, lparam);
-    }
-    if (!self)
-        return FALSE;
-    INT_PTR result = FALSE;
-    try {
-        result = self->handle(message, wparam, lparam);
-    } catch (...) {
-        tessel::debug_report(L"main dialog: a message handler failed");
-    }
-    if (message == WM_NCDESTROY) {
-        // A late coroutine must not reach a dead window through this pointer.
-        ::SetWindowLongPtrW(window, DWLP_USER, 0);
-        self->window_ = nullptr;
-    }
-    return result;
 }
 
 INT_PTR main_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)
@@ -338,6 +319,11 @@ INT_PTR main_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)
         return FALSE;
     case WM_SIZE:
         on_size();
+        return TRUE;
+    case WM_DEVICECHANGE:
+        // Sent to every top-level window when the machine's device nodes change.
+        if (wparam == DBT_DEVNODES_CHANGED && model_)
+            model_->forget_local_subtrees();
         return TRUE;
     case WM_DPICHANGED:
         icons_.apply(window_);
@@ -375,7 +361,7 @@ void main_dialog::on_init_dialog()
 {
     (void)tessel::windows::wm_ole_call();
     ole_thread_ = std::make_unique<tessel::windows::ole_thread>();
-    (void)LoadIconCollection(tessel::svg::icon_collection_resource_id);
+    (void)listener_->LoadIconCollection(tessel::svg::icon_collection_resource_id);
     tessel::translate_dialog(window_);
     icons_.apply(window_);
 
@@ -404,7 +390,7 @@ void main_dialog::on_init_dialog()
     create_tree();
     // Listening starts with the first full picture, so that no change is applied to rows
     // that do not exist yet; a change in between is in the refresh already.
-    listening_ = SUCCEEDED(server_->AdviseListener(this));
+    listening_ = SUCCEEDED(server_->AdviseListener(listener_.get()));
     refresh();
     update_copy_button();
     if (hooks_.main_window_ready)
@@ -437,6 +423,21 @@ void main_dialog::create_tree()
     }
     tree_->set_columns(std::move(columns));
 
+    // The share marker is a picture: screen readers hear the share state in words.
+    tree_->list().handlers().picture_cell_text = [this](lv::row_index row, std::size_t column) -> std::wstring {
+        tv::tree_node* node = tree_->node_of_row(row);
+        if (column != 1 || !node || node->parent() || !model_)
+            return {};
+        const auto index = model_->index_of(static_cast<device_rows::row_handle>(node));
+        if (!index)
+            return {};
+        try {
+            return std::wstring(tessel::load_string(model_->device_at(*index).share ? tessel::string_ids::device_shared
+                                                                                     : tessel::string_ids::device_not_shared));
+        } catch (const tessel::no_string_exception&) {
+            return {};
+        }
+    };
     rows_ = std::make_unique<device_tree_rows>(*tree_);
     model_ = std::make_unique<device_model>(*rows_, *nodes_);
     prepare_markers();
@@ -646,7 +647,7 @@ void main_dialog::show_error(const std::wstring& text)
     show_message(text, MB_OK | MB_ICONERROR);
 }
 
-fibra::fire_and_forget main_dialog::run_settings(tessel::com_ptr<IUsbServerListener> keep_alive, main_dialog* self)
+fibra::fire_and_forget main_dialog::run_settings(main_dialog* self)
 {
     const tessel::windows::impl::async_context ui(self->thread_id(), self->cancellation());
     settings_dialog dialog(self->server_);
@@ -667,7 +668,6 @@ fibra::fire_and_forget main_dialog::run_settings(tessel::com_ptr<IUsbServerListe
         restart_requested = true;
         ::PostMessageW(self->window_, WM_CLOSE, 0, 0);
     }
-    (void)keep_alive;
 }
 
 void main_dialog::open_help()
@@ -679,7 +679,7 @@ void main_dialog::open_help()
         result = ::ShellExecuteW(nullptr, L"open", L"hh.exe", address.c_str(), nullptr, SW_SHOWNORMAL);
     } else {
         BSTR name = nullptr;
-        (void)GetProductShortName(&name);
+        (void)listener_->GetProductShortName(&name);
         const tessel::unique_bstr owned(name);
         std::wstring topic = help_topic;
         // An address has no blanks.
@@ -749,7 +749,7 @@ void main_dialog::on_command(int id)
         save_settings_reporting_failure();
         break;
     case ids::settings:
-        run_settings(tessel::com_ptr<IUsbServerListener>(this), this);
+        run_settings(this);
         break;
     case ids::copy_device_id:
         copy_selected_device_id();
@@ -769,8 +769,10 @@ void main_dialog::on_destroy() noexcept
 {
     // Work still waiting to come back to this window ends instead.
     cancel_work();
+    // Whether or not the server lets go of the listener, it reaches this window no more.
+    listener_->detach();
     if (listening_)
-        server_->UnadviseListener(this);
+        server_->UnadviseListener(listener_.get());
     listening_ = false;
     // The rows hold server objects; they go with the window, before the server does.
     model_.reset();

@@ -8,10 +8,11 @@
 // share action is the share marker's button in column 1, Enter or a double click on the
 // row, and the row's context menu (right click, Shift+F10, the menu key).
 //
-// The object is the server's listener. It lives on wWinMain's stack as
-// tessel::value_on_stack<main_dialog>, so references never destroy it; it unregisters from
-// the server when its window goes away, and coroutines it started resume only inside its
-// own message loop, which has ended by the time the object is destroyed.
+// The object lives on wWinMain's stack. What the server holds is its listener, a counted
+// object of its own that forwards to the window until the window goes: a server that keeps
+// the listener after a failed UnadviseListener, or calls it late, reaches nothing that has
+// gone. Coroutines the window started resume only inside its own message loop, which has
+// ended by the time the object is destroyed.
 //
 // Failures of the server: a refresh that cannot read the server's lists, and the first
 // call that finds the server gone, are each shown once; rows whose single calls fail keep
@@ -25,6 +26,7 @@
 #include "base/coroutine.h"
 #include "controls/window_icons.h"
 #include "ui_main/device_model.h"
+#include "ui_main/dialog_base.h"
 #include "ui_main/local_devices.h"
 #include "ui_main/sites.h"
 #include "ui_main/update_hooks.h"
@@ -71,31 +73,15 @@ inline constexpr wchar_t local_help_file[] = L"doc\\en\\ulmo.chm";
 inline constexpr wchar_t product_short_name[] = L"ulmo";
 
 class device_tree_rows;
+class main_dialog;
 
-class main_dialog : public tessel::com_object<IUsbServerListener, IVectorSite2, IHelpSite>,
-                    public tessel::windows::impl::async_context,
-                    private share_prompts {
+// The main window's listener, and the sites the server may ask it for.
+class main_dialog_listener final : public tessel::com_object<IUsbServerListener, IVectorSite2, IHelpSite> {
 public:
-    // nodes: the local device tree; unset, this machine's.
-    explicit main_dialog(tessel::com_ptr<IUsbServer> server, std::unique_ptr<device_node_source> nodes = {});
-    ~main_dialog() override;
-    main_dialog(const main_dialog&) = delete;
-    main_dialog& operator=(const main_dialog&) = delete;
-
-    // Creates the modeless dialog without owner and shows it. A failure is fatal.
-    HWND create(int show_command);
-    [[nodiscard]] HWND window() const noexcept { return window_; }
-    // Before create().
-    void set_update_hooks(update_hooks hooks) { hooks_ = std::move(hooks); }
-
-    [[nodiscard]] const device_model& model() const noexcept { return *model_; }
-    [[nodiscard]] tessel::windows::new_controls::treeview::impl::treeview* tree() const noexcept { return tree_.get(); }
-    // Every row again from the server, as after the window's start.
-    void refresh();
-    // The share action of the top-level row `row` (its index in the model).
-    void share_action(std::size_t row);
-    // Copies the selected row's instance ID; false when no row with one is selected.
-    bool copy_selected_device_id();
+    explicit main_dialog_listener(main_dialog* dialog) noexcept : dialog_(dialog) {}
+    // From now on notifications are ignored.
+    void detach() noexcept { dialog_ = nullptr; }
+    [[nodiscard]] main_dialog* dialog() const noexcept { return dialog_; }
 
     // IUnknown: IVectorSite is answered by the IVectorSite2 table.
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) noexcept override;
@@ -113,13 +99,46 @@ public:
     HRESULT STDMETHODCALLTYPE OnClientConnectionChanged2(IUsbDevice* device) noexcept override;
 
 private:
+    main_dialog* dialog_;
+};
+
+class main_dialog : public dialog_base<main_dialog>,
+                    public tessel::windows::impl::async_context,
+                    private share_prompts {
+public:
+    // nodes: the local device tree; unset, this machine's.
+    explicit main_dialog(tessel::com_ptr<IUsbServer> server, std::unique_ptr<device_node_source> nodes = {});
+    ~main_dialog() override;
+    main_dialog(const main_dialog&) = delete;
+    main_dialog& operator=(const main_dialog&) = delete;
+
+    // Creates the modeless dialog without owner and shows it. A failure is fatal.
+    HWND create(int show_command);
+    // Before create().
+    void set_update_hooks(update_hooks hooks) { hooks_ = std::move(hooks); }
+
+    [[nodiscard]] const device_model& model() const noexcept { return *model_; }
+    [[nodiscard]] tessel::windows::new_controls::treeview::impl::treeview* tree() const noexcept { return tree_.get(); }
+    // Every row again from the server, as after the window's start.
+    void refresh();
+    // The share action of the top-level row `row` (its index in the model).
+    void share_action(std::size_t row);
+    // Copies the selected row's instance ID; false when no row with one is selected.
+    bool copy_selected_device_id();
+
+    // What the server holds while the window is open.
+    [[nodiscard]] main_dialog_listener& listener() const noexcept { return *listener_.get(); }
+
+private:
+    friend class main_dialog_listener;
+    friend class dialog_base<main_dialog>;
     enum class server_event { device_added, device_changed, client_changed };
-    // Parameters by value: the frame outlives the notification call.
-    static fibra::fire_and_forget handle_server_event(tessel::com_ptr<IUsbServerListener> keep_alive, main_dialog* self,
+    // Parameters by value: the frame outlives the notification call. The window is found
+    // again through the listener once on the UI thread; a detached one ends the work.
+    static fibra::fire_and_forget handle_server_event(tessel::com_ptr<main_dialog_listener> listener,
                                                       server_event event, tessel::com_ptr<IUsbDevice> device);
     void on_server_event(server_event event, IUsbDevice* device);
 
-    static INT_PTR CALLBACK dialog_procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam) noexcept;
     INT_PTR handle(UINT message, WPARAM wparam, LPARAM lparam);
     void on_init_dialog();
     void on_command(int id);
@@ -133,7 +152,7 @@ private:
     std::optional<std::size_t> model_row_of(tessel::windows::new_controls::treeview::impl::tree_node* node) const;
     void open_help();
     void show_about();
-    static fibra::fire_and_forget run_settings(tessel::com_ptr<IUsbServerListener> keep_alive, main_dialog* self);
+    static fibra::fire_and_forget run_settings(main_dialog* self);
     // Shows a failure of the server: a lost server once, anything else each time.
     void report_server_failure(HRESULT code, std::uint32_t message_id);
     void report_model_failure();
@@ -145,9 +164,9 @@ private:
     void show_error(const std::wstring& text) override;
 
     tessel::com_ptr<IUsbServer> server_;
+    tessel::com_ptr<main_dialog_listener> listener_;
     std::unique_ptr<device_node_source> nodes_;
     update_hooks hooks_;
-    HWND window_ = nullptr;
     std::unique_ptr<tessel::windows::new_controls::treeview::impl::treeview> tree_;
     std::unique_ptr<device_tree_rows> rows_;
     std::unique_ptr<device_model> model_;

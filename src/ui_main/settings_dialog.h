@@ -12,7 +12,7 @@
 #include "base/async_context.h"
 #include "base/com_ptr.h"
 #include "base/coroutine.h"
-#include "ui_main/modal_dialog.h"
+#include "ui_main/dialog_base.h"
 
 #include <windows.h>
 
@@ -55,7 +55,7 @@ struct server_settings_result {
 // endpoints BSTR (SysFreeString).
 [[nodiscard]] UsbServerSettings to_server_settings(const server_settings_result& result);
 
-class settings_dialog : public modal_dialog<settings_dialog> {
+class settings_dialog : public dialog_base<settings_dialog> {
 public:
     // ask_restart shows the language question and answers the button pressed; unset, the
     // program's message box asks it.
@@ -68,7 +68,7 @@ public:
     [[nodiscard]] bool ready() const noexcept { return ready_; }
 
 private:
-    friend class modal_dialog<settings_dialog>;
+    friend class dialog_base<settings_dialog>;
     INT_PTR handle(UINT message, WPARAM wparam, LPARAM lparam);
     void on_init();
     void on_language_changed();

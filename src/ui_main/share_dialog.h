@@ -3,7 +3,7 @@
 // authentication key. Ends with IDOK (the key then holds what was typed, untrimmed, at
 // most 259 characters) or IDCANCEL (the key untouched).
 
-#include "ui_main/modal_dialog.h"
+#include "ui_main/dialog_base.h"
 
 #include <windows.h>
 
@@ -23,7 +23,7 @@ inline constexpr int key = 1006;
 // What the key edit returns for a 260-character buffer.
 inline constexpr int share_key_buffer = 260;
 
-class share_dialog : public modal_dialog<share_dialog> {
+class share_dialog : public dialog_base<share_dialog> {
 public:
     share_dialog(std::wstring device_text, std::wstring key) : device_text_(std::move(device_text)), key_(std::move(key))
     {
@@ -34,7 +34,7 @@ public:
     [[nodiscard]] const std::wstring& key() const noexcept { return key_; }
 
 private:
-    friend class modal_dialog<share_dialog>;
+    friend class dialog_base<share_dialog>;
     INT_PTR handle(UINT message, WPARAM wparam, LPARAM lparam);
     void on_init();
     void on_size();

@@ -210,22 +210,22 @@ TEST_F(device_window, lists_the_devices_with_their_subtrees_clients_and_keys_and
     ASSERT_FALSE(p.window.empty()) << "the main window did not appear";
     ASSERT_TRUE(rows_become(p.window, [](const auto& r) { return r.size() == 9; })) << joined(rows(p.window));
     const auto first = rows(p.window);
-    EXPECT_EQ(first[0], L"0\tArcturus Flash 32GB, WORKSTATION-07, correct-horse-battery");
-    EXPECT_EQ(first[1], L"0\tGeneric USB 3.0 Hub");
+    EXPECT_EQ(first[0], L"0\tArcturus Flash 32GB, Shared, WORKSTATION-07, correct-horse-battery");
+    EXPECT_EQ(first[1], L"0\tGeneric USB 3.0 Hub, Not shared");
     EXPECT_EQ(first[2], L"1\tUSB Mass Storage Device");
     EXPECT_EQ(first[3], L"2\tPellucid Card Reader USB Device");
     EXPECT_EQ(first[5], L"2\tTern Optical Mouse");
-    EXPECT_EQ(first[8], L"0\tVaultkey Licence Dongle, vk-2291");
+    EXPECT_EQ(first[8], L"0\tVaultkey Licence Dongle, Shared, vk-2291");
 
     // A client connects (by either notification) and leaves; a device is plugged in.
     ASSERT_EQ(sim_ctl(L"connect keyboard \"LAB PC 3\"").exit_code, 0u);
-    EXPECT_TRUE(rows_become(p.window, [](const auto& r) { return has_row(r, L"Kestrel K120 Keyboard, LAB PC 3"); }));
+    EXPECT_TRUE(rows_become(p.window, [](const auto& r) { return has_row(r, L"Kestrel K120 Keyboard, Not shared, LAB PC 3"); }));
     ASSERT_EQ(sim_ctl(L"disconnect flash second").exit_code, 0u);
     EXPECT_TRUE(rows_become(p.window, [](const auto& r) {
-        return has_row(r, L"0\tArcturus Flash 32GB, correct-horse-battery");
+        return has_row(r, L"0\tArcturus Flash 32GB, Shared, correct-horse-battery");
     })) << joined(rows(p.window));
     ASSERT_EQ(sim_ctl(L"add cam \"Orbis Webcam\" class=image client=DESK-1").exit_code, 0u);
-    EXPECT_TRUE(rows_become(p.window, [](const auto& r) { return has_row(r, L"0\tOrbis Webcam, DESK-1"); }));
+    EXPECT_TRUE(rows_become(p.window, [](const auto& r) { return has_row(r, L"0\tOrbis Webcam, Not shared, DESK-1"); }));
     // Removed: its row goes.
     ASSERT_EQ(sim_ctl(L"remove cam").exit_code, 0u);
     EXPECT_TRUE(rows_become(p.window, [](const auto& r) { return !has_row(r, L"Orbis Webcam"); }));
@@ -272,8 +272,8 @@ TEST_F(device_window, shares_with_a_key_through_the_share_dialog_and_unshares_wi
     ASSERT_FALSE(share.empty()) << "no share dialog";
     EXPECT_EQ(driver(L"text " + share + L" 1005").output, L"Generic USB 3.0 Hub");
     driver(L"settext " + share + L" 1006 \"s3cret key\"");
-    driver(L"click " + share + L" 1");
-    EXPECT_TRUE(rows_become(p.window, [](const auto& r) { return has_row(r, L"0\tGeneric USB 3.0 Hub, s3cret key"); }))
+    driver(L"key " + share + L" 1006 13");  // Enter: OK
+    EXPECT_TRUE(rows_become(p.window, [](const auto& r) { return has_row(r, L"0\tGeneric USB 3.0 Hub, Shared, s3cret key"); }))
         << joined(rows(p.window));
     EXPECT_NE(sim_ctl(L"list").output.find(L"share hub key=\"s3cret key\""), std::wstring::npos);
 
@@ -281,9 +281,32 @@ TEST_F(device_window, shares_with_a_key_through_the_share_dialog_and_unshares_wi
     driver(L"key " + p.window + L" 1003 13");
     EXPECT_TRUE(rows_become(p.window, [](const auto& r) {
         const int at = row_of(r, L"0\tGeneric USB 3.0 Hub");
-        return at >= 0 && r[at] == L"0\tGeneric USB 3.0 Hub";
+        return at >= 0 && r[at] == L"0\tGeneric USB 3.0 Hub, Not shared";
     })) << joined(rows(p.window));
     EXPECT_EQ(sim_ctl(L"list").output.find(L"share hub"), std::wstring::npos);
+    EXPECT_EQ(p.close(), 0u);
+}
+
+TEST_F(device_window, the_menu_key_and_shift_f10_open_the_rows_context_menu)
+{
+    program p;
+    ASSERT_FALSE(p.window.empty());
+    ASSERT_TRUE(rows_become(p.window, [](const auto& r) { return r.size() == 9; }));
+    const int hub = row_of(rows(p.window), L"0\tGeneric USB 3.0 Hub");
+    driver(L"select " + p.window + L" 1003 " + std::to_wstring(hub));
+    // Each opens the menu; its "S" (the mnemonic of Share) asks for the hub's key. The
+    // keys are queued in order, so the menu's loop reads the "S".
+    for (const wchar_t* opener : {L" 1003 0x5D", L" 1003 0x79 shift"}) {
+        driver(L"key " + p.window + opener);
+        driver(L"key " + p.window + L" 1003 0x53");
+        const std::wstring share = wait_for(L"Share Device", 1006, 10000);
+        ASSERT_FALSE(share.empty()) << "no context menu with Share after key" << opener;
+        EXPECT_EQ(driver(L"text " + share + L" 1005").output, L"Generic USB 3.0 Hub");
+        driver(L"key " + share + L" 1006 0x1B");  // Esc: Cancel
+        const ULONGLONG deadline = ::GetTickCount64() + 5000;
+        while (driver(L"text " + share + L" 1005").exit_code == 0 && ::GetTickCount64() < deadline)
+            ::Sleep(50);
+    }
     EXPECT_EQ(p.close(), 0u);
 }
 
@@ -329,7 +352,7 @@ TEST_F(device_window, settings_ok_reaches_the_server_cancel_changes_nothing_and_
     ASSERT_FALSE(settings.empty());
     // Cancel first: nothing reaches the server.
     driver(L"settext " + settings + L" 1010 70000");
-    driver(L"click " + settings + L" 2");
+    driver(L"key " + settings + L" 1019 0x1B");  // Esc: Cancel
     ::Sleep(500);
     EXPECT_NE(sim_ctl(L"list").output.find(L"port=32032"), std::wstring::npos);
 
@@ -340,7 +363,7 @@ TEST_F(device_window, settings_ok_reaches_the_server_cancel_changes_nothing_and_
     while (::GetTickCount64() < deadline && driver(L"enabled " + settings + L" 1").output != L"1")
         ::Sleep(100);
     driver(L"settext " + settings + L" 1010 70000");
-    driver(L"click " + settings + L" 1");
+    driver(L"key " + settings + L" 1010 13");  // Enter: OK
     bool written = false;
     for (int i = 0; i < 50 && !written; ++i) {
         written = sim_ctl(L"list").output.find(L"port=4464") != std::wstring::npos;
@@ -381,7 +404,7 @@ TEST_F(device_window, a_burst_of_ten_thousand_notifications_ends_equal_to_the_se
     EXPECT_TRUE(rows_become(
         p.window,
         [](const auto& r) {
-            return r.size() == 9 && has_row(r, L"0\tArcturus Flash 32GB, correct-horse-battery") &&
+            return r.size() == 9 && has_row(r, L"0\tArcturus Flash 32GB, Shared, correct-horse-battery") &&
                    !has_row(r, L"BURST") && !has_row(r, L"WORKSTATION");
         },
         60000))

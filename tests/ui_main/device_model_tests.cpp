@@ -170,6 +170,37 @@ TEST_F(device_model_test, full_refresh_builds_every_column_with_the_first_share_
     EXPECT_EQ(tree.suspended, 0) << "the redraw is resumed also when the refresh fails";
 }
 
+TEST_F(device_model_test, a_refresh_walks_a_device_node_again_only_once_the_machines_nodes_or_the_icon_size_changed)
+{
+    auto hub = server->add(L"Hub", 1);
+    model.full_refresh(api());
+    const int walked = source.opened_total;
+    ASSERT_EQ(walked, 2);
+
+    source.nodes[2].friendly = L"Card Reader";
+    hub->name = L"Renamed hub";
+    model.full_refresh(api());
+    EXPECT_EQ(source.opened_total, walked) << "the same device node is not walked again";
+    EXPECT_EQ(tree.at(0).data.name, L"Renamed hub") << "the server's name is read every time";
+    EXPECT_EQ(tree.at(0).children, std::vector<std::wstring>{L"[[[iUSB Mass Storage Device]]]"});
+
+    model.forget_local_subtrees();
+    model.full_refresh(api());
+    EXPECT_EQ(tree.at(0).children, std::vector<std::wstring>{L"[[[iCard Reader]]]"});
+
+    const int before_resize = source.opened_total;
+    model.set_icon_size(24);
+    model.full_refresh(api());
+    EXPECT_EQ(source.opened_total, before_resize + 2) << "icons of the new size";
+
+    // Another node behind the same device object is walked.
+    source.nodes[3] = {L"USB\\DISK\\2", fake_devices::disk_class, L"Other disk", std::nullopt, {}};
+    hub->devinst = 3;
+    model.full_refresh(api());
+    EXPECT_TRUE(tree.at(0).children.empty());
+    EXPECT_EQ(std::get<std::uint32_t>(tree.at(0).data.icon), fake_devices::disk_class.Data1);
+}
+
 TEST_F(device_model_test, hide_disconnected_hides_only_devices_that_answer_not_connected)
 {
     server->add(L"Plugged");

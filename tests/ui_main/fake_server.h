@@ -195,8 +195,20 @@ public:
         return E_NOTIMPL;
     }
     HRESULT STDMETHODCALLTYPE GetSettingsAsync(IUsbServerOperation**) noexcept override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE AdviseListener(IUsbServerListener*) noexcept override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE UnadviseListener(IUsbServerListener*) noexcept override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE AdviseListener(IUsbServerListener* listener) noexcept override
+    {
+        listeners.emplace_back(listener);
+        return S_OK;
+    }
+    // A failing call keeps the listener, as a server that does not let go would.
+    HRESULT STDMETHODCALLTYPE UnadviseListener(IUsbServerListener* listener) noexcept override
+    {
+        if (const HRESULT hr = fails(L"UnadviseListener"); FAILED(hr))
+            return hr;
+        std::erase_if(listeners, [listener](const auto& l) { return l.get() == listener; });
+        return S_OK;
+    }
+    std::vector<tessel::com_ptr<IUsbServerListener>> listeners;
 };
 
 #undef FAKE_RESERVED

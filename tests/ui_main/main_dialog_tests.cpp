@@ -2,6 +2,9 @@
 
 #include "ui_main/main_dialog.h"
 
+#include "fake_device_source.h"
+#include "fake_server.h"
+
 #include "base/module_path.h"
 #include "base/window_text.h"
 #include "nsm/app_settings.h"
@@ -62,7 +65,7 @@ protected:
 
 TEST_F(main_window, keeps_its_controls_anchored_when_resized_and_never_shrinks_below_its_design)
 {
-    tessel::value_on_stack<main_dialog> dialog(server_);
+    main_dialog dialog(server_);
     const HWND window = dialog.create(SW_SHOW);
     pump();
 
@@ -113,7 +116,7 @@ TEST_F(main_window, keeps_its_controls_anchored_when_resized_and_never_shrinks_b
 TEST_F(main_window, view_options_mirror_the_settings_and_are_saved_when_toggled)
 {
     current_app_settings().collapse_all = true;
-    tessel::value_on_stack<main_dialog> dialog(server_);
+    main_dialog dialog(server_);
     const HWND window = dialog.create(SW_SHOW);
     pump();
     EXPECT_EQ(::IsDlgButtonChecked(window, ids::collapse_all), BST_CHECKED);
@@ -146,6 +149,45 @@ TEST_F(main_window, view_options_mirror_the_settings_and_are_saved_when_toggled)
     }
     EXPECT_EQ(quit_code, 0);
     EXPECT_EQ(dialog.window(), nullptr);
+}
+
+TEST(main_window_listener, a_server_that_keeps_the_listener_after_the_window_has_gone_reaches_nothing)
+{
+    ASSERT_TRUE(SUCCEEDED(::CoInitialize(nullptr)));
+    current_app_settings() = app_settings{};
+    auto server = tessel::make_com_object<fake_server::server>();
+    auto device = server->add(L"Flash");
+    server->failures[L"UnadviseListener"] = E_FAIL;
+    {
+        main_dialog dialog(tessel::com_ptr<IUsbServer>(server), std::make_unique<fake_devices::fake_source>());
+        const HWND window = dialog.create(SW_HIDE);
+        pump();
+        ASSERT_EQ(server->listeners.size(), 1u);
+        EXPECT_EQ(static_cast<IUsbServerListener*>(&dialog.listener()), server->listeners[0].get());
+        // A notification the window has not handled yet when it goes.
+        server->listeners[0]->OnDeviceChanged(device.get());
+        ::DestroyWindow(window);
+        pump();
+    }
+    ASSERT_EQ(server->listeners.size(), 1u) << "the server kept its listener";
+    const int calls = device->calls[L"IsConnected"];
+    IUsbServerListener& kept = *server->listeners[0].get();
+    EXPECT_EQ(kept.OnDeviceAdded(device.get()), S_OK);
+    EXPECT_EQ(kept.OnDeviceChanged(device.get()), S_OK);
+    EXPECT_EQ(kept.OnClientConnectionChanged2(device.get()), S_OK);
+    pump();
+    EXPECT_EQ(device->calls[L"IsConnected"], calls) << "no work reached the closed window";
+    tessel::com_ptr<IHelpSite> help;
+    ASSERT_EQ(kept.QueryInterface(__uuidof(IHelpSite), help.put_void()), S_OK);
+    BSTR name = nullptr;
+    EXPECT_EQ(help->GetProductShortName(&name), S_OK);
+    EXPECT_STREQ(name, L"ulmo");
+    ::SysFreeString(name);
+    help.reset();
+    server->listeners.clear();  // the last reference: the listener goes now
+    server.reset();
+    device.reset();
+    ::CoUninitialize();
 }
 
 }  // namespace

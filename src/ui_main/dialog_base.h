@@ -1,7 +1,7 @@
 #pragma once
-// A modal dialog of the program: the object is the dialog's state, found again from the
-// window in every message, and handlers that throw end in an error report instead of
-// leaving the dialog procedure.
+// A dialog of the program, modal or modeless: the object is the dialog's state, found
+// again from the window in every message, and handlers that throw end in an error report
+// instead of leaving the dialog procedure. window() is null once the window has gone.
 
 #include "base/failure.h"
 
@@ -10,20 +10,27 @@
 namespace servercfg {
 
 template <class derived>
-class modal_dialog {
+class dialog_base {
 public:
     // Runs the dialog's modal loop; answers what EndDialog was given, or -1 when the
     // dialog cannot be created.
     INT_PTR run(HWND owner, int template_id)
     {
         return ::DialogBoxParamW(::GetModuleHandleW(nullptr), MAKEINTRESOURCEW(template_id), owner,
-                                 &modal_dialog::procedure, reinterpret_cast<LPARAM>(this));
+                                 &dialog_base::procedure, reinterpret_cast<LPARAM>(this));
+    }
+    // Creates the dialog modeless, hidden unless its template says otherwise; null when it
+    // cannot be created.
+    HWND create_modeless(HWND owner, int template_id)
+    {
+        return ::CreateDialogParamW(::GetModuleHandleW(nullptr), MAKEINTRESOURCEW(template_id), owner,
+                                    &dialog_base::procedure, reinterpret_cast<LPARAM>(this));
     }
     [[nodiscard]] HWND window() const noexcept { return window_; }
 
 protected:
-    modal_dialog() = default;
-    ~modal_dialog() = default;
+    dialog_base() = default;
+    ~dialog_base() = default;
 
     HWND window_ = nullptr;
 
@@ -32,7 +39,7 @@ private:
     {
         auto* self = reinterpret_cast<derived*>(::GetWindowLongPtrW(window, DWLP_USER));
         if (message == WM_INITDIALOG) {
-            self = static_cast<derived*>(reinterpret_cast<modal_dialog*>(lparam));
+            self = static_cast<derived*>(reinterpret_cast<dialog_base*>(lparam));
             self->window_ = window;
             ::SetWindowLongPtrW(window, DWLP_USER, reinterpret_cast<LONG_PTR>(self));
         }
@@ -45,6 +52,7 @@ private:
             tessel::debug_report(L"a dialog's message handler failed");
         }
         if (message == WM_NCDESTROY) {
+            // A late coroutine must not reach a dead window through the object.
             ::SetWindowLongPtrW(window, DWLP_USER, 0);
             self->window_ = nullptr;
         }
