@@ -103,7 +103,7 @@ public:
     void start_up(timing& t)
     {
         const double wall = now_ms(), cpu = thread_cpu_ms();
-        servercfg::main_dialog dialog(server_);
+        tessel::value_on_stack<servercfg::main_dialog> dialog(server_);
         const HWND window = dialog.create(SW_SHOW);
         ::UpdateWindow(window);
         if (dialog.tree())
@@ -118,7 +118,7 @@ public:
     // Full refreshes of an open window.
     void refreshes(timing& t, int runs)
     {
-        servercfg::main_dialog dialog(server_);
+        tessel::value_on_stack<servercfg::main_dialog> dialog(server_);
         const HWND window = dialog.create(SW_SHOW);
         pump();
         for (int i = 0; i < runs; ++i) {

@@ -183,7 +183,7 @@ int run(int show_command)
 
     int exit_code = 0;
     {
-        main_dialog dialog(server);
+        tessel::value_on_stack<main_dialog> dialog(server);
         dialog.set_update_hooks(update_hooks_of(dialog));
 
         // 9. The main window and the message loop.

@@ -190,7 +190,7 @@ main_dialog::~main_dialog()
     listener_->detach();
 }
 
-HRESULT main_dialog_listener::QueryInterface(REFIID iid, void** out) noexcept
+HRESULT main_dialog::QueryInterface(REFIID iid, void** out) noexcept
 {
     if (out && iid == __uuidof(IVectorSite)) {
         *out = static_cast<IVectorSite*>(static_cast<IVectorSite2*>(this));
@@ -200,7 +200,7 @@ HRESULT main_dialog_listener::QueryInterface(REFIID iid, void** out) noexcept
     return com_object::QueryInterface(iid, out);
 }
 
-HRESULT main_dialog_listener::GetIconModule(HMODULE* module) noexcept
+HRESULT main_dialog::GetIconModule(HMODULE* module) noexcept
 {
     if (!module)
         return E_POINTER;
@@ -208,7 +208,7 @@ HRESULT main_dialog_listener::GetIconModule(HMODULE* module) noexcept
     return S_OK;
 }
 
-HRESULT main_dialog_listener::LoadIconCollection(int resource_id) noexcept
+HRESULT main_dialog::LoadIconCollection(int resource_id) noexcept
 try {
     return tessel::svg::collection_cache::instance().load(::GetModuleHandleW(nullptr), MAKEINTRESOURCEW(resource_id))
                ? S_OK
@@ -217,7 +217,7 @@ try {
     return tessel::hresult_from_caught_exception();
 }
 
-HRESULT main_dialog_listener::GetHelpTopic(BSTR* topic) noexcept
+HRESULT main_dialog::GetHelpTopic(BSTR* topic) noexcept
 {
     if (!topic)
         return E_POINTER;
@@ -225,7 +225,7 @@ HRESULT main_dialog_listener::GetHelpTopic(BSTR* topic) noexcept
     return *topic ? S_OK : E_OUTOFMEMORY;
 }
 
-HRESULT main_dialog_listener::GetProductShortName(BSTR* name) noexcept
+HRESULT main_dialog::GetProductShortName(BSTR* name) noexcept
 {
     if (!name)
         return E_POINTER;
@@ -233,30 +233,47 @@ HRESULT main_dialog_listener::GetProductShortName(BSTR* name) noexcept
     return *name ? S_OK : E_OUTOFMEMORY;
 }
 
+HRESULT main_dialog::OnDeviceAdded(IUsbDevice* device) noexcept
+{
+    handle_server_event(listener_, server_event::device_added, tessel::com_ptr<IUsbDevice>(device));
+    return S_OK;
+}
+
+HRESULT main_dialog::OnDeviceChanged(IUsbDevice* device) noexcept
+{
+    handle_server_event(listener_, server_event::device_changed, tessel::com_ptr<IUsbDevice>(device));
+    return S_OK;
+}
+
+HRESULT main_dialog::OnClientConnectionChanged(IUsbDevice* device) noexcept
+{
+    handle_server_event(listener_, server_event::client_changed, tessel::com_ptr<IUsbDevice>(device));
+    return S_OK;
+}
+
+HRESULT main_dialog::OnClientConnectionChanged2(IUsbDevice* device) noexcept
+{
+    return OnClientConnectionChanged(device);
+}
+
 HRESULT main_dialog_listener::OnDeviceAdded(IUsbDevice* device) noexcept
 {
-    main_dialog::handle_server_event(tessel::com_ptr<main_dialog_listener>(this),
-                                     main_dialog::server_event::device_added, tessel::com_ptr<IUsbDevice>(device));
-    return S_OK;
+    return dialog_ ? dialog_->OnDeviceAdded(device) : S_OK;
 }
 
 HRESULT main_dialog_listener::OnDeviceChanged(IUsbDevice* device) noexcept
 {
-    main_dialog::handle_server_event(tessel::com_ptr<main_dialog_listener>(this),
-                                     main_dialog::server_event::device_changed, tessel::com_ptr<IUsbDevice>(device));
-    return S_OK;
+    return dialog_ ? dialog_->OnDeviceChanged(device) : S_OK;
 }
 
 HRESULT main_dialog_listener::OnClientConnectionChanged(IUsbDevice* device) noexcept
 {
-    main_dialog::handle_server_event(tessel::com_ptr<main_dialog_listener>(this),
-                                     main_dialog::server_event::client_changed, tessel::com_ptr<IUsbDevice>(device));
-    return S_OK;
+    return dialog_ ? dialog_->OnClientConnectionChanged(device) : S_OK;
 }
 
 HRESULT main_dialog_listener::OnClientConnectionChanged2(IUsbDevice* device) noexcept
 {
-    return OnClientConnectionChanged(device);
+    return dialog_ ? dialog_->OnClientConnectionChanged2(device) : S_OK;
 }
 
 fibra::fire_and_forget main_dialog::handle_server_event(tessel::com_ptr<main_dialog_listener> listener,
@@ -361,7 +378,7 @@ void main_dialog::on_init_dialog()
 {
     (void)tessel::windows::wm_ole_call();
     ole_thread_ = std::make_unique<tessel::windows::ole_thread>();
-    (void)listener_->LoadIconCollection(tessel::svg::icon_collection_resource_id);
+    (void)LoadIconCollection(tessel::svg::icon_collection_resource_id);
     tessel::translate_dialog(window_);
     icons_.apply(window_);
 
@@ -679,7 +696,7 @@ void main_dialog::open_help()
         result = ::ShellExecuteW(nullptr, L"open", L"hh.exe", address.c_str(), nullptr, SW_SHOWNORMAL);
     } else {
         BSTR name = nullptr;
-        (void)listener_->GetProductShortName(&name);
+        (void)GetProductShortName(&name);
         const tessel::unique_bstr owned(name);
         std::wstring topic = help_topic;
         // An address has no blanks.

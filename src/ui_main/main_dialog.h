@@ -8,10 +8,11 @@
 // share action is the share marker's button in column 1, Enter or a double click on the
 // row, and the row's context menu (right click, Shift+F10, the menu key).
 //
-// The object lives on wWinMain's stack. What the server holds is its listener, a counted
-// object of its own that forwards to the window until the window goes: a server that keeps
-// the listener after a failed UnadviseListener, or calls it late, reaches nothing that has
-// gone. Coroutines the window started resume only inside its own message loop, which has
+// The object is the window's listener and its icon and help site. It lives on wWinMain's
+// stack as tessel::value_on_stack<main_dialog>, so references never destroy it. What the
+// server is handed is main_dialog_listener, a counted object of its own that passes the
+// notifications on until the window goes: a server that keeps it after a failed
+// UnadviseListener, or calls it late, reaches nothing that has gone. Coroutines the window started resume only inside its own message loop, which has
 // ended by the time the object is destroyed.
 //
 // Failures of the server: a refresh that cannot read the server's lists, and the first
@@ -75,24 +76,16 @@ inline constexpr wchar_t product_short_name[] = L"ulmo";
 class device_tree_rows;
 class main_dialog;
 
-// The main window's listener, and the sites the server may ask it for.
-class main_dialog_listener final : public tessel::com_object<IUsbServerListener, IVectorSite2, IHelpSite> {
+// What the server holds while the window listens: a counted object of its own that
+// passes notifications on to the window until the window detaches it. A server that keeps
+// it after a failed UnadviseListener, or calls it late, reaches nothing that has gone.
+class main_dialog_listener final : public tessel::com_object<IUsbServerListener> {
 public:
     explicit main_dialog_listener(main_dialog* dialog) noexcept : dialog_(dialog) {}
     // From now on notifications are ignored.
     void detach() noexcept { dialog_ = nullptr; }
     [[nodiscard]] main_dialog* dialog() const noexcept { return dialog_; }
 
-    // IUnknown: IVectorSite is answered by the IVectorSite2 table.
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) noexcept override;
-    // IVectorSite, IVectorSite2
-    HRESULT STDMETHODCALLTYPE GetIconModule(HMODULE* module) noexcept override;
-    HRESULT STDMETHODCALLTYPE LoadIconCollection(int resource_id) noexcept override;
-    // IHelpSite
-    HRESULT STDMETHODCALLTYPE GetHelpTopic(BSTR* topic) noexcept override;
-    HRESULT STDMETHODCALLTYPE GetProductShortName(BSTR* name) noexcept override;
-
-    // IUsbServerListener: each starts the work on the UI thread and returns at once.
     HRESULT STDMETHODCALLTYPE OnDeviceAdded(IUsbDevice* device) noexcept override;
     HRESULT STDMETHODCALLTYPE OnDeviceChanged(IUsbDevice* device) noexcept override;
     HRESULT STDMETHODCALLTYPE OnClientConnectionChanged(IUsbDevice* device) noexcept override;
@@ -102,7 +95,8 @@ private:
     main_dialog* dialog_;
 };
 
-class main_dialog : public dialog_base<main_dialog>,
+class main_dialog : public tessel::com_object<IUsbServerListener, IVectorSite2, IHelpSite>,
+                    public dialog_base<main_dialog>,
                     public tessel::windows::impl::async_context,
                     private share_prompts {
 public:
@@ -128,6 +122,21 @@ public:
 
     // What the server holds while the window is open.
     [[nodiscard]] main_dialog_listener& listener() const noexcept { return *listener_.get(); }
+
+    // IUnknown: IVectorSite is answered by the IVectorSite2 table.
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) noexcept override;
+    // IVectorSite, IVectorSite2
+    HRESULT STDMETHODCALLTYPE GetIconModule(HMODULE* module) noexcept override;
+    HRESULT STDMETHODCALLTYPE LoadIconCollection(int resource_id) noexcept override;
+    // IHelpSite
+    HRESULT STDMETHODCALLTYPE GetHelpTopic(BSTR* topic) noexcept override;
+    HRESULT STDMETHODCALLTYPE GetProductShortName(BSTR* name) noexcept override;
+
+    // IUsbServerListener: each starts the work on the UI thread and returns at once.
+    HRESULT STDMETHODCALLTYPE OnDeviceAdded(IUsbDevice* device) noexcept override;
+    HRESULT STDMETHODCALLTYPE OnDeviceChanged(IUsbDevice* device) noexcept override;
+    HRESULT STDMETHODCALLTYPE OnClientConnectionChanged(IUsbDevice* device) noexcept override;
+    HRESULT STDMETHODCALLTYPE OnClientConnectionChanged2(IUsbDevice* device) noexcept override;
 
 private:
     friend class main_dialog_listener;

@@ -65,7 +65,7 @@ protected:
 
 TEST_F(main_window, keeps_its_controls_anchored_when_resized_and_never_shrinks_below_its_design)
 {
-    main_dialog dialog(server_);
+    tessel::value_on_stack<main_dialog> dialog(server_);
     const HWND window = dialog.create(SW_SHOW);
     pump();
 
@@ -116,7 +116,7 @@ TEST_F(main_window, keeps_its_controls_anchored_when_resized_and_never_shrinks_b
 TEST_F(main_window, view_options_mirror_the_settings_and_are_saved_when_toggled)
 {
     current_app_settings().collapse_all = true;
-    main_dialog dialog(server_);
+    tessel::value_on_stack<main_dialog> dialog(server_);
     const HWND window = dialog.create(SW_SHOW);
     pump();
     EXPECT_EQ(::IsDlgButtonChecked(window, ids::collapse_all), BST_CHECKED);
@@ -159,11 +159,18 @@ TEST(main_window_listener, a_server_that_keeps_the_listener_after_the_window_has
     auto device = server->add(L"Flash");
     server->failures[L"UnadviseListener"] = E_FAIL;
     {
-        main_dialog dialog(tessel::com_ptr<IUsbServer>(server), std::make_unique<fake_devices::fake_source>());
+        tessel::value_on_stack<main_dialog> dialog(tessel::com_ptr<IUsbServer>(server), std::make_unique<fake_devices::fake_source>());
         const HWND window = dialog.create(SW_HIDE);
         pump();
         ASSERT_EQ(server->listeners.size(), 1u);
         EXPECT_EQ(static_cast<IUsbServerListener*>(&dialog.listener()), server->listeners[0].get());
+        // The window itself is the help site the help addresses are built from.
+        tessel::com_ptr<IHelpSite> help;
+        ASSERT_EQ(dialog.QueryInterface(__uuidof(IHelpSite), help.put_void()), S_OK);
+        BSTR name = nullptr;
+        EXPECT_EQ(help->GetProductShortName(&name), S_OK);
+        EXPECT_STREQ(name, L"ulmo");
+        ::SysFreeString(name);
         // A notification the window has not handled yet when it goes.
         server->listeners[0]->OnDeviceChanged(device.get());
         ::DestroyWindow(window);
@@ -177,13 +184,6 @@ TEST(main_window_listener, a_server_that_keeps_the_listener_after_the_window_has
     EXPECT_EQ(kept.OnClientConnectionChanged2(device.get()), S_OK);
     pump();
     EXPECT_EQ(device->calls[L"IsConnected"], calls) << "no work reached the closed window";
-    tessel::com_ptr<IHelpSite> help;
-    ASSERT_EQ(kept.QueryInterface(__uuidof(IHelpSite), help.put_void()), S_OK);
-    BSTR name = nullptr;
-    EXPECT_EQ(help->GetProductShortName(&name), S_OK);
-    EXPECT_STREQ(name, L"ulmo");
-    ::SysFreeString(name);
-    help.reset();
     server->listeners.clear();  // the last reference: the listener goes now
     server.reset();
     device.reset();
