@@ -88,7 +88,8 @@ int run_message_loop(HWND main_window)
 }
 
 // The update check as the main window starts it: automatically once the window is
-// filled (when the user has not switched that off), and from the About box on demand.
+// filled (when the user has not switched that off), and from the About box on demand;
+// and the promotion line that shows what the last check brought.
 update_hooks update_hooks_of(main_dialog& dialog)
 {
     const auto start = [&dialog](HWND owner, tessel::web::update_check_mode mode) {
@@ -97,6 +98,7 @@ update_hooks update_hooks_of(main_dialog& dialog)
         check.ui = dialog;
         check.owner = owner;
         check.mode = mode;
+        check.promotion_changed = [&dialog] { dialog.show_promotion(); };
         (void)tessel::web::start_update_check(std::move(check));
     };
     return {
@@ -105,6 +107,12 @@ update_hooks update_hooks_of(main_dialog& dialog)
             [start](HWND main_window) {
                 if (current_app_settings().check_for_updates)
                     start(main_window, tessel::web::update_check_mode::automatic);
+            },
+        // What the last check stored, until it expires.
+        .promotion =
+            [] {
+                const auto promotion = tessel::web::current_promotion();
+                return promotion ? tessel::web::promotion_markup(*promotion) : std::wstring();
             },
     };
 }

@@ -6,6 +6,7 @@
 #include "base/module_path.h"
 #include "base/registered_messages.h"
 #include "base/window_text.h"
+#include "controls/rich_view.h"
 #include "controls/treeview.h"
 #include "controls/vector_icons.h"
 #include "format/ts_printf.h"
@@ -29,6 +30,7 @@
 #include <initializer_list>
 #include <iterator>
 #include <utility>
+#include <cwchar>
 
 namespace servercfg {
 namespace {
@@ -84,8 +86,9 @@ constexpr anchor anchors[] = {
     {ids::help, true, true, true, true},
     {ids::about, true, true, true, true},
     {IDCANCEL, true, true, true, true},
+    {ids::promotion, true, true, false, true},
 };
-static_assert(std::size(anchors) == 9);
+static_assert(std::size(anchors) == 10);
 
 RECT child_rect(HWND dialog, int id)
 {
@@ -397,6 +400,8 @@ void main_dialog::on_init_dialog()
     ::MoveWindow(::GetDlgItem(window_, ids::tree_placeholder), placeholder.left, placeholder.top,
                  placeholder.right - placeholder.left, placeholder.bottom - placeholder.top, FALSE);
 
+    create_promotion_line();
+
     RECT client;
     ::GetClientRect(window_, &client);
     const RECT client_units = to_layout_units(window_, client);
@@ -410,8 +415,50 @@ void main_dialog::on_init_dialog()
     listening_ = SUCCEEDED(server_->AdviseListener(listener_.get()));
     refresh();
     update_copy_button();
+    show_promotion();
     if (hooks_.main_window_ready)
         ::PostMessageW(window_, wm_window_ready, 0, 0);
+}
+
+void main_dialog::create_promotion_line()
+{
+    // Between the buttons on the left and those on the right, on the buttons' line, after
+    // "Copy device ID" in the tab order.
+    const HWND copy_button = ::GetDlgItem(window_, ids::copy_device_id);
+    const RECT left = child_rect(window_, ids::copy_device_id);
+    const RECT right = child_rect(window_, ids::help);
+    RECT gap{0, 0, 7, 2};
+    ::MapDialogRect(window_, &gap);
+    const int x = left.right + gap.right;
+    const int width = std::max<int>(1, right.left - gap.right - x);
+    const HWND placeholder = ::CreateWindowExW(
+        0, L"STATIC", L"", WS_CHILD | WS_TABSTOP, x, left.top + gap.bottom, width, left.bottom - left.top - gap.bottom,
+        window_, reinterpret_cast<HMENU>(static_cast<INT_PTR>(ids::promotion)), ::GetModuleHandleW(nullptr), nullptr);
+    if (!placeholder)
+        return;  // the window works without it
+    ::SendMessageW(placeholder, WM_SETFONT, ::SendMessageW(window_, WM_GETFONT, 0, 0), FALSE);
+    ::SetWindowPos(placeholder, copy_button, 0, 0, 0, 0, SWP_NOMOVE | SWP_NOSIZE | SWP_NOACTIVATE);
+    try {
+        promotion_ = tessel::windows::new_controls::rich_view::attach(placeholder);
+        ::ShowWindow(promotion_->window(), SW_HIDE);
+    } catch (...) {
+        tessel::debug_report(L"the promotion line could not be made");
+    }
+}
+
+void main_dialog::show_promotion()
+{
+    if (!promotion_)
+        return;
+    std::wstring markup;
+    try {
+        if (hooks_.promotion)
+            markup = hooks_.promotion();
+        promotion_->set_text(markup);
+    } catch (...) {
+        markup.clear();
+    }
+    ::ShowWindow(promotion_->window(), markup.empty() ? SW_HIDE : SW_SHOWNA);
 }
 
 void main_dialog::create_tree()
@@ -538,6 +585,16 @@ void main_dialog::update_copy_button()
 
 INT_PTR main_dialog::on_notify(const NMHDR& header)
 {
+    if (header.idFrom == static_cast<UINT_PTR>(ids::promotion) &&
+        header.code == tessel::windows::new_controls::rvn_link_activated) {
+        // The address came from the update service: only a web page is opened for it,
+        // never a file or a program, which this elevated process would start.
+        const auto& link = reinterpret_cast<const tessel::windows::new_controls::nm_rich_view_link&>(header);
+        const std::wstring address = link.argument ? link.argument : L"";
+        if (address.size() > 8 && ::_wcsnicmp(address.c_str(), L"https://", 8) == 0)
+            ::ShellExecuteW(nullptr, L"open", address.c_str(), nullptr, nullptr, SW_SHOWNORMAL);
+        return 0;
+    }
     if (!tree_ || header.hwndFrom != tree_->window())
         return 0;
     switch (header.code) {

@@ -39,6 +39,10 @@
 #include <string>
 #include <vector>
 
+namespace tessel::windows::new_controls {
+class rich_view;
+}  // namespace tessel::windows::new_controls
+
 namespace tessel::windows::new_controls::treeview::impl {
 class treeview;
 class tree_node;
@@ -57,6 +61,8 @@ inline constexpr int copy_device_id = 1014;
 inline constexpr int hide_disconnected = 1016;
 inline constexpr int collapse_all = 1017;
 inline constexpr int help = 9;
+// The promotion line between the left and the right buttons, made at run time.
+inline constexpr int promotion = 1020;
 // The tree takes the placeholder's id.
 inline constexpr int tree = tree_placeholder;
 }  // namespace main_dialog_controls
@@ -115,6 +121,8 @@ public:
     [[nodiscard]] tessel::windows::new_controls::treeview::impl::treeview* tree() const noexcept { return tree_.get(); }
     // Every row again from the server, as after the window's start.
     void refresh();
+    // Shows the promotion line as the update hooks say it reads now, or hides it.
+    void show_promotion();
     // The share action of the top-level row `row` (its index in the model).
     void share_action(std::size_t row);
     // Copies the selected row's instance ID; false when no row with one is selected.
@@ -155,6 +163,7 @@ private:
     void on_destroy() noexcept;
     INT_PTR on_notify(const NMHDR& header);
     void create_tree();
+    void create_promotion_line();
     void prepare_markers();
     void update_copy_button();
     void show_context_menu(tessel::windows::new_controls::treeview::impl::tree_node* node, POINT screen);
@@ -190,10 +199,12 @@ private:
     bool listening_ = false;
     std::unique_ptr<tessel::windows::ole_thread> ole_thread_;
     tessel::windows::window_icons icons_;
+    // The rich view of the promotion line; it belongs to its window.
+    tessel::windows::new_controls::rich_view* promotion_ = nullptr;
     // Client size at creation and where each edge-bound control sat, for resizing, in
     // 1/100 dialog units (they follow the window's DPI).
     SIZE initial_client_{};
-    RECT initial_rects_[9]{};
+    RECT initial_rects_[10]{};
 };
 
 }  // namespace servercfg

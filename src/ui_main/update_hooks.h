@@ -6,6 +6,7 @@
 #include <windows.h>
 
 #include <functional>
+#include <string>
 
 namespace servercfg {
 
@@ -16,6 +17,9 @@ struct update_hooks {
     // Called once when the main window has been shown and filled: the automatic check
     // and the promotion notice start from here.
     std::function<void(HWND main_window)> main_window_ready;
+    // The markup of the main window's promotion line (a link to the promotion's address)
+    // as it should read now; empty, or no function: the line is hidden.
+    std::function<std::wstring()> promotion;
 };
 
 }  // namespace servercfg

@@ -145,6 +145,10 @@ TEST_F(program_update, check_without_news_keeps_the_promotion_and_the_program_cl
                ::RegQueryValueExW(promo.get(), L"Title", nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
     }, 10000);
     EXPECT_EQ(::RegQueryValueExW(promo.get(), L"Title", nullptr, nullptr, nullptr, nullptr), ERROR_SUCCESS);
+    // ...and the main window's promotion line, the title without its markup.
+    const HWND line = ::GetDlgItem(main_window, 1020);
+    test_support::pump_until([&] { return tessel::windows::window_text(line) == L"Test offer"; }, 5000);
+    EXPECT_EQ(tessel::windows::window_text(line), L"Test offer");
     ::PostMessageW(main_window, WM_CLOSE, 0, 0);
     ASSERT_EQ(::WaitForSingleObject(program.get(), 15000), WAIT_OBJECT_0);
     DWORD exit_code = 1;
