@@ -136,7 +136,7 @@ int wmain()
         const double start = now_seconds();
         [](HttpClient& client, std::atomic<bool>& done, bool& failed) -> fibra::fire_and_forget {
             try {
-                (void)co_await fetch_update_response(client, 301001234, update_check_mode::automatic, {});
+                (void)co_await fetch_update_response(client, 301001234, update_check_mode::automatic, stop_token());
             } catch (...) {
                 failed = true;
             }
@@ -168,20 +168,23 @@ int wmain()
         std::atomic<bool> done{false};
         std::uint64_t received = 0;
         const double start = now_seconds();
-        [](HttpClient& client, std::wstring address, std::atomic<bool>& done,
-           std::uint64_t& received) -> fibra::fire_and_forget {
+        HRESULT failure = S_OK;
+        [](HttpClient& client, std::wstring address, std::atomic<bool>& done, std::uint64_t& received,
+           HRESULT& failure) -> fibra::fire_and_forget {
             try {
                 const http_request request = co_await client.get(address, L"Accept: */*");
                 null_sink sink;
-                received = co_await read_body(request, sink, download_size, {}, 256 * 1024);
+                received = co_await read_body(request, sink, download_size, stop_token(), 256 * 1024);
             } catch (...) {
+                failure = tessel::hresult_from_caught_exception();
             }
             done = true;
-        }(client, download_address, done, received);
+        }(client, download_address, done, received, failure);
         ui_waits.push_back(pump_until(done));
         const double seconds = now_seconds() - start;
         if (received != download_size) {
-            std::fprintf(stderr, "the download failed\n");
+            std::fprintf(stderr, "the download failed: 0x%08lX after %llu bytes\n", static_cast<unsigned long>(failure),
+                         static_cast<unsigned long long>(received));
             return 1;
         }
         rates.push_back(download_size / seconds / 1e6);

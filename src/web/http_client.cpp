@@ -4,6 +4,7 @@
 #include "format/ts_printf.h"
 
 #include <algorithm>
+#include <map>
 #include <vector>
 
 namespace tessel::web {
@@ -110,6 +111,7 @@ bool read_operation::await_suspend(std::coroutine_handle<> continuation) noexcep
         error_ = error == ERROR_SUCCESS || error == ERROR_IO_PENDING ? ERROR_INTERNET_INTERNAL_ERROR : error;
         return false;
     }
+    waited_ = true;
     return !done_.exchange(true);
 }
 
@@ -126,6 +128,52 @@ DWORD read_operation::await_resume() const
     if (error_ != ERROR_SUCCESS)
         throw_win32(error_);
     return read_;
+}
+
+// ---- data available -------------------------------------------------------------------
+
+data_operation::data_operation(const http_request& request) noexcept
+    : request_(request.handle()), context_(request.context())
+{
+}
+
+bool data_operation::await_suspend(std::coroutine_handle<> continuation) noexcept
+{
+    continuation_ = continuation;
+    thread_ = ::GetCurrentThreadId();
+    if (context_)
+        context_->waiting.store(this);
+    if (::InternetQueryDataAvailable(request_, &available_, 0, 0)) {
+        if (context_)
+            context_->waiting.store(nullptr);
+        return false;
+    }
+    const DWORD error = ::GetLastError();
+    if (error != ERROR_IO_PENDING || !context_) {
+        if (context_)
+            context_->waiting.store(nullptr);
+        error_ = error == ERROR_SUCCESS || error == ERROR_IO_PENDING ? ERROR_INTERNET_INTERNAL_ERROR : error;
+        return false;
+    }
+    waited_ = true;
+    return !done_.exchange(true);
+}
+
+void data_operation::complete(const INTERNET_ASYNC_RESULT&) noexcept
+{
+    // What the completion reports differs between WinINet versions (the count in dwResult
+    // or in dwError); the caller asks again, which answers at once now, and reliably.
+    if (done_.exchange(true))
+        windows::impl::post_ui_return(thread_, continuation_);
+}
+
+std::optional<DWORD> data_operation::await_resume() const
+{
+    if (error_ != ERROR_SUCCESS)
+        throw_win32(error_);
+    if (waited_)
+        return std::nullopt;
+    return available_;
 }
 
 // ---- client ---------------------------------------------------------------------------
@@ -225,6 +273,54 @@ bool is_https_address(std::wstring_view address) noexcept
     return true;
 }
 
+namespace {
+
+// How long a transfer may keep the thread from its messages: on a fast connection every
+// read completes at once, and the whole body would otherwise arrive in one stretch of the
+// UI thread, with no input handled and nothing painted.
+constexpr ULONGLONG longest_busy_stretch_ms = 30;
+
+// Continues the coroutine once the thread has handled its waiting input, paint and timer
+// messages: a thread timer's WM_TIMER comes after all of those (a posted message would
+// come before them). Only for the thread that runs the coroutine.
+class yield_to_messages {
+public:
+    bool await_ready() const noexcept { return false; }
+    bool await_suspend(std::coroutine_handle<> continuation) noexcept
+    {
+        try {
+            const UINT_PTR timer = ::SetTimer(nullptr, 0, USER_TIMER_MINIMUM, resume);
+            if (timer == 0)
+                return false;  // go on at once
+            waiting().emplace(timer, continuation);
+            return true;
+        } catch (...) {
+            return false;
+        }
+    }
+    void await_resume() const noexcept {}
+
+private:
+    static std::map<UINT_PTR, std::coroutine_handle<>>& waiting()
+    {
+        thread_local std::map<UINT_PTR, std::coroutine_handle<>> coroutines;
+        return coroutines;
+    }
+    static void CALLBACK resume(HWND, UINT, UINT_PTR timer, DWORD) noexcept
+    {
+        ::KillTimer(nullptr, timer);
+        auto& coroutines = waiting();
+        const auto found = coroutines.find(timer);
+        if (found == coroutines.end())
+            return;
+        const std::coroutine_handle<> continuation = found->second;
+        coroutines.erase(found);
+        continuation.resume();
+    }
+};
+
+}  // namespace
+
 void stop_token::throw_if_stopped() const
 {
     if (stop_requested())
@@ -239,9 +335,31 @@ task<std::uint64_t> read_body(const http_request& request, body_sink& sink, std:
         throw_win32(ERROR_FILE_TOO_LARGE);
     std::vector<std::byte> buffer(chunk_size);
     std::uint64_t received = 0;
+    ULONGLONG busy_since = ::GetTickCount64();
     for (;;) {
-        const DWORD read = co_await HttpClient::read_chunk(request, buffer.data(), chunk_size);
+        // Wait until WinINet holds data, then read only what it holds, which completes at
+        // once. A read that has to wait can lose its count under Wine: its InternetReadFile
+        // zeroes the count after queuing the read, which may be after the read has ended.
+        data_operation wait = HttpClient::wait_for_data(request);
+        const std::optional<DWORD> available = co_await wait;
+        if (wait.waited())
+            busy_since = ::GetTickCount64();
         stop.throw_if_stopped();
+        if (!available)
+            continue;  // data has arrived: ask again how much
+        DWORD read = 0;
+        if (*available > 0) {
+            read_operation chunk = HttpClient::read_chunk(request, buffer.data(), std::min(*available, chunk_size));
+            read = co_await chunk;
+            if (chunk.waited())
+                busy_since = ::GetTickCount64();
+            stop.throw_if_stopped();
+        }
+        if (::GetTickCount64() - busy_since >= longest_busy_stretch_ms) {
+            co_await yield_to_messages{};
+            busy_since = ::GetTickCount64();
+            stop.throw_if_stopped();
+        }
         if (read == 0)
             break;
         received += read;

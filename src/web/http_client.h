@@ -27,6 +27,7 @@
 #include <coroutine>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -100,6 +101,33 @@ private:
     DWORD thread_ = 0;
 };
 
+// co_await HttpClient::wait_for_data(request) → how many bytes of the body WinINet holds
+// now (0: the body is complete); nothing when it had to wait for them: data has arrived
+// since, and asking again tells how much.
+class data_operation final : private details::completion_target {
+public:
+    explicit data_operation(const http_request& request) noexcept;
+
+    bool await_ready() const noexcept { return false; }
+    bool await_suspend(std::coroutine_handle<> continuation) noexcept;
+    std::optional<DWORD> await_resume() const;
+    // Whether it waited for WinINet (and the thread went back to its messages).
+    [[nodiscard]] bool waited() const noexcept { return waited_; }
+
+private:
+    void complete(const INTERNET_ASYNC_RESULT& result) noexcept override;
+
+    HINTERNET request_;
+    details::request_context* context_;
+    // WinINet writes the count here before it reports the completion.
+    DWORD available_ = 0;
+    DWORD error_ = ERROR_SUCCESS;
+    bool waited_ = false;
+    std::atomic<bool> done_{false};
+    std::coroutine_handle<> continuation_;
+    DWORD thread_ = 0;
+};
+
 // co_await HttpClient::read_chunk(...) → bytes read; 0 when the body is complete.
 class read_operation final : private details::completion_target {
 public:
@@ -108,6 +136,8 @@ public:
     bool await_ready() const noexcept { return false; }
     bool await_suspend(std::coroutine_handle<> continuation) noexcept;
     DWORD await_resume() const;
+    // Whether the read waited for WinINet (and the thread went back to its messages).
+    [[nodiscard]] bool waited() const noexcept { return waited_; }
 
 private:
     void complete(const INTERNET_ASYNC_RESULT& result) noexcept override;
@@ -119,6 +149,7 @@ private:
     // WinINet writes the count here before it reports the completion.
     DWORD read_ = 0;
     DWORD error_ = ERROR_SUCCESS;
+    bool waited_ = false;
     std::atomic<bool> done_{false};
     std::coroutine_handle<> continuation_;
     DWORD thread_ = 0;
@@ -147,6 +178,10 @@ public:
     [[nodiscard]] static read_operation read_chunk(const http_request& request, void* buffer, DWORD size) noexcept
     {
         return read_operation(request, buffer, size);
+    }
+    [[nodiscard]] static data_operation wait_for_data(const http_request& request) noexcept
+    {
+        return data_operation(request);
     }
 
 private:
