@@ -9,6 +9,7 @@
 #include <objbase.h>
 
 #include <algorithm>
+#include <utility>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -27,6 +28,7 @@ constexpr REGSAM object_access = DELETE | READ_CONTROL | KEY_QUERY_VALUE | KEY_S
 constexpr wchar_t count_marker[] = L"@count";
 constexpr wchar_t version_marker[] = L"@version";
 constexpr wchar_t id_marker[] = L"@id";
+const registry_read_calls system_read_calls;
 
 std::wstring root_name(HKEY root)
 {
@@ -230,7 +232,10 @@ private:
 
 class registry_reader final : public reader_base {
 public:
-    registry_reader(HKEY key, std::wstring path) : archive_key_(key), archive_path_(std::move(path)) {}
+    registry_reader(HKEY key, std::wstring path, const registry_read_calls& calls)
+        : calls_(calls), archive_key_(key), archive_path_(std::move(path))
+    {
+    }
 
     std::uint32_t find_member(std::string_view) override
     {
@@ -277,13 +282,13 @@ public:
         for (int attempt = 0; attempt < 4; ++attempt) {
             DWORD type = 0;
             DWORD size = 0;
-            if (::RegQueryValueExW(key(), e.name_utf16.c_str(), nullptr, &type, nullptr, &size) != ERROR_SUCCESS ||
+            if (calls_.query_value(key(), e.name_utf16.c_str(), nullptr, &type, nullptr, &size) != ERROR_SUCCESS ||
                 (type != REG_SZ && type != REG_EXPAND_SZ))
                 bad_format();
             out.resize(size / sizeof(wchar_t) + 1);
             DWORD read = static_cast<DWORD>(out.size() * sizeof(wchar_t));
             const LSTATUS status =
-                ::RegQueryValueExW(key(), e.name_utf16.c_str(), nullptr, &type, reinterpret_cast<BYTE*>(out.data()), &read);
+                calls_.query_value(key(), e.name_utf16.c_str(), nullptr, &type, reinterpret_cast<BYTE*>(out.data()), &read);
             if (status == ERROR_MORE_DATA)
                 continue;  // grew between the two calls
             if (status != ERROR_SUCCESS)
@@ -330,7 +335,7 @@ public:
             bad_format();
         DWORD type = 0;
         DWORD size = 0;
-        if (::RegQueryValueExW(key(), e.name_utf16.c_str(), nullptr, &type, nullptr, &size) != ERROR_SUCCESS ||
+        if (calls_.query_value(key(), e.name_utf16.c_str(), nullptr, &type, nullptr, &size) != ERROR_SUCCESS ||
             type != REG_BINARY)
             bad_format();
         return size;
@@ -339,7 +344,7 @@ public:
     object_header begin_object() override
     {
         if (scopes_.empty())
-            enter(archive_key_, unique_hkey(), archive_path_);
+            enter(archive_key_, opened_key(), archive_path_);
         else
             enter_subkey();
         const scope& s = scopes_.back();
@@ -360,7 +365,7 @@ public:
         DWORD type = 0;
         DWORD read = static_cast<DWORD>(size);
         if (size > 0xFFFFFFFFu ||
-            ::RegQueryValueExW(key(), e.name_utf16.c_str(), nullptr, &type, static_cast<BYTE*>(data), &read) !=
+            calls_.query_value(key(), e.name_utf16.c_str(), nullptr, &type, static_cast<BYTE*>(data), &read) !=
                 ERROR_SUCCESS ||
             type != REG_BINARY || read != size)
             bad_format();
@@ -390,8 +395,34 @@ private:
         std::size_t member_length;
     };
 
+    // A subkey the reader opened, closed through the calls that opened it.
+    class opened_key {
+    public:
+        opened_key() = default;
+        opened_key(HKEY key, const registry_read_calls& calls) noexcept : key_(key), calls_(&calls) {}
+        opened_key(opened_key&& other) noexcept
+            : key_(std::exchange(other.key_, nullptr)), calls_(other.calls_)
+        {
+        }
+        opened_key& operator=(opened_key&& other) noexcept
+        {
+            std::swap(key_, other.key_);
+            std::swap(calls_, other.calls_);
+            return *this;
+        }
+        ~opened_key()
+        {
+            if (key_)
+                calls_->close_key(key_);
+        }
+
+    private:
+        HKEY key_ = nullptr;
+        const registry_read_calls* calls_ = nullptr;
+    };
+
     struct scope {
-        unique_hkey owned;
+        opened_key owned;
         HKEY key;
         std::wstring path;
         std::vector<entry> entries;
@@ -449,7 +480,7 @@ private:
         std::uint64_t value = 0;
         DWORD type = 0;
         DWORD size = sizeof value;
-        if (::RegQueryValueExW(key(), e.name_utf16.c_str(), nullptr, &type, reinterpret_cast<BYTE*>(&value), &size) !=
+        if (calls_.query_value(key(), e.name_utf16.c_str(), nullptr, &type, reinterpret_cast<BYTE*>(&value), &size) !=
             ERROR_SUCCESS)
             bad_format();
         if (!((type == REG_DWORD && size == 4) || (type == REG_QWORD && size == 8)))
@@ -476,13 +507,13 @@ private:
         if (!e.is_subkey)
             bad_format();
         HKEY key = nullptr;
-        if (::RegOpenKeyExW(scopes_.back().key, e.name_utf16.c_str(), 0, read_access, &key) != ERROR_SUCCESS)
+        if (calls_.open_key(scopes_.back().key, e.name_utf16.c_str(), 0, read_access, &key) != ERROR_SUCCESS)
             bad_format();
         std::wstring path = scopes_.back().path + L"\\" + e.name_utf16;
-        enter(key, unique_hkey(key), std::move(path));
+        enter(key, opened_key(key, calls_), std::move(path));
     }
 
-    void enter(HKEY key, unique_hkey owned, std::wstring path)
+    void enter(HKEY key, opened_key owned, std::wstring path)
     {
         scope s;
         s.owned = std::move(owned);
@@ -524,39 +555,41 @@ private:
         s.entries.push_back(std::move(e));
     }
 
-    static void enumerate(scope& s)
+    void enumerate(scope& s)
     {
         // Names are at most 16383 characters (values) and 255 (keys).
         std::vector<wchar_t> name(16384);
         for (DWORD index = 0;; ++index) {
             DWORD length = static_cast<DWORD>(name.size());
             DWORD type = 0;
-            const LSTATUS status = ::RegEnumValueW(s.key, index, name.data(), &length, nullptr, &type, nullptr, nullptr);
-            if (status == ERROR_NO_MORE_ITEMS)
-                break;
-            if (status != ERROR_SUCCESS)
+            const LSTATUS status = calls_.enum_value(s.key, index, name.data(), &length, nullptr, &type, nullptr, nullptr);
+            // Only a name too long for the buffer is skipped: any other failure (a key
+            // deleted meanwhile, a handle gone bad) answers the same for every index.
+            if (status == ERROR_MORE_DATA)
                 continue;
+            if (status != ERROR_SUCCESS)
+                break;
             add_entry(s, std::wstring_view(name.data(), length), type, false);
         }
         for (DWORD index = 0;; ++index) {
             DWORD length = static_cast<DWORD>(name.size());
-            const LSTATUS status = ::RegEnumKeyExW(s.key, index, name.data(), &length, nullptr, nullptr, nullptr, nullptr);
-            if (status == ERROR_NO_MORE_ITEMS)
-                break;
-            if (status != ERROR_SUCCESS)
+            const LSTATUS status = calls_.enum_key(s.key, index, name.data(), &length, nullptr, nullptr, nullptr, nullptr);
+            if (status == ERROR_MORE_DATA)
                 continue;
+            if (status != ERROR_SUCCESS)
+                break;
             add_entry(s, std::wstring_view(name.data(), length), REG_NONE, true);
         }
         std::sort(s.entries.begin(), s.entries.end(),
                   [](const entry& a, const entry& b) { return a.name_utf8 < b.name_utf8; });
     }
 
-    static bool query_number(HKEY key, const wchar_t* name, std::uint32_t& out) noexcept
+    bool query_number(HKEY key, const wchar_t* name, std::uint32_t& out) noexcept
     {
         std::uint64_t value = 0;
         DWORD type = 0;
         DWORD size = sizeof value;
-        if (::RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(&value), &size) != ERROR_SUCCESS)
+        if (calls_.query_value(key, name, nullptr, &type, reinterpret_cast<BYTE*>(&value), &size) != ERROR_SUCCESS)
             return false;
         if ((type == REG_DWORD && size == 4) || (type == REG_QWORD && size == 8)) {
             out = static_cast<std::uint32_t>(value);
@@ -565,18 +598,19 @@ private:
         return false;
     }
 
-    static bool query_string(HKEY key, const wchar_t* name, std::wstring& out)
+    bool query_string(HKEY key, const wchar_t* name, std::wstring& out)
     {
         wchar_t buffer[64] = {};
         DWORD type = 0;
         DWORD size = sizeof buffer - sizeof(wchar_t);
-        if (::RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(buffer), &size) != ERROR_SUCCESS ||
+        if (calls_.query_value(key, name, nullptr, &type, reinterpret_cast<BYTE*>(buffer), &size) != ERROR_SUCCESS ||
             (type != REG_SZ && type != REG_EXPAND_SZ))
             return false;
         out.assign(buffer);
         return true;
     }
 
+    const registry_read_calls& calls_;
     HKEY archive_key_;
     std::wstring archive_path_;
     std::vector<scope> scopes_;
@@ -586,7 +620,13 @@ private:
 
 registry::registry(HKEY root, std::wstring subkey, HANDLE transaction, bool block_mode, bool write_all_members)
     : root_(root), subkey_(std::move(subkey)), transaction_(transaction), block_mode_(block_mode),
-      write_all_members_(write_all_members)
+      write_all_members_(write_all_members), calls_(&system_read_calls)
+{
+}
+
+registry::registry(HKEY key, std::wstring path_text, const registry_read_calls& calls)
+    : root_(nullptr), transaction_(nullptr), block_mode_(false), write_all_members_(false), borrowed_(key),
+      borrowed_path_(std::move(path_text)), calls_(&calls)
 {
 }
 
@@ -602,6 +642,8 @@ std::uint32_t registry::archive_options() const
 
 std::wstring registry::path_text() const
 {
+    if (borrowed_)
+        return borrowed_path_;
     return subkey_.empty() ? root_name(root_) : root_name(root_) + L"\\" + subkey_;
 }
 
@@ -615,15 +657,18 @@ void registry::open(REGSAM access)
 
 std::unique_ptr<reader_base> registry::create_reader()
 {
+    if (borrowed_)
+        return std::make_unique<registry_reader>(borrowed_, borrowed_path_, *calls_);
     if (!key_) {
         open(read_access);
         read_only_ = true;
     }
-    return std::make_unique<registry_reader>(key_.get(), path_text());
+    return std::make_unique<registry_reader>(key_.get(), path_text(), *calls_);
 }
 
 std::unique_ptr<writer_base> registry::create_writer()
 {
+    fail_fast_if(borrowed_ != nullptr, L"registry archive: a key read through other calls cannot be written");
     if (key_ && read_only_)
         key_.reset();
     if (!key_) {

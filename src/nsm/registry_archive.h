@@ -20,6 +20,17 @@
 
 namespace tessel::nsm {
 
+// The registry calls with which the reader reads a key: the system's by default. The fuzz
+// campaign reads damaged keys held in memory through calls of its own, at a speed the
+// registry of a test system does not allow.
+struct registry_read_calls {
+    decltype(&::RegOpenKeyExW) open_key = ::RegOpenKeyExW;
+    decltype(&::RegCloseKey) close_key = ::RegCloseKey;
+    decltype(&::RegQueryValueExW) query_value = ::RegQueryValueExW;
+    decltype(&::RegEnumValueW) enum_value = ::RegEnumValueW;
+    decltype(&::RegEnumKeyExW) enum_key = ::RegEnumKeyExW;
+};
+
 class registry final : public archive {
 public:
     // root: a predefined key (HKEY_CURRENT_USER...) or a key the caller keeps open.
@@ -27,6 +38,9 @@ public:
     // (no record here uses it). write_all_members: write members equal to their defaults too.
     registry(HKEY root, std::wstring subkey, HANDLE transaction = nullptr, bool block_mode = false,
              bool write_all_members = false);
+    // A reader of `key`, which the caller keeps open and which `calls` understand (they
+    // must outlive the archive); path_text names it in messages. It cannot be written.
+    registry(HKEY key, std::wstring path_text, const registry_read_calls& calls);
     ~registry() override;
 
     [[nodiscard]] std::uint32_t archive_options() const override;
@@ -55,6 +69,10 @@ private:
     bool block_mode_;
     bool write_all_members_;
     bool remove_absent_values_ = false;
+    // Set for a key read through calls of the caller's.
+    HKEY borrowed_ = nullptr;
+    std::wstring borrowed_path_;
+    const registry_read_calls* calls_;
 };
 
 }  // namespace tessel::nsm

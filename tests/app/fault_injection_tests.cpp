@@ -5,48 +5,95 @@
 // release everything it received, must stay closable and must save its settings.
 //
 // The table below is the whole matrix: a method the program starts to call is one more
-// line.
+// line. Methods reached by a user action are driven as a user would (the share action,
+// the Settings command). Methods of devices and shares fail with one code per device, so
+// one program start takes all four codes; while the window runs, one program takes the
+// whole table, its codes switched through the control pipe.
 
 #include "program_process.h"
 
 #include "base/unique_handle.h"
+#include "base/utf.h"
 
 #include <gtest/gtest.h>
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 namespace {
 
 using namespace process_test;
 
-// When the program calls the method.
+// When the program calls the method, and so what makes it call it.
 enum class phase {
-    start_up,  // before or while the main window is built
-    running,   // while the window is open (listener notifications, user commands)
-    closing,   // while the window goes
+    before_window, // only while the program starts
+    start_up,      // while the main window is built; again on every full refresh and notification
+    closing,       // while the window goes
+    share,         // the share action on a device that is not shared
+    unshare,       // the share action on a shared device
+    settings,      // the Settings command, ended with Cancel
+    settings_ok,   // the Settings command, ended with OK
 };
 
 // What the user gets when the method fails at start-up.
 enum class outcome {
     main_window,          // the failure is not examined or has a fallback: the window comes up
     not_running_message,  // "not currently running", exit code 2
+    error_message,        // a message with the code, then the window
+};
+
+// Which objects the failure is set on. Methods of devices and shares fail on one device
+// each, so that one start of the program takes every code at once.
+enum class scope {
+    server,
+    each_device,
+    each_share,
 };
 
 struct fault_case {
     const wchar_t* method;
     phase called;
     outcome on_failure;
+    scope on = scope::server;
 };
 
 constexpr fault_case matrix[] = {
-    {L"Initialize", phase::start_up, outcome::main_window},
-    {L"IsRunning", phase::start_up, outcome::not_running_message},
-    {L"AdviseListener", phase::start_up, outcome::main_window},
+    {L"Initialize", phase::before_window, outcome::main_window},
+    {L"IsRunning", phase::before_window, outcome::not_running_message},
+    {L"AdviseListener", phase::before_window, outcome::main_window},
+    {L"GetShares", phase::start_up, outcome::error_message},
+    {L"GetDevices", phase::start_up, outcome::error_message},
+    {L"GetDevice", phase::start_up, outcome::main_window, scope::each_share},
+    {L"GetAuthenticationKey", phase::start_up, outcome::main_window, scope::each_share},
+    {L"GetName", phase::start_up, outcome::main_window, scope::each_device},
+    {L"GetLocation", phase::start_up, outcome::main_window, scope::each_device},
+    {L"IsConnected", phase::start_up, outcome::main_window, scope::each_device},
+    {L"GetClientName", phase::start_up, outcome::main_window, scope::each_device},
+    {L"NeedsShareConfirmation", phase::share, outcome::main_window},
+    {L"ShareDevice", phase::share, outcome::main_window},
+    {L"UnshareDevice", phase::unshare, outcome::main_window},
+    {L"GetSettingsAsync", phase::settings, outcome::main_window},
+    {L"GetSettingsAsync.completion", phase::settings, outcome::main_window},
+    {L"SetSettingsAsync", phase::settings_ok, outcome::main_window},
+    {L"SetSettingsAsync.completion", phase::settings_ok, outcome::main_window},
     {L"UnadviseListener", phase::closing, outcome::main_window},
 };
+
+// The devices of the start-up scenario, all shared: a method of devices or shares fails
+// with one code per device.
+constexpr const wchar_t* devices[] = {L"flash", L"hub", L"keyboard", L"printer"};
+constexpr char start_up_devices[] =
+    R"("devices": [{"id": "flash", "name": "Arcturus Flash 32GB", "location": "1-1", "class": "disk", "client": "WS-7"},
+                   {"id": "hub", "name": "Generic USB 3.0 Hub", "location": "1-2", "class": "usb"},
+                   {"id": "keyboard", "name": "Kestrel K120 Keyboard", "location": "1-4", "class": "keyboard"},
+                   {"id": "printer", "name": "Labelwise Printer", "location": "1-6", "class": "printer",
+                    "connected": false}],
+       "shares": [{"device": "flash", "key": "k1"}, {"device": "hub"}, {"device": "keyboard", "key": "k3"},
+                  {"device": "printer"}],)";
 
 struct code {
     const char* name;
@@ -67,24 +114,145 @@ std::wstring hex(HRESULT value)
     return text;
 }
 
-std::string scenario_failing(const wchar_t* method, HRESULT value)
+struct failure_on {
+    HRESULT value;
+    const wchar_t* device;  // null: every object
+};
+
+std::string scenario_failing(const wchar_t* method, const std::vector<failure_on>& failures)
 {
-    char text[256];
-    std::snprintf(text, sizeof text, R"({"failures": [{"method": "%ls", "hresult": "%ls"}]})", method, hex(value).c_str());
-    return text;
+    std::string json = std::string("{") + start_up_devices + R"("failures": [)";
+    for (const failure_on& f : failures) {
+        char text[256];
+        std::snprintf(text, sizeof text, R"(%s{"method": "%ls", "hresult": "%ls")", json.back() == '[' ? "" : ", ",
+                      method, hex(f.value).c_str());
+        json += text;
+        if (f.device)
+            json += R"(, "device": ")" + tessel::utf16_to_utf8(f.device) + "\"";
+        json += "}";
+    }
+    return json + "]}";
 }
+
+// The failures that make a method fail with every code: one set per program start, or
+// one set for all the codes when each device fails with a code of its own.
+std::vector<std::vector<failure_on>> failure_sets(const fault_case& c)
+{
+    std::vector<std::vector<failure_on>> sets;
+    for (std::size_t i = 0; i < std::size(codes); ++i) {
+        if (c.on == scope::server)
+            sets.push_back({{codes[i].value, nullptr}});
+        else if (i == 0)
+            sets.push_back({{codes[i].value, devices[i]}});
+        else
+            sets.back().push_back({codes[i].value, devices[i]});
+    }
+    return sets;
+}
+
+static_assert(std::size(devices) == std::size(codes));
 
 class fault_injection : public program_process {
 protected:
-    // What goes on while a window is open: devices come, go and change, clients connect.
-    void use_the_window()
+    // What goes on while a window is open: devices change and clients come and go (every
+    // notification method, eight changes), and the view is rebuilt twice (Hide
+    // disconnected on and off, a full refresh each).
+    void use_the_window(const std::wstring& window)
     {
+        control({L"burst", L"8"});
         control({L"add", L"cam", L"Orbis Webcam", L"class=image", L"client=DESK-1"});
-        control({L"unplug", L"flash"});
-        control({L"connect", L"hub", L"LAB PC 3"});
-        control({L"disconnect", L"flash", L"second"});
-        control({L"share", L"keyboard", L"secret"});
         control({L"remove", L"cam"});
+        ui_driver(L"click " + window + L" 1016");
+        answer_messages();
+        ui_driver(L"click " + window + L" 1016");
+        answer_messages();
+    }
+
+    // Every message that comes up must name one of the failing codes; each is answered
+    // with OK. first_wait_ms: how long to wait for the first.
+    void answer_messages(DWORD first_wait_ms = 300)
+    {
+        std::wstring answered;
+        for (DWORD wait = first_wait_ms;; wait = 300) {
+            const std::wstring box = wait_for(message_text_id, wait);
+            if (box.empty())
+                return;
+            if (box == answered) {
+                ::Sleep(100);  // still going after its OK
+                continue;
+            }
+            answered = box;
+            std::wstring text = message_text(box);
+            std::transform(text.begin(), text.end(), text.begin(), ::towupper);
+            EXPECT_TRUE(std::any_of(failing_.begin(), failing_.end(),
+                                    [&](HRESULT code) { return text.find(hex(code).substr(2)) != std::wstring::npos; }))
+                << "a message that does not name the failure: " << tessel::utf16_to_utf8(text);
+            ui_driver(L"click " + box + L" 1");
+        }
+    }
+
+    // The top-level row whose text starts with `name`, or -1.
+    int row_of(const std::wstring& window, const std::wstring& name)
+    {
+        const std::wstring rows = ui_driver(L"rows " + window + L" 1003").output;
+        int row = 0;
+        for (std::size_t at = 0; at < rows.size(); ++row) {
+            if (rows.compare(at, 2, L"0\t") == 0 && rows.compare(at + 2, name.size(), name) == 0)
+                return row;
+            at = std::min(rows.find(L'\n', at), rows.size()) + 1;
+        }
+        return -1;
+    }
+
+    // The share action on a device's row; when it is not shared, the share dialog comes
+    // up whatever the confirmation question answered, and is ended with this button.
+    void share_action(const std::wstring& window, const std::wstring& device, int dialog_button)
+    {
+        const int row = row_of(window, device);
+        ASSERT_GE(row, 0) << "no row for " << tessel::utf16_to_utf8(device);
+        ui_driver(L"select " + window + L" 1003 " + std::to_wstring(row));
+        ui_driver(L"key " + window + L" 1003 13");
+        if (dialog_button == 0)
+            return;
+        const auto dialog = ui_driver(L"wait \"Share Device\" 1006 10000");
+        ASSERT_EQ(dialog.exit_code, 0u) << "no share dialog";
+        ui_driver(L"click " + dialog.output + L" " + std::to_wstring(dialog_button));
+    }
+
+    // The Settings command: the dialog comes up whatever the server answers; OK is
+    // pressed once the settings have been read.
+    void settings_action(const std::wstring& window, bool press_ok)
+    {
+        ui_driver(L"click " + window + L" 1005");
+        const auto dialog = ui_driver(L"wait \"Server Settings\" 1019 10000");
+        ASSERT_EQ(dialog.exit_code, 0u) << "no settings dialog";
+        if (press_ok) {
+            const ULONGLONG deadline = ::GetTickCount64() + 5000;
+            while (::GetTickCount64() < deadline && ui_driver(L"enabled " + dialog.output + L" 1").output != L"1")
+                ::Sleep(100);
+            ASSERT_EQ(ui_driver(L"enabled " + dialog.output + L" 1").output, L"1") << "the settings were not read";
+        }
+        ui_driver(L"click " + dialog.output + L" " + (press_ok ? L"1" : L"2"));
+    }
+
+    // Makes the program call the method while the window runs.
+    void act(const fault_case& c, const std::wstring& window)
+    {
+        switch (c.called) {
+        case phase::before_window:
+        case phase::closing: break;
+        case phase::start_up: use_the_window(window); break;
+        case phase::share: share_action(window, L"Generic USB 3.0 Hub", c.method == std::wstring(L"ShareDevice") ? 1 : 2); break;
+        case phase::unshare:
+            // A failed unshare still clears the row; a full refresh shows the server's share again.
+            ui_driver(L"click " + window + L" 1016");
+            ui_driver(L"click " + window + L" 1016");
+            share_action(window, L"Labelwise", 0);
+            break;
+        case phase::settings: settings_action(window, false); break;
+        case phase::settings_ok: settings_action(window, true); break;
+        }
+        answer_messages(c.called == phase::start_up ? 300 : 1500);
     }
 
     // The window still answers, a view option can be switched (which saves the settings),
@@ -93,6 +261,7 @@ protected:
     {
         EXPECT_FALSE(wait_for(main_tree_placeholder_id, 3000).empty()) << "the main window is gone or hangs";
         ui_driver(L"click " + window + L" 1016");
+        answer_messages();
         ui_driver(L"close " + window);
         EXPECT_EQ(program_run.wait(), 0u) << "the program did not end normally after its window was closed";
         tessel::unique_hkey key;
@@ -103,15 +272,27 @@ protected:
             << "the settings were not saved";
         EXPECT_EQ(hidden, 1u);
     }
+
+    // The codes a message of the moment may name.
+    std::vector<HRESULT> failing_;
 };
 
 TEST_F(fault_injection, every_method_failing_at_start_up_gives_the_message_or_the_fallback)
 {
+    // The window closes with UnadviseListener failing, by turns with each code.
+    std::size_t closing_code = 0;
     for (const fault_case& c : matrix) {
-        for (const code& failure : codes) {
-            SCOPED_TRACE(testing::Message() << "method " << std::wstring(c.method) << " failing with " << failure.name);
+        if (c.called != phase::before_window && c.called != phase::start_up)
+            continue;
+        for (const auto& failures : failure_sets(c)) {
+            SCOPED_TRACE(testing::Message() << "method " << tessel::utf16_to_utf8(c.method) << " failing with "
+                                            << tessel::utf16_to_utf8(hex(failures.front().value))
+                                            << (failures.size() > 1 ? " and the other codes, one per device" : ""));
             ::RegDeleteTreeW(HKEY_CURRENT_USER, settings_key);
-            use_scenario(scenario_failing(c.method, failure.value));
+            use_scenario(scenario_failing(c.method, failures));
+            failing_.clear();
+            for (const failure_on& f : failures)
+                failing_.push_back(f.value);
             process program_run(program());
             if (c.on_failure == outcome::not_running_message) {
                 const std::wstring box = wait_for(message_text_id);
@@ -122,9 +303,16 @@ TEST_F(fault_injection, every_method_failing_at_start_up_gives_the_message_or_th
                 EXPECT_EQ(program_run.wait(), 2u);
                 continue;
             }
+            if (c.on_failure == outcome::error_message) {
+                ASSERT_FALSE(wait_for(message_text_id).empty()) << "no message box appeared";
+                answer_messages(0);
+            }
             const std::wstring window = wait_for(main_tree_placeholder_id);
             ASSERT_FALSE(window.empty()) << "the main window did not appear";
-            use_the_window();
+            use_the_window(window);
+            const HRESULT closing = codes[closing_code++ % std::size(codes)].value;
+            control({L"fail", L"UnadviseListener", hex(closing)});
+            failing_.push_back(closing);
             close_and_check(program_run, window);
         }
     }
@@ -132,23 +320,39 @@ TEST_F(fault_injection, every_method_failing_at_start_up_gives_the_message_or_th
 
 TEST_F(fault_injection, every_method_failing_while_the_window_runs_leaves_it_usable_and_closable)
 {
-    for (const code& failure : codes) {
-        SCOPED_TRACE(testing::Message() << "failing with " << failure.name);
-        ::RegDeleteTreeW(HKEY_CURRENT_USER, settings_key);
-        process program_run(program());
-        const std::wstring window = wait_for(main_tree_placeholder_id);
-        ASSERT_FALSE(window.empty()) << "the main window did not appear";
-        // One method after the other; the ones called at closing stay failed for the close.
-        for (const fault_case& c : matrix) {
-            SCOPED_TRACE(testing::Message() << "method " << std::wstring(c.method));
-            ASSERT_TRUE(control({L"fail", c.method, hex(failure.value)})) << "the server refused the failure";
-            use_the_window();
+    // One program for the whole table: the codes are switched at run time. Methods called
+    // only before the window exists are left to the start-up test.
+    ::RegDeleteTreeW(HKEY_CURRENT_USER, settings_key);
+    process program_run(program());
+    const std::wstring window = wait_for(main_tree_placeholder_id);
+    ASSERT_FALSE(window.empty()) << "the main window did not appear";
+    for (const fault_case& c : matrix) {
+        if (c.called == phase::before_window || c.called == phase::closing)
+            continue;
+        for (const auto& failures : failure_sets(c)) {
+            SCOPED_TRACE(testing::Message() << "method " << tessel::utf16_to_utf8(c.method) << " failing with "
+                                            << tessel::utf16_to_utf8(hex(failures.front().value))
+                                            << (failures.size() > 1 ? " and the other codes, one per device" : ""));
+            failing_.clear();
+            for (const failure_on& f : failures) {
+                std::vector<std::wstring> command{L"fail", c.method, hex(f.value)};
+                if (f.device)
+                    command.push_back(std::wstring(L"device=") + f.device);
+                ASSERT_TRUE(control(command)) << "the server refused the failure";
+                failing_.push_back(f.value);
+            }
+            act(c, window);
             EXPECT_FALSE(wait_for(main_tree_placeholder_id, 3000).empty()) << "the main window is gone or hangs";
-            if (c.called != phase::closing)
-                control({L"fail", c.method, L"off"});
+            for (const failure_on& f : failures) {
+                std::vector<std::wstring> command{L"fail", c.method, L"off"};
+                if (f.device)
+                    command.push_back(std::wstring(L"device=") + f.device);
+                control(command);
+            }
         }
-        close_and_check(program_run, window);
     }
+    failing_.clear();
+    close_and_check(program_run, window);
 }
 
 }  // namespace
