@@ -140,6 +140,38 @@ void restore(model& m, row_index first, row_index end)
         m.set_range(row, row + 1, range_mode::select);
 }
 
+// Nanoseconds of one load that misses every cache and waits for the one before it: a
+// random cycle through 64 MB of cache lines.
+double memory_latency_ns()
+{
+    struct line {
+        line* next;
+        char padding[56];
+    };
+    constexpr std::size_t count = (std::size_t{64} << 20) / sizeof(line);
+    std::vector<line> lines(count);
+    std::vector<std::size_t> order(count);
+    for (std::size_t i = 0; i < count; ++i)
+        order[i] = i;
+    std::shuffle(order.begin(), order.end(), std::mt19937_64(7));
+    for (std::size_t i = 0; i < count; ++i)
+        lines[order[i]].next = &lines[order[(i + 1) % count]];
+    double best = 1e30;
+    const line* at = &lines[order[0]];
+    for (int batch = 0; batch < 5; ++batch) {
+        constexpr int steps = 1 << 20;
+        const std::uint64_t start = __rdtsc();
+        for (int i = 0; i < steps; ++i) {
+            at = at->next;
+            asm volatile("" : "+r"(at));  // every step is a load the next one waits for
+        }
+        best = std::min(best, double(__rdtsc() - start) / ticks_per_ns / steps);
+    }
+    volatile const void* sink = at;
+    (void)sink;
+    return best;
+}
+
 struct operation {
     const char* name;
     bool scattered;
@@ -268,6 +300,20 @@ try {
 
     std::printf("\n%d interleaved batches of %d operations; ns per operation, best (median); %.2f ticks per ns\n",
                 rounds, positions, ticks_per_ns);
+    // What scattered operations cannot beat: a thousand rows live in the cache, a million
+    // do not, and each descent to a leaf not in the cache waits for the nodes on its way.
+    {
+        boundary_tree tree;
+        for (row_index row = 0; row < sizes[1]; row += 2)
+            tree.insert(std::int64_t(row), true);
+        const double latency = memory_latency_ns();
+        std::printf("memory latency %.0f ns per dependent miss; the B+ tree of %llu runs is %d levels, %.1f MB: a "
+                    "scattered operation\n  waits for at least %d misses per descent (inner nodes below the root, "
+                    "the leaf; their lines fetched together),\n  so about %.0f ns or more above its time at 1000 "
+                    "rows, which no layout of this size avoids\n",
+                    latency, static_cast<unsigned long long>(sizes[1] / 2), tree.height(),
+                    double(tree.node_bytes()) / 1e6, tree.height() - 1, double(tree.height() - 1) * latency);
+    }
     std::printf("%-24s %-22s %17s %17s %15s %s\n", "operation", "store", "1000 rows", "1000000 rows", "ratio", "<=1.1");
     for (std::size_t o = 0; o < operation_count; ++o) {
         std::string name = o == operations.size() ? std::string("truncate (last run)")

@@ -9,6 +9,16 @@ namespace tessel::windows::new_controls::listview::impl {
 
 namespace {
 
+// Asks for every cache line of a node at once: a binary search over a node that is not
+// in the cache then waits for about one miss instead of one per halving.
+template <class node>
+void prefetch(const node* at) noexcept
+{
+    const char* bytes = reinterpret_cast<const char*>(at);
+    for (std::size_t offset = 0; offset < sizeof(node); offset += 64)
+        __builtin_prefetch(bytes + offset);
+}
+
 // The child whose rows can hold `row`: the last one whose separator is not above it.
 int child_for(const boundary_tree::inner& node, std::int64_t row) noexcept
 {
@@ -99,6 +109,7 @@ boundary_tree::leaf* boundary_tree::leaf_for(std::int64_t row) const noexcept
     finger_.high = std::numeric_limits<std::int64_t>::max();
     for (int level = height_; level > 1; --level) {
         auto* at = static_cast<inner*>(node);
+        prefetch(at);
         const int child = child_for(*at, row);
         if (child > 0)
             finger_.low = at->separators[child - 1];
@@ -107,6 +118,7 @@ boundary_tree::leaf* boundary_tree::leaf_for(std::int64_t row) const noexcept
         node = at->children[child];
     }
     finger_.at = static_cast<leaf*>(node);
+    prefetch(finger_.at);
     return finger_.at;
 }
 

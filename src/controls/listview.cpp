@@ -1069,7 +1069,20 @@ void shift_selection(list_state& s, row_index at, row_index removed, row_index i
 // Case folding through the current locale's classification, as the search compares.
 const std::ctype<wchar_t>& classification() { return std::use_facet<std::ctype<wchar_t>>(std::locale()); }
 
-bool starts_with_folded(std::wstring_view text, std::wstring_view folded_needle, const std::ctype<wchar_t>& ctype)
+// The locale's lower case of the ASCII letters, looked up once per search rather than
+// through a virtual call per letter.
+struct case_folding {
+    const std::ctype<wchar_t>& ctype;
+    std::array<wchar_t, 128> ascii{};
+    explicit case_folding(const std::ctype<wchar_t>& c) : ctype(c)
+    {
+        for (wchar_t ch = 0; ch < 128; ++ch)
+            ascii[std::size_t(ch)] = ctype.tolower(ch);
+    }
+    wchar_t operator()(wchar_t ch) const { return ch < 128 ? ascii[std::size_t(ch)] : ctype.tolower(ch); }
+};
+
+bool starts_with_folded(std::wstring_view text, std::wstring_view folded_needle, const case_folding& fold)
 {
     std::size_t at = 0;
     while (at < text.size() && blank(text[at]))
@@ -1077,9 +1090,77 @@ bool starts_with_folded(std::wstring_view text, std::wstring_view folded_needle,
     if (text.size() - at < folded_needle.size())
         return false;
     for (std::size_t i = 0; i < folded_needle.size(); ++i)
-        if (ctype.tolower(text[at + i]) != folded_needle[i])
+        if (fold(text[at + i]) != folded_needle[i])
             return false;
     return true;
+}
+
+// The text of column 0 of a row as the providers give it; null when they give none.
+const std::wstring* find_markup(list_state& s, row_index row)
+{
+    s.scratch.resize(1);
+    cell& c = s.scratch[0];
+    c.text.clear();
+    std::optional<D2D1_COLOR_F> row_colour;
+    bool filled = false;
+    for (const cell_text_provider& provider : s.handlers.cell_text)
+        filled = provider(row, 0, std::span<cell>(&c, 1), row_colour);
+    return filled ? &c.text : nullptr;
+}
+
+// The plain text of column 0 of a row; false when the row has none.
+bool find_text(list_state& s, row_index row, std::wstring_view& plain)
+{
+    const std::wstring* markup = find_markup(s, row);
+    if (!markup)
+        return false;
+    if (markup->find(L'[') == std::wstring::npos) {
+        plain = *markup;
+        return true;
+    }
+    try {
+        strip_markup(*markup, s.find_plain);
+    } catch (const std::out_of_range&) {
+        return false;
+    }
+    plain = s.find_plain;
+    return true;
+}
+
+void read_find_prefix(list_state& s, row_index row, list_state::find_prefix& prefix)
+{
+    prefix.known = true;
+    prefix.length = 0;
+    prefix.complete = true;
+    const std::wstring* markup = find_markup(s, row);
+    if (!markup)
+        return;
+    std::wstring_view plain = *markup;
+    std::size_t at = 0;
+    while (at < plain.size() && blank(plain[at]))
+        ++at;
+    std::size_t length = std::min(plain.size() - at, prefix.letters.size());
+    // Up to the first "[" the plain text is the markup itself: most rows need no stripping.
+    bool markup_inside = false;
+    for (std::size_t i = 0; i < length; ++i) {
+        prefix.letters[i] = plain[at + i];
+        markup_inside = markup_inside || plain[at + i] == L'[';
+    }
+    if (markup_inside) {
+        try {
+            strip_markup(*markup, s.find_plain);
+        } catch (const std::out_of_range&) {
+            return;
+        }
+        plain = s.find_plain;
+        at = 0;
+        while (at < plain.size() && blank(plain[at]))
+            ++at;
+        length = std::min(plain.size() - at, prefix.letters.size());
+        std::copy_n(plain.data() + at, length, prefix.letters.data());
+    }
+    prefix.length = static_cast<std::uint8_t>(length);
+    prefix.complete = plain.size() - at == length;
 }
 
 // Hit testing
@@ -1687,6 +1768,7 @@ void listview<uniform_height>::set_row_count(row_index count)
         count = no_row - 1;
     const row_index old = s.rows;
     s.rows = count;
+    s.find_prefixes.clear();
     if (count < old) {
         for (auto i = s.cache.begin(); i != s.cache.end();)
             i = i->first >= count ? s.cache.erase(i) : std::next(i);
@@ -1716,6 +1798,7 @@ void listview<uniform_height>::insert_rows(row_index at, row_index count)
         return;
     at = std::min(at, s.rows);
     s.rows += count;
+    s.find_prefixes.clear();
     const auto moved = [&](row_index row) { return row != no_row && row >= at ? row + count : row; };
     shift_selection(s, at, 0, count);
     s.focus = moved(s.focus);
@@ -1746,6 +1829,7 @@ void listview<uniform_height>::remove_rows(row_index at, row_index count)
     }();
     shift_selection(s, at, count, 0);
     s.rows -= count;
+    s.find_prefixes.clear();
     std::unordered_map<row_index, std::unique_ptr<cached_row>> cache;
     for (auto& [row, entry] : s.cache)
         if (row < at)
@@ -1780,6 +1864,7 @@ void listview<uniform_height>::remove_rows(row_index at, row_index count)
 void listview<uniform_height>::invalidate_rows(row_index first, row_index count)
 {
     state& s = *state_;
+    s.find_prefixes.clear();
     if (count <= 16) {
         for (row_index row = first; row < first + count && row < s.rows; ++row) {
             if (const auto found = s.cache.find(row); found != s.cache.end())
@@ -1963,49 +2048,36 @@ row_index listview<uniform_height>::find_row(std::wstring_view text) const
     state& s = *state_;
     if (text.empty() || s.rows == 0)
         return no_row;
-    const std::ctype<wchar_t>& ctype = classification();
+    const case_folding fold(classification());
     std::wstring needle(text);
-    ctype.tolower(needle.data(), needle.data() + needle.size());
+    for (wchar_t& ch : needle)
+        ch = fold(ch);
     const row_index start = s.focus == no_row || s.focus >= s.rows ? 0 : s.focus;
     const row_index end = start + std::min(max_find_rows, s.rows - start);
-    s.scratch.resize(1);
-    cell& c = s.scratch[0];
-    std::optional<D2D1_COLOR_F> row_colour;
+    if (s.find_generation != s.generation || start < s.find_base || start - s.find_base > max_find_rows) {
+        s.find_prefixes.clear();
+        s.find_base = start;
+        s.find_generation = s.generation;
+    }
+    if (s.find_prefixes.size() < end - s.find_base)
+        s.find_prefixes.resize(std::size_t(end - s.find_base));
     for (row_index row = start; row < end; ++row) {
-        // Only the text matters here: what else providers set is left as they set it.
-        c.text.clear();
-        bool filled = false;
-        for (const cell_text_provider& provider : s.handlers.cell_text)
-            filled = provider(row, 0, std::span<cell>(&c, 1), row_colour);
-        if (!filled)
+        list_state::find_prefix& prefix = s.find_prefixes[std::size_t(row - s.find_base)];
+        if (!prefix.known)
+            read_find_prefix(s, row, prefix);
+        if (needle.size() > prefix.length && prefix.complete)
             continue;
-        // Up to the first "[[[" the plain text is the markup itself: most rows differ in
-        // their first letters, so most never need stripping.
-        const std::wstring_view raw = c.text;
-        std::size_t at = 0;
-        while (at < raw.size() && blank(raw[at]))
-            ++at;
-        bool plain_so_far = true;
-        bool match = raw.size() - at >= needle.size();
-        for (std::size_t i = 0; match && i < needle.size(); ++i) {
-            const wchar_t ch = raw[at + i];
-            if (ch == L'[') {
-                plain_so_far = false;
-                break;
-            }
-            match = ctype.tolower(ch) == needle[i];
-        }
-        if (plain_so_far) {
-            if (match)
-                return row;
+        const std::size_t kept = std::min<std::size_t>(needle.size(), prefix.length);
+        std::size_t same = 0;
+        while (same < kept && fold(prefix.letters[same]) == needle[same])
+            ++same;
+        if (same < kept)
             continue;
-        }
-        try {
-            strip_markup(raw, s.find_plain);
-        } catch (const std::out_of_range&) {
-            continue;
-        }
-        if (starts_with_folded(s.find_plain, needle, ctype))
+        if (kept == needle.size())
+            return row;
+        // Longer than the letters kept: the whole text decides.
+        std::wstring_view plain;
+        if (find_text(s, row, plain) && starts_with_folded(plain, needle, fold))
             return row;
     }
     return no_row;

@@ -12,6 +12,7 @@
 #include <oleacc.h>
 #include <wincodec.h>
 
+#include <array>
 #include <map>
 #include <optional>
 #include <string>
@@ -133,6 +134,19 @@ struct listview<uniform_height>::state {
     std::wstring search;
     DWORD last_char = 0;
     std::wstring find_plain;
+    // The first letters of the plain texts of the rows the last searches read: a search
+    // typed letter by letter asks the providers once per row, not once per letter. Valid
+    // while the generation is and no rows were invalidated, inserted or removed.
+    struct find_prefix {
+        static constexpr std::size_t capacity = 5;  // small: a search reads one per row
+        std::array<wchar_t, capacity> letters;
+        std::uint8_t length = 0;
+        bool complete = false;  // the whole plain text: longer texts are decided here too
+        bool known = false;
+    };
+    std::vector<find_prefix> find_prefixes;  // rows find_base, find_base + 1, ...
+    row_index find_base = 0;
+    std::uint64_t find_generation = 0;
 
     // Mouse.
     bool tracking = false;

@@ -219,6 +219,43 @@ TEST(listview, type_to_find_matches_prefixes_from_the_focus_row_without_wrapping
     EXPECT_GT(f.list->top_row() + 20, 20008u);
 }
 
+// Searches typed letter by letter keep what they read of each row: a row whose text
+// changed, rows that moved and texts longer than what is kept must still be found right.
+TEST(listview, type_to_find_follows_changed_and_moved_rows_and_long_texts)
+{
+    fixture f(100);
+    std::wstring changing = L"alpha";
+    row_index shift = 0;
+    f.text = [&](row_index row, std::size_t) -> std::wstring {
+        if (row == 40 + shift)
+            return changing;
+        if (row == 60 + shift)
+            return L"  [[[bLonger]]] text here";
+        return L"row";
+    };
+    f.list->invalidate_all();
+    EXPECT_EQ(f.list->find_row(L"alp"), 40u);
+    const std::size_t asked = f.asked;
+    EXPECT_EQ(f.list->find_row(L"alph"), 40u);
+    EXPECT_EQ(f.asked, asked) << "the next letter is matched without asking the providers again";
+
+    changing = L"beta";
+    f.list->invalidate_rows(40);
+    EXPECT_EQ(f.list->find_row(L"alp"), no_row);
+    EXPECT_EQ(f.list->find_row(L"BE"), 40u);
+
+    EXPECT_EQ(f.list->find_row(L"longer text h"), 60u);
+    EXPECT_EQ(f.list->find_row(L"longer texts"), no_row) << "the letters after the first few decide too";
+    EXPECT_EQ(f.list->find_row(L"beta!"), no_row);
+
+    shift = 5;
+    f.list->insert_rows(10, 5);
+    EXPECT_EQ(f.list->find_row(L"be"), 45u);
+    shift = 0;
+    f.list->remove_rows(0, 5);
+    EXPECT_EQ(f.list->find_row(L"longer"), 60u);
+}
+
 TEST(listview, tooltips_show_cut_off_cells_and_link_tips_with_ids_from_one)
 {
     fixture f(3);
