@@ -903,12 +903,14 @@ void draw_into(list_state& s, HDC dc, const RECT& update)
     HRESULT drawn = S_OK;
     bool clipped = false;
     try {
-        target->SetTransform(D2D1::Matrix3x2F::Translation(-float(area.left) / s.sx, -float(area.top) / s.sy));
-        // Only the update region is drawn and copied: a one-row scroll costs one row.
-        target->PushAxisAlignedClip({float(area.left) / s.sx, float(area.top) / s.sy, float(area.right) / s.sx,
-                                     float(area.bottom) / s.sy},
+        // Only the update region is drawn and copied: a one-row scroll costs one row. The
+        // region's top left corner is the surface's; the clip is pushed before the shift,
+        // so that it is not transformed (Wine loses a transformed clip at 144 dpi and more).
+        target->SetTransform(D2D1::Matrix3x2F::Identity());
+        target->PushAxisAlignedClip({0, 0, float(area_width) / s.sx, float(area_height) / s.sy},
                                     D2D1_ANTIALIAS_MODE_ALIASED);
         clipped = true;
+        target->SetTransform(D2D1::Matrix3x2F::Translation(-float(area.left) / s.sx, -float(area.top) / s.sy));
         target->Clear(s.colours.window);
         throw_if_failed(target->CreateSolidColorBrush(s.colours.text, b.solid.put()));
         for (row_index row = first; row < last; ++row)
