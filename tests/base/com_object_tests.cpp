@@ -37,23 +37,6 @@ ULONG references_of(object_t* object)
     return object->Release();
 }
 
-TEST(com_object, counts_references_and_deletes_itself_with_the_last_one)
-{
-    int destroyed = 0;
-    {
-        com_ptr<two_faced> object = tessel::make_com_object<two_faced>(&destroyed);
-        EXPECT_EQ(references_of(object.get()), 1u) << "the new object's one reference belongs to the caller";
-        EXPECT_EQ(object->AddRef(), 2u);
-        EXPECT_EQ(object->Release(), 1u);
-        {
-            com_ptr<two_faced> copy = object;
-            EXPECT_EQ(references_of(object.get()), 2u);
-        }
-        EXPECT_EQ(destroyed, 0);
-    }
-    EXPECT_EQ(destroyed, 1);
-}
-
 TEST(com_object, answers_query_interface_for_each_interface_with_one_iunknown)
 {
     int destroyed = 0;
