@@ -40,6 +40,20 @@ DWRITE_FONT_WEIGHT weight_at(const rich_layout& l, UINT32 position)
     return weight;
 }
 
+DWRITE_FONT_STRETCH stretch_at(const rich_layout& l, UINT32 position)
+{
+    DWRITE_FONT_STRETCH stretch{};
+    EXPECT_EQ(l.layout->GetFontStretch(position, &stretch), S_OK);
+    return stretch;
+}
+
+FLOAT size_at(const rich_layout& l, UINT32 position)
+{
+    FLOAT size = 0;
+    EXPECT_EQ(l.layout->GetFontSize(position, &size), S_OK);
+    return size;
+}
+
 bool near_colour(const D2D1_COLOR_F& a, const D2D1_COLOR_F& b)
 {
     return std::abs(a.r - b.r) < 0.002f && std::abs(a.g - b.g) < 0.002f && std::abs(a.b - b.b) < 0.002f &&
@@ -68,14 +82,9 @@ TEST(rich_layout, font_properties_of_ranges)
     EXPECT_FALSE(on);
     l.layout->GetStrikethrough(5, &on);
     EXPECT_TRUE(on);
-    DWRITE_FONT_STRETCH stretch{};
-    l.layout->GetFontStretch(6, &stretch);
-    EXPECT_EQ(stretch, DWRITE_FONT_STRETCH_CONDENSED);
-    FLOAT size = 0;
-    l.layout->GetFontSize(7, &size);
-    EXPECT_FLOAT_EQ(size, 18.f);
-    l.layout->GetFontSize(8, &size);
-    EXPECT_FLOAT_EQ(size, 12.f);
+    EXPECT_EQ(stretch_at(l, 6), DWRITE_FONT_STRETCH_CONDENSED);
+    EXPECT_FLOAT_EQ(size_at(l, 7), 18.f);
+    EXPECT_FLOAT_EQ(size_at(l, 8), 12.f);
     wchar_t family[64] = {};
     l.layout->GetFontFamilyName(8, family, 64);
     EXPECT_STREQ(family, L"Courier New");
@@ -96,18 +105,11 @@ TEST(rich_layout, numbers_directwrite_refuses_are_clamped)
     const rich_layout& l = b.layout;
     EXPECT_EQ(weight_at(l, 0), 1);
     EXPECT_GE(weight_at(l, 1), DWRITE_FONT_WEIGHT_ULTRA_BLACK);  // 999, or 950 where that is the top
-    DWRITE_FONT_STRETCH stretch{};
-    l.layout->GetFontStretch(2, &stretch);
-    EXPECT_EQ(stretch, DWRITE_FONT_STRETCH_ULTRA_CONDENSED);
-    l.layout->GetFontStretch(3, &stretch);
-    EXPECT_EQ(stretch, DWRITE_FONT_STRETCH_ULTRA_EXPANDED);
-    FLOAT size = 0;
-    l.layout->GetFontSize(4, &size);
-    EXPECT_FLOAT_EQ(size, min_markup_font_size);
-    l.layout->GetFontSize(5, &size);
-    EXPECT_FLOAT_EQ(size, max_markup_font_size);
-    l.layout->GetFontSize(6, &size);
-    EXPECT_FLOAT_EQ(size, 6.f);  // the sign of a number is ignored: 50 % of 12
+    EXPECT_EQ(stretch_at(l, 2), DWRITE_FONT_STRETCH_ULTRA_CONDENSED);
+    EXPECT_EQ(stretch_at(l, 3), DWRITE_FONT_STRETCH_ULTRA_EXPANDED);
+    EXPECT_FLOAT_EQ(size_at(l, 4), min_markup_font_size);
+    EXPECT_FLOAT_EQ(size_at(l, 5), max_markup_font_size);
+    EXPECT_FLOAT_EQ(size_at(l, 6), 6.f);  // the sign of a number is ignored: 50 % of 12
     EXPECT_GT(l.height(), 0.f);
 }
 
@@ -119,9 +121,7 @@ TEST(rich_layout, enclosing_elements_are_applied_last_and_win)
     EXPECT_EQ(weight_at(b.layout, 2), DWRITE_FONT_WEIGHT_BOLD);
 
     const built s = build(L"[[[b[[[s:120:Title]]]]]]");
-    FLOAT size = 0;
-    s.layout.layout->GetFontSize(0, &size);
-    EXPECT_FLOAT_EQ(size, 14.4f);
+    EXPECT_FLOAT_EQ(size_at(s.layout, 0), 14.4f);
     EXPECT_EQ(weight_at(s.layout, 4), DWRITE_FONT_WEIGHT_BOLD);
 }
 

@@ -351,7 +351,7 @@ TEST(listview, mouse_clicks_select_activate_scroll_and_resize)
 {
     fixture f(1000, selection_mode::multiple);
     f.click(1);
-    f.fixture::hold(false, true);
+    fixture::hold(false, true);
     f.click(3);
     fixture::release_keys();
     EXPECT_EQ(selected_rows(*f.list), (std::vector<row_index>{1, 3})) << "Ctrl-click toggles";
@@ -359,10 +359,6 @@ TEST(listview, mouse_clicks_select_activate_scroll_and_resize)
     f.click(6);
     fixture::release_keys();
     EXPECT_EQ(selected_rows(*f.list), (std::vector<row_index>{1, 3, 4, 5, 6})) << "Shift-click extends from 3";
-    fixture::hold(true, false);
-    f.click(2);
-    fixture::release_keys();
-    EXPECT_EQ(selected_rows(*f.list), (std::vector<row_index>{1, 2, 3})) << "a second Shift-click replaces the first";
     f.click(4);
     EXPECT_EQ(selected_rows(*f.list), (std::vector<row_index>{4})) << "a plain click selects only the row";
     EXPECT_EQ(f.list->focus_row(), 4u);
@@ -484,5 +480,5 @@ TEST(listview, only_rows_on_screen_are_asked_for_and_their_layouts_are_kept)
     f.asked = 0;
     f.list->invalidate_rows(500003);
     ::UpdateWindow(f.window());
-    EXPECT_EQ(f.asked, 1u);
+    EXPECT_EQ(f.asked, 1u) << "an invalidated row is asked for again, alone";
 }
