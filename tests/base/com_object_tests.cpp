@@ -37,23 +37,6 @@ ULONG references_of(object_t* object)
     return object->Release();
 }
 
-TEST(com_object, counts_references_and_deletes_itself_with_the_last_one)
-{
-    int destroyed = 0;
-    {
-        com_ptr<two_faced> object = tessel::make_com_object<two_faced>(&destroyed);
-        EXPECT_EQ(references_of(object.get()), 1u) << "the new object's one reference belongs to the caller";
-        EXPECT_EQ(object->AddRef(), 2u);
-        EXPECT_EQ(object->Release(), 1u);
-        {
-            com_ptr<two_faced> copy = object;
-            EXPECT_EQ(references_of(object.get()), 2u);
-        }
-        EXPECT_EQ(destroyed, 0);
-    }
-    EXPECT_EQ(destroyed, 1);
-}
-
 TEST(com_object, answers_query_interface_for_each_interface_with_one_iunknown)
 {
     int destroyed = 0;
@@ -111,6 +94,49 @@ TEST(com_object, value_on_stack_counts_references_but_never_deletes)
         EXPECT_EQ(object.first(), 1);
     }
     EXPECT_EQ(destroyed, 1) << "destroyed once, by its scope";
+}
+
+// The smart pointer over the same object: copies, conversions and queries each hold one
+// reference, moves and self-assignment none.
+TEST(com_ptr, reference_counting_follows_copies_moves_and_queries)
+{
+    int destroyed = 0;
+    {
+        com_ptr<ITestFirst> owner = tessel::make_com_object<two_faced>(&destroyed);
+        ITestFirst* const raw = owner.get();
+        {
+            com_ptr<ITestFirst> copy = owner;
+            EXPECT_EQ(references_of(raw), 2u);
+            com_ptr<IUnknown> as_unknown = copy;  // derived-to-base conversion adds one
+            EXPECT_EQ(references_of(raw), 3u);
+            com_ptr<ITestFirst> moved = std::move(copy);
+            EXPECT_FALSE(copy);
+            EXPECT_EQ(references_of(raw), 3u);
+            EXPECT_EQ(as_unknown.query<ITestSecond>()->second(), 2);
+            EXPECT_EQ(references_of(raw), 3u) << "the queried pointer was a temporary";
+        }
+        EXPECT_EQ(references_of(raw), 1u);
+
+        ITestFirst* out = nullptr;
+        owner.copy_to(&out);
+        EXPECT_EQ(references_of(raw), 2u);
+        out->Release();
+
+        owner = owner;  // self-assignment keeps the object alive
+        EXPECT_EQ(destroyed, 0);
+
+        // A missing interface: query throws, try_query answers empty, also on an empty pointer.
+        const com_ptr<IUnknown> unknown = owner;
+        EXPECT_FALSE(unknown.try_query<IDispatch>());
+        try {
+            (void)unknown.query<IDispatch>();
+            ADD_FAILURE() << "query of a missing interface must throw";
+        } catch (const fibra::details::hresult_error& e) {
+            EXPECT_EQ(e.code(), E_NOINTERFACE);
+        }
+        EXPECT_FALSE(com_ptr<IUnknown>().try_query<IDispatch>());
+    }
+    EXPECT_EQ(destroyed, 1);
 }
 
 }  // namespace

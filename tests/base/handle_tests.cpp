@@ -1,10 +1,7 @@
-#include "base/com_ptr.h"
 #include "base/unique_handle.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <vector>
 
 namespace {
 
@@ -51,109 +48,6 @@ TEST(unique_handle, file_family_treats_invalid_handle_value_as_empty)
                                               FILE_ATTRIBUTE_NORMAL, nullptr));
     EXPECT_FALSE(missing);
     EXPECT_EQ(missing.get(), INVALID_HANDLE_VALUE);
-
-    WIN32_FIND_DATAW data{};
-    tessel::unique_find_handle find(::FindFirstFileW(L"C:\\windows\\*", &data));
-    EXPECT_TRUE(find);
-}
-
-TEST(unique_handle, registry_key_is_closed)
-{
-    tessel::unique_hkey key;
-    ASSERT_EQ(::RegOpenKeyExW(HKEY_CURRENT_USER, L"Software", 0, KEY_READ, key.put()), ERROR_SUCCESS);
-    HKEY raw = key.get();
-    key.reset();
-    DWORD count = 0;
-    EXPECT_NE(::RegQueryInfoKeyW(raw, nullptr, nullptr, nullptr, &count, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                 nullptr, nullptr),
-              ERROR_SUCCESS);
-}
-
-// A COM object that counts its references and answers one extra interface.
-struct ITestExtra : IUnknown {
-    virtual int STDMETHODCALLTYPE value() = 0;
-};
-}  // namespace
-__CRT_UUID_DECL(ITestExtra, 0x6b3f54d0, 0x2b8f, 0x4c5e, 0x9a, 0x51, 0x0d, 0x1c, 0x2e, 0x3f, 0x4a, 0x5b)
-namespace {
-
-class counted_object final : public ITestExtra {
-public:
-    explicit counted_object(bool& destroyed) : destroyed_(destroyed) {}
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
-    {
-        if (iid == __uuidof(IUnknown) || iid == __uuidof(ITestExtra)) {
-            *out = static_cast<ITestExtra*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *out = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        const ULONG left = --refs_;
-        if (left == 0) {
-            destroyed_ = true;
-            delete this;
-        }
-        return left;
-    }
-    int STDMETHODCALLTYPE value() override { return 42; }
-    ULONG refs() const { return refs_; }
-
-private:
-    std::atomic<ULONG> refs_{1};
-    bool& destroyed_;
-};
-
-TEST(com_ptr, reference_counting_follows_copies_moves_and_queries)
-{
-    bool destroyed = false;
-    auto* raw = new counted_object(destroyed);
-    {
-        auto owner = tessel::com_ptr<ITestExtra>::attach(raw);
-        EXPECT_EQ(raw->refs(), 1u);
-        {
-            tessel::com_ptr<ITestExtra> copy = owner;
-            EXPECT_EQ(raw->refs(), 2u);
-            tessel::com_ptr<IUnknown> as_unknown = copy;  // derived-to-base conversion adds one
-            EXPECT_EQ(raw->refs(), 3u);
-            tessel::com_ptr<ITestExtra> moved = std::move(copy);
-            EXPECT_FALSE(copy);
-            EXPECT_EQ(raw->refs(), 3u);
-            auto queried = as_unknown.query<ITestExtra>();
-            EXPECT_EQ(queried->value(), 42);
-            EXPECT_EQ(raw->refs(), 4u);
-        }
-        EXPECT_EQ(raw->refs(), 1u);
-
-        ITestExtra* out = nullptr;
-        owner.copy_to(&out);
-        EXPECT_EQ(raw->refs(), 2u);
-        out->Release();
-
-        owner = owner;  // self-assignment keeps the object alive
-        EXPECT_FALSE(destroyed);
-    }
-    EXPECT_TRUE(destroyed);
-}
-
-TEST(com_ptr, missing_interface_throws_or_answers_empty)
-{
-    bool destroyed = false;
-    auto unknown = tessel::com_ptr<IUnknown>::attach(static_cast<ITestExtra*>(new counted_object(destroyed)));
-    EXPECT_FALSE(unknown.try_query<IDispatch>());
-    try {
-        (void)unknown.query<IDispatch>();
-        FAIL() << "query of a missing interface must throw";
-    } catch (const fibra::details::hresult_error& e) {
-        EXPECT_EQ(e.code(), E_NOINTERFACE);
-    }
-    EXPECT_FALSE(tessel::com_ptr<IUnknown>().try_query<IDispatch>());
-    unknown = nullptr;
-    EXPECT_TRUE(destroyed);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include "base/module_path.h"
 #include "base/unique_handle.h"
 #include "message_pump.h"
+#include "test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -20,24 +21,9 @@ using namespace tessel::windows::new_controls::treeview::impl;
 
 namespace {
 
-LRESULT CALLBACK plain_owner_proc(HWND window, UINT message, WPARAM wparam, LPARAM lparam)
-{
-    return ::DefWindowProcW(window, message, wparam, lparam);
-}
-
 tessel::unique_hwnd make_owner()
 {
-    static const ATOM atom = [] {
-        WNDCLASSW wc{};
-        wc.lpfnWndProc = plain_owner_proc;
-        wc.hInstance = ::GetModuleHandleW(nullptr);
-        wc.lpszClassName = L"controls_tests.a11y_owner";
-        return ::RegisterClassW(&wc);
-    }();
-    (void)atom;
-    return tessel::unique_hwnd(::CreateWindowExW(0, L"controls_tests.a11y_owner", L"owner",
-                                                 WS_OVERLAPPEDWINDOW | WS_CLIPCHILDREN | WS_VISIBLE, 0, 0, 480, 360,
-                                                 nullptr, nullptr, ::GetModuleHandleW(nullptr), nullptr));
+    return controls_tests::owner_window(L"controls_tests.a11y_owner", ::DefWindowProcW, 480, 360);
 }
 
 // Runs the probe against `window` while this thread keeps answering its messages, and

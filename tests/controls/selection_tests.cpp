@@ -81,56 +81,6 @@ TEST(single_selection, holds_one_row_and_truncates_to_the_last_remaining_row)
     EXPECT_EQ(selection->count(), 0u);
 }
 
-TEST(multiple_selection, shift_clicks_replace_the_previous_extension_and_keep_toggled_rows)
-{
-    multiple_selection selection;
-    selection.extend_to(5);  // no anchor yet: a click
-    EXPECT_EQ(selection.anchor(), 5u);
-    selection.click(5);
-    EXPECT_TRUE(selection.is_empty());
-
-    selection.click(3);
-    selection.extend_to(6);
-    EXPECT_EQ(runs_of(selection.selected_rows()), (std::vector<row_run>{{3, 7}}));
-    selection.extend_to(1);
-    EXPECT_EQ(runs_of(selection.selected_rows()), (std::vector<row_run>{{1, 4}}));
-    EXPECT_EQ(selection.count(), 3u);
-    EXPECT_EQ(selection.anchor(), 3u);
-
-    selection.set_range(20, 30, range_mode::select);  // not part of the extension
-    selection.extend_to(8);
-    EXPECT_EQ(runs_of(selection.selected_rows()), (std::vector<row_run>{{3, 9}, {20, 30}}));
-    EXPECT_EQ(selection.count(), 16u);
-
-    selection.click(25);  // toggling a selected row removes it
-    EXPECT_EQ(selection.count(), 15u);
-    EXPECT_FALSE(selection.is_selected(25));
-    EXPECT_EQ(runs_of(selection.selected_rows(), 22, 27), (std::vector<row_run>{{20, 25}, {26, 30}}));
-    EXPECT_EQ(selection.first_selected(), 3u);
-
-    selection.click(none);
-    EXPECT_TRUE(selection.is_empty());
-    EXPECT_EQ(selection.first_selected(), none);
-    selection.clear();
-    EXPECT_EQ(selection.anchor(), none);
-}
-
-TEST(multiple_selection, truncate_cuts_the_runs_at_the_new_row_count)
-{
-    multiple_selection selection;
-    EXPECT_FALSE(selection.truncate(0));
-    selection.set_range(2, 5, range_mode::select);
-    selection.set_range(8, 12, range_mode::select);
-    EXPECT_FALSE(selection.truncate(12));
-    EXPECT_TRUE(selection.truncate(10));
-    EXPECT_EQ(runs_of(selection.selected_rows()), (std::vector<row_run>{{2, 5}, {8, 10}}));
-    EXPECT_TRUE(selection.truncate(6));
-    EXPECT_EQ(runs_of(selection.selected_rows()), (std::vector<row_run>{{2, 5}}));
-    EXPECT_EQ(selection.count(), 3u);
-    EXPECT_TRUE(selection.truncate(0));
-    EXPECT_TRUE(selection.is_empty());
-}
-
 // Thousands of random operations on the model and on one flag per row; after every step
 // both must agree on the rows, the runs, the count, the first row and emptiness, and the
 // generation must have moved whenever a row changed.

@@ -65,6 +65,31 @@ pixel_canvas::pixel_canvas(UINT w, UINT h, float dpi) : width(w), height(h)
     throw_if_failed(d2d()->CreateWicBitmapRenderTarget(bitmap.get(), &properties, target.put()));
 }
 
+tessel::unique_hwnd owner_window(const wchar_t* class_name, WNDPROC procedure, int width, int height)
+{
+    WNDCLASSW wc{};
+    wc.lpfnWndProc = procedure;
+    wc.hInstance = ::GetModuleHandleW(nullptr);
+    wc.lpszClassName = class_name;
+    ::RegisterClassW(&wc);  // refused harmlessly once the class exists
+    tessel::unique_hwnd window(::CreateWindowExW(0, class_name, L"owner", WS_OVERLAPPEDWINDOW | WS_CLIPCHILDREN, 0, 0,
+                                                 width, height, nullptr, nullptr, wc.hInstance, nullptr));
+    ::ShowWindow(window.get(), SW_SHOWNA);
+    return window;
+}
+
+void press(HWND window, UINT vk)
+{
+    ::SendMessageW(window, WM_KEYDOWN, vk, 1);
+    ::SendMessageW(window, WM_KEYUP, vk, 0xC0000001);
+}
+
+void click_at(HWND window, int x, int y)
+{
+    ::SendMessageW(window, WM_LBUTTONDOWN, MK_LBUTTON, MAKELPARAM(x, y));
+    ::SendMessageW(window, WM_LBUTTONUP, 0, MAKELPARAM(x, y));
+}
+
 std::vector<std::uint32_t> pixel_canvas::read() const
 {
     std::vector<std::uint32_t> pixels(std::size_t(width) * height);

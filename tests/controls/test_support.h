@@ -4,6 +4,7 @@
 // (GetPixel on window DCs reads nothing under Wine).
 
 #include "base/com_ptr.h"
+#include "base/unique_handle.h"
 
 #include <d2d1.h>
 #include <dwrite.h>
@@ -29,6 +30,14 @@ struct pixel_canvas {
     tessel::com_ptr<ID2D1RenderTarget> target;
     UINT width, height;
 };
+
+// A shown top-level window whose procedure sees what a control tells its parent; the
+// class is registered on first use.
+tessel::unique_hwnd owner_window(const wchar_t* class_name, WNDPROC procedure, int width, int height);
+
+// A key pressed and released, and a left click, as the window's own messages.
+void press(HWND window, UINT vk);
+void click_at(HWND window, int x, int y);
 
 inline std::uint32_t alpha_of(std::uint32_t p) { return p >> 24; }
 inline std::uint32_t red_of(std::uint32_t p) { return (p >> 16) & 0xFF; }

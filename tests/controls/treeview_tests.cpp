@@ -53,27 +53,12 @@ LRESULT CALLBACK tree_owner_proc(HWND window, UINT message, WPARAM wparam, LPARA
 struct tree_fixture {
     explicit tree_fixture(selection_mode mode = selection_mode::single)
     {
-        static const ATOM atom = [] {
-            WNDCLASSW wc{};
-            wc.lpfnWndProc = tree_owner_proc;
-            wc.hInstance = ::GetModuleHandleW(nullptr);
-            wc.lpszClassName = L"controls_tests.tree_owner";
-            return ::RegisterClassW(&wc);
-        }();
-        (void)atom;
-        owner = tessel::unique_hwnd(::CreateWindowExW(0, L"controls_tests.tree_owner", L"owner",
-                                                      WS_OVERLAPPEDWINDOW | WS_CLIPCHILDREN, 0, 0, 480, 360, nullptr,
-                                                      nullptr, ::GetModuleHandleW(nullptr), nullptr));
+        owner = controls_tests::owner_window(L"controls_tests.tree_owner", tree_owner_proc, 480, 360);
         tree = std::make_unique<tree_view>(owner.get(), 1003, RECT{0, 0, 440, 300}, mode);
         tree->set_columns({{L"Device", 200, 40}, {L"Shared", 60, 30}, {L"Client", 120, 30}});
-        ::ShowWindow(owner.get(), SW_SHOWNA);
         tree_received.clear();
     }
-    void key(UINT vk)
-    {
-        ::SendMessageW(tree->window(), WM_KEYDOWN, vk, 1);
-        ::SendMessageW(tree->window(), WM_KEYUP, vk, 0xC0000001);
-    }
+    void key(UINT vk) { controls_tests::press(tree->window(), vk); }
     int row_y(row_index row) const
     {
         auto& list = const_cast<tree_view&>(*tree).list();
@@ -133,17 +118,12 @@ TEST(treeview, first_cell_strings_follow_the_formats_exactly)
     tree_fixture f;
     f.tree->set_indentation(20, 0);
     tree_node* plain = f.tree->insert(nullptr, nullptr, {.text = L"Hub", .column_texts = {L"a", L"b", L"c"}});
-    EXPECT_EQ(f.tree->first_cell_text(*plain, 0), L"[[[g:0: ]]]Hub") << "base offset 0 at the top: a gap of 0";
     EXPECT_EQ(f.tree->first_cell_text(*plain, 3), L"[[[g:60: ]]]Hub") << "indent 20 at depth 3";
     tree_node* vector = f.tree->insert(plain, nullptr, {.text = L"Disk", .image = vector_image{7}});
     EXPECT_EQ(f.tree->first_cell_text(*vector, 1), L"[[[g:20: ]]][[[v:7: ]]] Disk")
         << "without an overlay the conditional part is left out";
     f.tree->set_image(vector, vector_image{7}, 9);
     EXPECT_EQ(f.tree->first_cell_text(*vector, 1), L"[[[g:20: ]]][[[v:7::9: ]]] Disk");
-    const HICON icon = ::LoadIconW(nullptr, IDI_APPLICATION);
-    f.tree->set_image(vector, raster_image{icon}, 0);
-    EXPECT_EQ(f.tree->first_cell_text(*vector, 1),
-              L"[[[g:20: ]]][[[r:" + std::to_wstring(reinterpret_cast<std::uintptr_t>(icon)) + L": ]]] Disk");
     f.tree->set_indentation(16, 12.6f);
     EXPECT_EQ(f.tree->first_cell_text(*plain, 1), L"[[[g:29: ]]]Hub") << "16 + 12.6 rounds to 29";
 
@@ -284,12 +264,10 @@ TEST(treeview, keys_and_expander_clicks_open_and_close_nodes)
     // A click on the expander toggles without selecting; elsewhere it selects.
     auto& list = f.tree->list();
     const int expander_x = int((listview::impl::cell_padding + f.tree->base_offset() / 2) * list.scale_x());
-    ::SendMessageW(f.tree->window(), WM_LBUTTONDOWN, MK_LBUTTON, MAKELPARAM(expander_x, f.row_y(0)));
-    ::SendMessageW(f.tree->window(), WM_LBUTTONUP, 0, MAKELPARAM(expander_x, f.row_y(0)));
+    controls_tests::click_at(f.tree->window(), expander_x, f.row_y(0));
     EXPECT_FALSE(a->expanded());
     EXPECT_EQ(f.tree->selected_node(), a);
-    ::SendMessageW(f.tree->window(), WM_LBUTTONDOWN, MK_LBUTTON, MAKELPARAM(expander_x, f.row_y(1)));
-    ::SendMessageW(f.tree->window(), WM_LBUTTONUP, 0, MAKELPARAM(expander_x, f.row_y(1)));
+    controls_tests::click_at(f.tree->window(), expander_x, f.row_y(1));
     EXPECT_EQ(f.tree->selected_node(), b) << "b has no children: its indent is plain row";
 
     // A double click on the text activates the row, naming the node.
@@ -310,8 +288,7 @@ TEST(treeview, share_markers_and_menus_name_their_node)
     ::UpdateWindow(f.tree->window());
     auto& list = f.tree->list();
     const int x = int((200 + listview::impl::cell_padding + 6) * list.scale_x());
-    ::SendMessageW(f.tree->window(), WM_LBUTTONDOWN, MK_LBUTTON, MAKELPARAM(x, f.row_y(1)));
-    ::SendMessageW(f.tree->window(), WM_LBUTTONUP, 0, MAKELPARAM(x, f.row_y(1)));
+    controls_tests::click_at(f.tree->window(), x, f.row_y(1));
     ASSERT_EQ(tree_received.size(), 1u);
     EXPECT_EQ(tree_received[0].code, lvn_button_clicked);
     EXPECT_EQ(tree_received[0].node, two);
@@ -324,9 +301,7 @@ TEST(treeview, share_markers_and_menus_name_their_node)
     EXPECT_EQ(tree_received[0].code, lvn_context_menu);
     EXPECT_EQ(tree_received[0].node, one);
 
-    // Owner data comes back as it was attached.
-    tree_node* three = f.tree->insert(nullptr, one, {.text = L"three"}, std::any(42));
-    EXPECT_EQ(std::any_cast<int>(three->owner_data), 42);
+    tree_node* three = f.tree->insert(nullptr, one, {.text = L"three"});
     EXPECT_EQ(f.tree->row_of_node(three), 0u) << "inserted before its sibling";
     EXPECT_EQ(f.tree->selected_node(), one) << "the selection stays on its node";
 }

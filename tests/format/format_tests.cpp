@@ -52,6 +52,8 @@ TEST(format_output, width_alignment_fill_and_truncation)
     EXPECT_EQ(format(L"{0w8,2e}", L"abc"), L"abc     ");
     EXPECT_EQ(format(L"{0w2,4e}", L"abcdef"), L"abc\u2026");
     EXPECT_EQ(format(L"{0arf0w6}", -42), L"000-42");
+    EXPECT_EQ(format(L"{0arf}w3}", L"a"), L"}}a");  // the fill may be any character
+    EXPECT_EQ(format(L"{0w99999}", L"a").size(), 65535u);  // saturates, never wraps to a small width
 }
 
 TEST(format_output, literals_escapes_and_missing_arguments)
