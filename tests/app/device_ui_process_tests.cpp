@@ -159,6 +159,7 @@ TEST_F(device_window, a_failing_share_shows_its_error_and_copy_device_id_fills_t
     ui_driver(L"click " + box + L" 1");
     EXPECT_EQ(server_list().find(L"share hub"), std::wstring::npos);
     EXPECT_EQ(close(), 0u);
+    EXPECT_EQ(ui_driver(L"clipboard").output, copied) << "the ID must outlive the program that copied it";
 }
 
 TEST_F(device_window, settings_ok_reaches_the_server_cancel_changes_nothing_and_a_new_language_restarts_in_german)
