@@ -191,32 +191,16 @@ protected:
         }
     }
 
-    // The top-level row whose text starts with `name`, or -1.
-    int row_of(const std::wstring& window, const std::wstring& name)
-    {
-        const std::wstring rows = ui_driver(L"rows " + window + L" 1003").output;
-        int row = 0;
-        for (std::size_t at = 0; at < rows.size(); ++row) {
-            if (rows.compare(at, 2, L"0\t") == 0 && rows.compare(at + 2, name.size(), name) == 0)
-                return row;
-            at = std::min(rows.find(L'\n', at), rows.size()) + 1;
-        }
-        return -1;
-    }
-
     // The share action on a device's row; when it is not shared, the share dialog comes
     // up whatever the confirmation question answered, and is ended with this button.
     void share_action(const std::wstring& window, const std::wstring& device, int dialog_button)
     {
-        const int row = row_of(window, device);
-        ASSERT_GE(row, 0) << "no row for " << tessel::utf16_to_utf8(device);
-        ui_driver(L"select " + window + L" 1003 " + std::to_wstring(row));
-        ui_driver(L"key " + window + L" 1003 13");
+        ASSERT_TRUE(process_test::share_action(window, device)) << "no row for " << tessel::utf16_to_utf8(device);
         if (dialog_button == 0)
             return;
-        const auto dialog = ui_driver(L"wait \"Share Device\" 1006 10000");
-        ASSERT_EQ(dialog.exit_code, 0u) << "no share dialog";
-        ui_driver(L"click " + dialog.output + L" " + std::to_wstring(dialog_button));
+        const std::wstring dialog = wait_for(1006, 10000, L"Share Device");
+        ASSERT_FALSE(dialog.empty()) << "no share dialog";
+        ui_driver(L"click " + dialog + L" " + std::to_wstring(dialog_button));
     }
 
     // The Settings command: the dialog comes up whatever the server answers; OK is
@@ -224,15 +208,13 @@ protected:
     void settings_action(const std::wstring& window, bool press_ok)
     {
         ui_driver(L"click " + window + L" 1005");
-        const auto dialog = ui_driver(L"wait \"Server Settings\" 1019 10000");
-        ASSERT_EQ(dialog.exit_code, 0u) << "no settings dialog";
+        const std::wstring dialog = wait_for(1019, 10000, L"Server Settings");
+        ASSERT_FALSE(dialog.empty()) << "no settings dialog";
         if (press_ok) {
-            const ULONGLONG deadline = ::GetTickCount64() + 5000;
-            while (::GetTickCount64() < deadline && ui_driver(L"enabled " + dialog.output + L" 1").output != L"1")
-                ::Sleep(100);
-            ASSERT_EQ(ui_driver(L"enabled " + dialog.output + L" 1").output, L"1") << "the settings were not read";
+            ASSERT_TRUE(eventually([&] { return ui_driver(L"enabled " + dialog + L" 1").output == L"1"; }, 5000))
+                << "the settings were not read";
         }
-        ui_driver(L"click " + dialog.output + L" " + (press_ok ? L"1" : L"2"));
+        ui_driver(L"click " + dialog + L" " + (press_ok ? L"1" : L"2"));
     }
 
     // Makes the program call the method while the window runs.
@@ -338,7 +320,7 @@ TEST_F(fault_injection, every_method_failing_while_the_window_runs_leaves_it_usa
                 std::vector<std::wstring> command{L"fail", c.method, hex(f.value)};
                 if (f.device)
                     command.push_back(std::wstring(L"device=") + f.device);
-                ASSERT_TRUE(control(command)) << "the server refused the failure";
+                ASSERT_TRUE(control(command).ok) << "the server refused the failure";
                 failing_.push_back(f.value);
             }
             act(c, window);

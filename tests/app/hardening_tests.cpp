@@ -7,6 +7,7 @@
 
 #include <windows.h>
 
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -32,8 +33,8 @@ protected:
     void TearDown() override
     {
         ::SetEnvironmentVariableW(L"PLANTED_LIBRARY_MARKER", nullptr);
-        remove_all();
         program_process::TearDown();
+        remove_all();
     }
 
     std::wstring program_folder() const { return root_ + L"program\\"; }
@@ -49,13 +50,8 @@ protected:
 private:
     void remove_all()
     {
-        for (const std::wstring& folder : {program_folder(), current_folder()}) {
-            for (const wchar_t* file : {L"dwmapi.dll", L"ServerCfg.exe", L"ui_driver.exe"})
-                ::DeleteFileW((folder + file).c_str());
-            ::RemoveDirectoryW(folder.c_str());
-        }
-        ::DeleteFileW(marker().c_str());
-        ::RemoveDirectoryW(root_.c_str());
+        std::error_code ignored;
+        std::filesystem::remove_all(std::filesystem::path(root_), ignored);
     }
 
     std::wstring root_;

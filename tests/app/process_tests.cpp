@@ -1,9 +1,10 @@
-// The real executable against the substitute server: start-up, single instance, settings
-// and language as the user meets them.
+// The real executable against the substitute server: start-up failures and the single
+// instance as the user meets them.
 
 #include "program_process.h"
 
 #include "base/unique_handle.h"
+#include "base/utf.h"
 
 #include <gtest/gtest.h>
 
@@ -17,47 +18,41 @@ namespace {
 
 using namespace process_test;
 
-TEST_F(program_process, unregistered_server_class_shows_the_connect_error_and_exits_with_1)
+TEST_F(program_process, start_up_failures_show_their_message_and_exit_with_their_code)
 {
-    register_server(false);
-    expect_census_ = false;
-    process program_run(program());
-    ASSERT_TRUE(program_run.started());
-    const std::wstring box = wait_for(message_text_id);
-    ASSERT_FALSE(box.empty()) << "no message box appeared";
-    const std::wstring text = message_text(box);
-    EXPECT_EQ(text.rfind(L"Error connecting to Ulmora Tools Server API: ", 0), 0u) << text;
-    EXPECT_NE(text.find(L" (0x80040154)\n\nTry to reinstall the product."), std::wstring::npos) << text;
-    ui_driver(L"click " + box + L" 1");
-    EXPECT_EQ(program_run.wait(), 1u);
-}
-
-TEST_F(program_process, stopped_server_or_failing_running_query_shows_not_running_and_exits_with_2)
-{
-    // A server that answers "not running", and one whose running query itself fails.
-    for (const char* scenario : {R"({"running": false})",
-                                 R"({"running": true, "failures": [{"method": "IsRunning", "hresult": "0x80010108"}]})"}) {
-        use_scenario(scenario);
-        process program_run(program());
+    struct failing_start {
+        const char* scenario;  // empty: the default one; null: the server class is not registered
+        const wchar_t* arguments;
+        const wchar_t* text_start;
+        const wchar_t* text_part;
+        DWORD exit_code;
+    };
+    const wchar_t* const not_running =
+        L"Ulmora Tools Server is not currently running. Either start the server or try to reinstall the product.";
+    const failing_start cases[] = {
+        {"", L"--no-such-option", L"", L"Invalid command line argument specified", ERROR_INVALID_PARAMETER},
+        // A server that answers "not running", and one whose running query itself fails.
+        {R"({"running": false})", L"", not_running, L"", 2},
+        {R"({"running": true, "failures": [{"method": "IsRunning", "hresult": "0x80010108"}]})", L"", not_running, L"", 2},
+        {nullptr, L"", L"Error connecting to Ulmora Tools Server API: ", L" (0x80040154)\n\nTry to reinstall the product.", 1},
+    };
+    for (const failing_start& c : cases) {
+        SCOPED_TRACE(c.scenario ? c.scenario : "unregistered");
+        if (c.scenario && *c.scenario) {
+            use_scenario(c.scenario);
+        } else if (!c.scenario) {
+            register_server(false);
+            expect_census_ = false;
+        }
+        process program_run(program(c.arguments));
         const std::wstring box = wait_for(message_text_id);
-        ASSERT_FALSE(box.empty()) << "no message box appeared: " << scenario;
-        EXPECT_EQ(message_text(box), L"Ulmora Tools Server is not currently running. Either start the server or try "
-                                     L"to reinstall the product.")
-            << scenario;
+        ASSERT_FALSE(box.empty()) << "no message box appeared";
+        const std::wstring text = message_text(box);
+        EXPECT_EQ(text.rfind(c.text_start, 0), 0u) << tessel::utf16_to_utf8(text);
+        EXPECT_NE(text.find(c.text_part), std::wstring::npos) << tessel::utf16_to_utf8(text);
         ui_driver(L"click " + box + L" 1");
-        EXPECT_EQ(program_run.wait(), 2u) << scenario;
+        EXPECT_EQ(program_run.wait(), c.exit_code);
     }
-}
-
-TEST_F(program_process, unreadable_command_line_is_reported_and_ends_with_a_nonzero_code)
-{
-    process program_run(program(L"--no-such-option"));
-    const std::wstring box = wait_for(message_text_id);
-    ASSERT_FALSE(box.empty()) << "no message box appeared";
-    const std::wstring text = message_text(box);
-    EXPECT_NE(text.find(L"Invalid command line argument specified"), std::wstring::npos) << text;
-    ui_driver(L"click " + box + L" 1");
-    EXPECT_EQ(program_run.wait(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
 }
 
 TEST_F(program_process, second_start_defers_to_the_first_and_closing_leaves_only_the_defaults)
@@ -98,47 +93,6 @@ TEST_F(program_process, second_start_defers_to_the_first_and_closing_leaves_only
     ::RegQueryInfoKeyW(promo.get(), nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, &values, nullptr, nullptr,
                        nullptr, nullptr);
     EXPECT_EQ(values + subkeys, 0u);
-}
-
-TEST_F(program_process, the_chosen_language_pack_beside_the_program_translates_the_main_window)
-{
-    tessel::unique_hkey key;
-    ASSERT_EQ(::RegCreateKeyExW(HKEY_CURRENT_USER, settings_key, 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.put(), nullptr),
-              ERROR_SUCCESS);
-    const wchar_t german[] = L"de";
-    ::RegSetValueExW(key.get(), L"language", 0, REG_SZ, reinterpret_cast<const BYTE*>(german), sizeof german);
-    key.reset();
-
-    process program_run(program());
-    const std::wstring main_window = wait_for(main_tree_placeholder_id);
-    ASSERT_FALSE(main_window.empty()) << "the main window did not appear";
-    EXPECT_EQ(ui_driver(L"text " + main_window + L" 1016").output, L"Getrennte ausblenden");
-    EXPECT_EQ(ui_driver(L"text " + main_window + L" 2").output, L"Schlie\u00DFen");
-    ui_driver(L"close " + main_window);
-    EXPECT_EQ(program_run.wait(), 0u);
-}
-
-TEST_F(program_process, a_foreign_window_with_the_title_as_prefix_counts_but_another_case_does_not)
-{
-    const auto window_titled = [](const wchar_t* text) {
-        return tessel::unique_hwnd(::CreateWindowExW(0, L"STATIC", text, WS_POPUP, 0, 0, 10, 10, nullptr, nullptr,
-                                                     nullptr, nullptr));
-    };
-    {
-        auto foreign = window_titled(L"QMX Software Ulmora Tools Server - another tool");
-        process program_run(program());
-        EXPECT_EQ(program_run.wait(), 0u);
-        EXPECT_TRUE(wait_for(main_tree_placeholder_id, 300).empty());
-    }
-    {
-        auto other_case = window_titled(L"QMX Software Ulmora Tools SERVER");
-        auto shorter = window_titled(L"QMX Software Ulmora Tools");
-        process program_run(program());
-        const std::wstring main_window = wait_for(main_tree_placeholder_id);
-        ASSERT_FALSE(main_window.empty()) << "the program must not take these windows for itself";
-        ui_driver(L"close " + main_window);
-        EXPECT_EQ(program_run.wait(), 0u);
-    }
 }
 
 }  // namespace

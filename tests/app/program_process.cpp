@@ -2,7 +2,6 @@
 
 #include "base/module_path.h"
 #include "base/utf.h"
-#include "control_protocol.h"
 
 #include <fstream>
 #include <sstream>
@@ -21,76 +20,14 @@ std::wstring temp_folder()
     return std::wstring(folder, length);
 }
 
-process::process(const std::wstring& command_line, const std::wstring& current_folder)
+test_support::tool_result ui_driver(const std::wstring& arguments)
 {
-    std::wstring line = command_line;
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION info{};
-    if (::CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr,
-                         current_folder.empty() ? nullptr : current_folder.c_str(), &startup, &info)) {
-        handle_.reset(info.hProcess);
-        ::CloseHandle(info.hThread);
-    }
+    return test_support::run_tool(L"ui_driver.exe", arguments);
 }
 
-process::~process()
+std::wstring wait_for(int control_id, DWORD timeout_ms, const std::wstring& caption)
 {
-    kill();
-}
-
-void process::kill()
-{
-    if (handle_ && ::WaitForSingleObject(handle_.get(), 0) == WAIT_TIMEOUT) {
-        ::TerminateProcess(handle_.get(), 99);
-        ::WaitForSingleObject(handle_.get(), 5000);
-    }
-}
-
-DWORD process::wait(DWORD timeout_ms)
-{
-    if (::WaitForSingleObject(handle_.get(), timeout_ms) != WAIT_OBJECT_0)
-        return STILL_ACTIVE;
-    DWORD code = 0;
-    ::GetExitCodeProcess(handle_.get(), &code);
-    return code;
-}
-
-driver_result ui_driver(const std::wstring& arguments)
-{
-    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-    HANDLE read_end = nullptr, write_end = nullptr;
-    if (!::CreatePipe(&read_end, &write_end, &inherit, 0))
-        return {~0u, {}};
-    tessel::unique_handle reader(read_end), writer(write_end);
-    ::SetHandleInformation(read_end, HANDLE_FLAG_INHERIT, 0);
-
-    std::wstring line = L"\"" + bin_folder() + L"ui_driver.exe\" " + arguments;
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = write_end;
-    startup.hStdError = ::GetStdHandle(STD_ERROR_HANDLE);
-    PROCESS_INFORMATION info{};
-    if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info))
-        return {~0u, {}};
-    tessel::unique_handle process_handle(info.hProcess), thread_handle(info.hThread);
-    writer.reset();
-
-    std::string output;
-    char buffer[512];
-    DWORD got = 0;
-    while (::ReadFile(read_end, buffer, sizeof buffer, &got, nullptr) && got)
-        output.append(buffer, got);
-    ::WaitForSingleObject(info.hProcess, INFINITE);
-    DWORD code = 0;
-    ::GetExitCodeProcess(info.hProcess, &code);
-    return {code, tessel::utf8_to_utf16(output)};
-}
-
-std::wstring wait_for(int control_id, DWORD timeout_ms)
-{
-    const auto result = ui_driver(L"wait \"" + std::wstring(title) + L"\" " + std::to_wstring(control_id) + L" " +
+    const auto result = ui_driver(L"wait \"" + caption + L"\" " + std::to_wstring(control_id) + L" " +
                                   std::to_wstring(timeout_ms));
     return result.exit_code == 0 ? result.output : std::wstring();
 }
@@ -100,7 +37,40 @@ std::wstring message_text(const std::wstring& box)
     return ui_driver(L"text " + box + L" " + std::to_wstring(message_text_id)).output;
 }
 
-using register_fn = HRESULT(STDAPICALLTYPE*)();
+std::vector<std::wstring> rows(const std::wstring& window)
+{
+    std::vector<std::wstring> result;
+    std::wistringstream lines(ui_driver(L"rows " + window + L" " + std::to_wstring(main_tree_placeholder_id)).output);
+    for (std::wstring line; std::getline(lines, line);)
+        result.push_back(line);
+    return result;
+}
+
+std::string joined(const std::vector<std::wstring>& lines)
+{
+    std::wstring text;
+    for (const auto& line : lines)
+        text += line + L"\n";
+    return tessel::utf16_to_utf8(text);
+}
+
+int row_of(const std::vector<std::wstring>& lines, const std::wstring& text)
+{
+    for (std::size_t i = 0; i < lines.size(); ++i)
+        if (lines[i].find(text) != std::wstring::npos)
+            return static_cast<int>(i);
+    return -1;
+}
+
+bool share_action(const std::wstring& window, const std::wstring& name)
+{
+    const int row = row_of(rows(window), L"0\t" + name);
+    if (row < 0)
+        return false;
+    ui_driver(L"select " + window + L" 1003 " + std::to_wstring(row));
+    ui_driver(L"key " + window + L" 1003 13");
+    return true;
+}
 
 void program_process::SetUp()
 {
@@ -109,13 +79,12 @@ void program_process::SetUp()
     // Each test's program gets its own control pipe and census file.
     const std::wstring test_name = tessel::utf8_to_utf16(testing::UnitTest::GetInstance()->current_test_info()->name());
     pipe_name_ = L"\\\\.\\pipe\\qmx.ulmora.simserver.test." + std::to_wstring(::GetCurrentProcessId()) + L"." + test_name;
-    ::SetEnvironmentVariableW(L"ULMORA_SIM_PIPE", pipe_name_.c_str());
+    ::SetEnvironmentVariableW(sim_server::pipe_variable, pipe_name_.c_str());
     census_path_ = temp_folder() + L"servercfg-census-" + test_name + L".txt";
     ::DeleteFileW(census_path_.c_str());
     ::SetEnvironmentVariableW(L"ULMORA_SIM_REFERENCE_REPORT", census_path_.c_str());
-    server_ = ::LoadLibraryW((bin_folder() + L"UlmoraSimServer.dll").c_str());
-    ASSERT_NE(server_, nullptr);
-    register_server(true);
+    server_.emplace();
+    ASSERT_TRUE(server_->registered());
 }
 
 void program_process::TearDown()
@@ -124,31 +93,27 @@ void program_process::TearDown()
     ::SetEnvironmentVariableW(L"ULMORA_SIM_REFERENCE_REPORT", nullptr);
     int ends = 0;
     for (const std::string& line : census_report()) {
+        if (!check_census_)
+            break;
         if (line.rfind("live ", 0) == 0)
             ADD_FAILURE() << "the program did not release what the server handed out: " << line.substr(5)
                           << " (kind, objects, references)";
         else if (line.rfind("end ", 0) == 0)
             ++ends;
     }
-    if (expect_census_) {
+    if (expect_census_ && check_census_) {
         EXPECT_GT(ends, 0) << "the program's server wrote no census: the program did not end normally";
     }
     ::DeleteFileW(census_path_.c_str());
-    if (server_) {
-        register_server(false);
-        ::FreeLibrary(server_);
-    }
+    server_.reset();
     ::SetEnvironmentVariableW(L"ULMORA_SIM_SCENARIO", nullptr);
-    ::SetEnvironmentVariableW(L"ULMORA_SIM_PIPE", nullptr);
+    ::SetEnvironmentVariableW(sim_server::pipe_variable, nullptr);
     ::RegDeleteTreeW(HKEY_CURRENT_USER, settings_key);
 }
 
 void program_process::register_server(bool on)
 {
-    const auto entry = reinterpret_cast<register_fn>(
-        reinterpret_cast<void*>(::GetProcAddress(server_, on ? "DllRegisterServer" : "DllUnregisterServer")));
-    ASSERT_NE(entry, nullptr);
-    ASSERT_EQ(entry(), S_OK);
+    ASSERT_TRUE(server_->set(on));
 }
 
 std::wstring program_process::program(const std::wstring& arguments)
@@ -163,12 +128,12 @@ void program_process::use_scenario(const std::string& json)
     ::SetEnvironmentVariableW(L"ULMORA_SIM_SCENARIO", path.c_str());
 }
 
-bool program_process::control(const std::vector<std::wstring>& words)
+sim_server::control_answer program_process::control(const std::vector<std::wstring>& words)
 {
     try {
-        return sim_server::send_command(pipe_name_, words).ok;
+        return sim_server::send_command(pipe_name_, words);
     } catch (...) {
-        return false;
+        return {};
     }
 }
 

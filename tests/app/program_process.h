@@ -1,19 +1,24 @@
 #pragma once
 // Process tests: the real executable, started as a process under the same Wine session
-// against the substitute server, its windows found and answered through ui_driver.exe.
-// Every test ends with the server's census: whatever the program received from the
-// server must have been released by the time it ended.
+// against the substitute server, its windows found and answered through ui_driver.exe and
+// the server changed through its control pipe. Every test ends with the server's census:
+// whatever the program received from the server must have been released by the time it
+// ended.
 
-#include "base/unique_handle.h"
+#include "child_process.h"
+#include "control_protocol.h"
 
 #include <gtest/gtest.h>
 
 #include <windows.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace process_test {
+
+using process = test_support::child_process;
 
 inline constexpr wchar_t title[] = L"QMX Software Ulmora Tools Server";
 inline constexpr wchar_t settings_key[] = L"Software\\QMX Software\\Ulmora Tools\\ServerCfg";
@@ -23,33 +28,41 @@ inline constexpr int main_tree_placeholder_id = 1003;
 std::wstring bin_folder();
 std::wstring temp_folder();
 
-class process {
-public:
-    // current_folder: empty for the caller's.
-    explicit process(const std::wstring& command_line, const std::wstring& current_folder = {});
-    ~process();
-    process(const process&) = delete;
-    process& operator=(const process&) = delete;
-
-    [[nodiscard]] bool started() const { return static_cast<bool>(handle_); }
-    // The exit code, or STILL_ACTIVE when the process has not ended in time.
-    DWORD wait(DWORD timeout_ms = 15000);
-    void kill();
-    [[nodiscard]] HANDLE handle() const { return handle_.get(); }
-
-private:
-    tessel::unique_handle handle_;
-};
-
-struct driver_result {
-    DWORD exit_code;
-    std::wstring output;
-};
-
-driver_result ui_driver(const std::wstring& arguments);
-// Waits for a window of the program: a message box (its text control) or the main window.
-std::wstring wait_for(int control_id, DWORD timeout_ms = 15000);
+test_support::tool_result ui_driver(const std::wstring& arguments);
+// Waits for a visible window with this caption and a control of this id: a message box
+// (its text control) or the main window (its tree). Empty when none came.
+std::wstring wait_for(int control_id, DWORD timeout_ms = 15000, const std::wstring& caption = title);
 std::wstring message_text(const std::wstring& box);
+// Polls until done() answers true, at most timeout_ms.
+template <class predicate>
+bool eventually(predicate done, DWORD timeout_ms = 10000)
+{
+    const ULONGLONG deadline = ::GetTickCount64() + timeout_ms;
+    for (;;) {
+        if (done())
+            return true;
+        if (::GetTickCount64() > deadline)
+            return false;
+        ::Sleep(100);
+    }
+}
+
+// The rows of the main window's tree as its screen-reader interface gives them:
+// "<level>\t<name>" each.
+std::vector<std::wstring> rows(const std::wstring& window);
+std::string joined(const std::vector<std::wstring>& lines);
+// The first row that contains the text, or -1.
+int row_of(const std::vector<std::wstring>& lines, const std::wstring& text);
+inline bool has_row(const std::vector<std::wstring>& lines, const std::wstring& text) { return row_of(lines, text) >= 0; }
+// Polls until the rows satisfy ok (a notification travels through two message loops).
+template <class predicate>
+bool rows_become(const std::wstring& window, predicate ok, DWORD timeout_ms = 10000)
+{
+    return eventually([&] { return ok(rows(window)); }, timeout_ms);
+}
+// Selects the top-level row that starts with the name and presses Enter: the share action.
+// False when there is no such row.
+bool share_action(const std::wstring& window, const std::wstring& name);
 
 class program_process : public testing::Test {
 protected:
@@ -60,15 +73,17 @@ protected:
     static std::wstring program(const std::wstring& arguments = L"");
     // A scenario file of the substitute server, named in the environment the program inherits.
     void use_scenario(const std::string& json);
-    // A command to the server inside the running program, through its control pipe;
-    // returns whether the server carried it out.
-    bool control(const std::vector<std::wstring>& words);
+    // A command to the server inside the running program, through its control pipe; not ok
+    // also when no server answers.
+    sim_server::control_answer control(const std::vector<std::wstring>& words);
     // The census lines the program's server wrote when it left: "live ..." per kind in use.
     [[nodiscard]] std::vector<std::string> census_report() const;
 
     // Tests in which the program never loads the server clear this.
     bool expect_census_ = true;
-    HMODULE server_ = nullptr;
+    // Tests whose census is not theirs to judge clear this.
+    bool check_census_ = true;
+    std::optional<test_support::registered_sim_server> server_;
     std::wstring census_path_;
     std::wstring pipe_name_;
 };

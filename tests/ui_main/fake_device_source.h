@@ -42,7 +42,6 @@ public:
     std::map<DWORD, DWORD> forced_child;
     std::map<DWORD, DWORD> forced_sibling;
     int open_sets = 0;
-    int max_open_sets = 0;
     int opened_total = 0;
 
     std::wstring instance_id(DWORD devinst) override
@@ -55,7 +54,7 @@ public:
     public:
         opened(fake_source& owner, const fake_node& node, DWORD devinst) : owner_(owner), node_(node), devinst_(devinst)
         {
-            owner_.max_open_sets = std::max(owner_.max_open_sets, ++owner_.open_sets);
+            ++owner_.open_sets;
             ++owner_.opened_total;
         }
         ~opened() override { --owner_.open_sets; }

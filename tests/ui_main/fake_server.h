@@ -40,43 +40,38 @@ public:
     FAKE_RESERVED(3) FAKE_RESERVED(4) FAKE_RESERVED(5) FAKE_RESERVED(6) FAKE_RESERVED(7) FAKE_RESERVED(8)
     FAKE_RESERVED(9) FAKE_RESERVED(10) FAKE_RESERVED(11) FAKE_RESERVED(14)
 
-    HRESULT fails(const wchar_t* method)
+    // Counts the call; the method's failure, or what answer() gives.
+    template <class F>
+    HRESULT call(const wchar_t* method, F answer)
     {
         ++calls[method];
         const auto it = failures.find(method);
-        return it == failures.end() ? S_OK : it->second;
+        return it != failures.end() ? it->second : answer();
+    }
+    static HRESULT flag(bool value, VARIANT_BOOL* out)
+    {
+        *out = value ? VARIANT_TRUE : VARIANT_FALSE;
+        return S_OK;
     }
     HRESULT STDMETHODCALLTYPE GetName(BSTR* out) noexcept override
     {
-        if (const HRESULT hr = fails(L"GetName"); FAILED(hr))
-            return hr;
-        return to_bstr(name, out);
+        return call(L"GetName", [&] { return to_bstr(name, out); });
     }
     HRESULT STDMETHODCALLTYPE GetLocation(BSTR* out) noexcept override
     {
-        if (const HRESULT hr = fails(L"GetLocation"); FAILED(hr))
-            return hr;
-        return to_bstr(location, out);
+        return call(L"GetLocation", [&] { return to_bstr(location, out); });
     }
     HRESULT STDMETHODCALLTYPE IsConnected(VARIANT_BOOL* out) noexcept override
     {
-        if (const HRESULT hr = fails(L"IsConnected"); FAILED(hr))
-            return hr;
-        *out = connected ? VARIANT_TRUE : VARIANT_FALSE;
-        return S_OK;
+        return call(L"IsConnected", [&] { return flag(connected, out); });
     }
     HRESULT STDMETHODCALLTYPE GetClientName(BSTR* out) noexcept override
     {
-        if (const HRESULT hr = fails(L"GetClientName"); FAILED(hr))
-            return hr;
-        return to_bstr(client, out);
+        return call(L"GetClientName", [&] { return to_bstr(client, out); });
     }
     HRESULT STDMETHODCALLTYPE NeedsShareConfirmation(VARIANT_BOOL* out) noexcept override
     {
-        if (const HRESULT hr = fails(L"NeedsShareConfirmation"); FAILED(hr))
-            return hr;
-        *out = needs_confirmation ? VARIANT_TRUE : VARIANT_FALSE;
-        return S_OK;
+        return call(L"NeedsShareConfirmation", [&] { return flag(needs_confirmation, out); });
     }
     DWORD STDMETHODCALLTYPE GetDevInst() noexcept override { return devinst; }
 };

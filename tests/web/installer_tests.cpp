@@ -1,5 +1,6 @@
 // The product's installer (UlmoraToolsSetup.exe, built by makensis) run silently under Wine.
 
+#include "child_process.h"
 #include "web_test_support.h"
 
 #include "base/module_path.h"
@@ -17,18 +18,6 @@ constexpr wchar_t uninstall_key[] = L"Software\\Microsoft\\Windows\\CurrentVersi
 bool exists(const std::wstring& path)
 {
     return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
-}
-
-tessel::unique_handle start(std::wstring command_line, bool inherit = false)
-{
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    if (!::CreateProcessW(nullptr, command_line.data(), nullptr, nullptr, inherit, NORMAL_PRIORITY_CLASS, nullptr,
-                          nullptr, &startup, &process))
-        return {};
-    ::CloseHandle(process.hThread);
-    return tessel::unique_handle(process.hProcess);
 }
 
 std::wstring registry_text(const wchar_t* name)
@@ -51,24 +40,18 @@ TEST(installer, silent_install_waits_for_the_program_being_updated_and_uninstall
     const std::wstring shortcut = std::wstring(programs) + L"\\QMX Software\\Ulmora Tools Server Configuration.lnk";
 
     // A program that ends in three seconds stands for the running configuration utility.
-    const tessel::unique_handle program =
-        start(L"\"" + tessel::module_folder() + L"\\web_fake_installer.exe\" --sleep=3000");
-    ASSERT_TRUE(program);
+    test_support::child_process program(L"\"" + tessel::module_folder() + L"web_fake_installer.exe\" --sleep=3000");
+    ASSERT_TRUE(program.started());
     HANDLE inheritable = nullptr;
-    ASSERT_TRUE(::DuplicateHandle(::GetCurrentProcess(), program.get(), ::GetCurrentProcess(), &inheritable,
+    ASSERT_TRUE(::DuplicateHandle(::GetCurrentProcess(), program.handle(), ::GetCurrentProcess(), &inheritable,
                                   SYNCHRONIZE, TRUE, 0));
     const tessel::unique_handle inheritable_owner(inheritable);
-    const tessel::unique_handle installer =
-        start(L"\"" + setup + L"\" /S /UPDATE=" + std::to_wstring(reinterpret_cast<std::uintptr_t>(inheritable)) +
-                  L" /D=" + folder,
-              true);
-    ASSERT_TRUE(installer);
-    ASSERT_EQ(::WaitForSingleObject(installer.get(), 60000), WAIT_OBJECT_0);
+    test_support::child_process installer(
+        L"\"" + setup + L"\" /S /UPDATE=" + std::to_wstring(reinterpret_cast<std::uintptr_t>(inheritable)) + L" /D=" + folder,
+        {}, true);
+    EXPECT_EQ(installer.wait(60000), 0u);
     // The installer ended after the program it waited for, not before.
-    EXPECT_EQ(::WaitForSingleObject(program.get(), 0), WAIT_OBJECT_0);
-    DWORD exit_code = 1;
-    ::GetExitCodeProcess(installer.get(), &exit_code);
-    EXPECT_EQ(exit_code, 0u);
+    EXPECT_NE(program.wait(0), STILL_ACTIVE);
 
     EXPECT_TRUE(exists(folder + L"\\ServerCfg.exe"));
     EXPECT_TRUE(exists(folder + L"\\uninstall.exe"));
@@ -79,9 +62,8 @@ TEST(installer, silent_install_waits_for_the_program_being_updated_and_uninstall
     EXPECT_EQ(registry_text(L"InstallLocation"), folder);
 
     // "_?=" keeps the uninstaller from copying itself away and returning at once.
-    const tessel::unique_handle uninstaller = start(L"\"" + folder + L"\\uninstall.exe\" /S _?=" + folder);
-    ASSERT_TRUE(uninstaller);
-    ASSERT_EQ(::WaitForSingleObject(uninstaller.get(), 60000), WAIT_OBJECT_0);
+    test_support::child_process uninstaller(L"\"" + folder + L"\\uninstall.exe\" /S _?=" + folder);
+    ASSERT_NE(uninstaller.wait(60000), STILL_ACTIVE);
     EXPECT_FALSE(exists(folder + L"\\ServerCfg.exe"));
     EXPECT_FALSE(exists(folder + L"\\languages"));
     EXPECT_FALSE(exists(shortcut));

@@ -3,16 +3,17 @@
 
 #include "web_test_support.h"
 
+#include "child_process.h"
 #include "message_pump.h"
 
 #include "base/module_path.h"
-#include "base/unique_handle.h"
 #include "base/window_text.h"
 #include "web/download.h"
 #include "web/update_service.h"
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 
 namespace {
@@ -56,9 +57,7 @@ protected:
     void SetUp() override
     {
         ::RegDeleteTreeW(HKEY_CURRENT_USER, settings_key);
-        sim_server_.reset(::LoadLibraryW((tessel::module_folder() + L"\\UlmoraSimServer.dll").c_str()));
-        ASSERT_TRUE(sim_server_);
-        call(sim_server_.get(), "DllRegisterServer");
+        ASSERT_TRUE(sim_server_.registered());
         set_service(L"newer/");
         folder = tessel::web::secure_download_folder();
         for (const std::wstring& name : web_test::files_in(folder))
@@ -76,34 +75,16 @@ protected:
     {
         ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, std::wstring(tessel::web::update_service_override_key).c_str(),
                              std::wstring(tessel::web::update_service_override_value).c_str());
-        call(sim_server_.get(), "DllUnregisterServer");
         ::RegDeleteTreeW(HKEY_CURRENT_USER, settings_key);
-    }
-    static void call(HMODULE module, const char* name)
-    {
-        using entry = HRESULT(STDAPICALLTYPE*)();
-        const auto function = reinterpret_cast<entry>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
-        ASSERT_NE(function, nullptr);
-        ASSERT_EQ(function(), S_OK);
     }
     void start_program()
     {
-        std::wstring line = L"\"" + tessel::module_folder() + L"\\ServerCfg.exe\"";
-        STARTUPINFOW startup{};
-        startup.cb = sizeof startup;
-        PROCESS_INFORMATION info{};
-        ASSERT_TRUE(::CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info));
-        program.reset(info.hProcess);
-        ::CloseHandle(info.hThread);
-    }
-    ~program_update() override
-    {
-        if (program && ::WaitForSingleObject(program.get(), 0) == WAIT_TIMEOUT)
-            ::TerminateProcess(program.get(), 99);
+        program.emplace(L"\"" + tessel::module_folder() + L"ServerCfg.exe\"");
+        ASSERT_TRUE(program->started());
     }
 
-    tessel::unique_hmodule sim_server_;
-    tessel::unique_handle program;
+    test_support::registered_sim_server sim_server_;
+    std::optional<test_support::child_process> program;
     std::wstring folder;
 };
 
@@ -111,7 +92,7 @@ TEST_F(program_update, accepted_offer_hands_over_to_the_installer_and_the_progra
 {
     ASSERT_TRUE(::CopyFileW((tessel::module_folder() + L"\\web_fake_installer.exe").c_str(),
                             (server().files() + L"\\installer.exe").c_str(), FALSE));
-    start_program();
+    ASSERT_NO_FATAL_FAILURE(start_program());
     const HWND offer = wait_for_box();
     ASSERT_NE(offer, nullptr) << "no offer appeared";
     EXPECT_EQ(tessel::windows::window_text(::GetDlgItem(offer, message_text_id)),
@@ -120,20 +101,17 @@ TEST_F(program_update, accepted_offer_hands_over_to_the_installer_and_the_progra
 
     // The installer starts with the program's handle, the program closes, the installer
     // notices.
-    ASSERT_EQ(::WaitForSingleObject(program.get(), 30000), WAIT_OBJECT_0);
-    DWORD exit_code = 1;
-    ::GetExitCodeProcess(program.get(), &exit_code);
-    EXPECT_EQ(exit_code, 0u);
+    EXPECT_EQ(program->wait(30000), 0u);
     const std::wstring report = folder + L"\\UlmoraToolsSetup-1.0.0.1.exe.txt";
     web_test::pump_until_or_die([&] { return web_test::read_file(report).find("ended") != std::string::npos; }, 20000,
                                 "the installer's wait for the program");
-    EXPECT_EQ(web_test::read_file(report), "pid=" + std::to_string(::GetProcessId(program.get())) + "\nended\n");
+    EXPECT_EQ(web_test::read_file(report), "pid=" + std::to_string(::GetProcessId(program->handle())) + "\nended\n");
 }
 
 TEST_F(program_update, check_without_news_keeps_the_promotion_and_the_program_closes_normally)
 {
     set_service(L"same/");
-    start_program();
+    ASSERT_NO_FATAL_FAILURE(start_program());
     HWND main_window = nullptr;
     test_support::pump_until([&] { return (main_window = find_box(1003)) != nullptr; }, 20000);
     ASSERT_NE(main_window, nullptr);
@@ -150,29 +128,8 @@ TEST_F(program_update, check_without_news_keeps_the_promotion_and_the_program_cl
     test_support::pump_until([&] { return tessel::windows::window_text(line) == L"Test offer"; }, 5000);
     EXPECT_EQ(tessel::windows::window_text(line), L"Test offer");
     ::PostMessageW(main_window, WM_CLOSE, 0, 0);
-    ASSERT_EQ(::WaitForSingleObject(program.get(), 15000), WAIT_OBJECT_0);
-    DWORD exit_code = 1;
-    ::GetExitCodeProcess(program.get(), &exit_code);
-    EXPECT_EQ(exit_code, 0u);
+    EXPECT_EQ(program->wait(), 0u);
     EXPECT_TRUE(find_box(message_text_id) == nullptr);
-}
-
-TEST_F(program_update, failed_download_leaves_no_file_and_the_program_running)
-{
-    ::DeleteFileW((server().files() + L"\\installer.exe").c_str());
-    start_program();
-    const HWND offer = wait_for_box();
-    ASSERT_NE(offer, nullptr) << "no offer appeared";
-    ::PostMessageW(::GetDlgItem(offer, IDYES), BM_CLICK, 0, 0);
-    web_test::pump_until_or_die([&] { return !::IsWindow(offer); }, 10000, "the offer to close");
-    const HWND error = wait_for_box();
-    ASSERT_NE(error, nullptr) << "no error appeared";
-    const std::wstring text = tessel::windows::window_text(::GetDlgItem(error, message_text_id));
-    EXPECT_TRUE(text.starts_with(L"A following error occurred during downloading or installing upgrade: ")) << text;
-    EXPECT_NE(text.find(L"80070057)"), std::wstring::npos) << text;
-    EXPECT_TRUE(web_test::files_in(folder).empty());
-    ::PostMessageW(::GetDlgItem(error, IDOK), BM_CLICK, 0, 0);
-    EXPECT_EQ(::WaitForSingleObject(program.get(), 2000), static_cast<DWORD>(WAIT_TIMEOUT));
 }
 
 }  // namespace
