@@ -132,4 +132,22 @@ TEST_F(program_update, check_without_news_keeps_the_promotion_and_the_program_cl
     EXPECT_TRUE(find_box(message_text_id) == nullptr);
 }
 
+TEST_F(program_update, failed_download_leaves_no_file_and_the_program_running)
+{
+    ::DeleteFileW((server().files() + L"\\installer.exe").c_str());
+    ASSERT_NO_FATAL_FAILURE(start_program());
+    const HWND offer = wait_for_box();
+    ASSERT_NE(offer, nullptr) << "no offer appeared";
+    ::PostMessageW(::GetDlgItem(offer, IDYES), BM_CLICK, 0, 0);
+    web_test::pump_until_or_die([&] { return !::IsWindow(offer); }, 10000, "the offer to close");
+    const HWND error = wait_for_box();
+    ASSERT_NE(error, nullptr) << "no error appeared";
+    const std::wstring text = tessel::windows::window_text(::GetDlgItem(error, message_text_id));
+    EXPECT_TRUE(text.starts_with(L"A following error occurred during downloading or installing upgrade: ")) << text;
+    EXPECT_NE(text.find(L"80070057)"), std::wstring::npos) << text;
+    EXPECT_TRUE(web_test::files_in(folder).empty());
+    ::PostMessageW(::GetDlgItem(error, IDOK), BM_CLICK, 0, 0);
+    EXPECT_EQ(program->wait(2000), STILL_ACTIVE);
+}
+
 }  // namespace
