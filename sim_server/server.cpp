@@ -190,7 +190,7 @@ HRESULT usb_server::start_operation(DWORD delay_ms, HRESULT result, bool reads_s
     const UINT_PTR timer = next_timer_++;
     tessel::throw_last_error_if(
         !::SetTimer(window_.get(), timer, std::max<DWORD>(delay_ms, USER_TIMER_MINIMUM), nullptr));
-    operations_[timer] = {op, result, reads_settings, std::move(written), tessel::com_ptr<IUsbServer>(this)};
+    operations_[timer] = {op, result, reads_settings, std::move(written)};
     tessel::com_ptr<IUsbServerOperation>(op).copy_to(out);
     return S_OK;
 }
@@ -201,8 +201,7 @@ void usb_server::complete_operation(UINT_PTR timer) noexcept
     const auto it = operations_.find(timer);
     if (it == operations_.end())
         return;
-    // Taken out first: the handler may start the next call, and the entry's reference
-    // may be the server's last.
+    // Taken out first: the handler may start the next call.
     const pending_operation pending = std::move(it->second);
     operations_.erase(it);
     if (pending.settings_written && SUCCEEDED(pending.result)) {

@@ -82,14 +82,15 @@ private:
         tessel::com_ptr<IUsbDevice> device;
     };
 
-    // An asynchronous call waiting for its timer. It holds the server, as an outstanding
-    // call to a real server would keep the connection.
+    // An asynchronous call waiting for its timer. It does not hold the server: a program
+    // that lets go of the server while a call is outstanding (it closed a dialog before the
+    // answer came) has released everything of its own, and the census must say so; the
+    // call then never ends, as with a connection that went away.
     struct pending_operation {
         tessel::com_ptr<operation> op;
         HRESULT result;
         bool reads_settings;
         std::optional<server_settings> settings_written;
-        tessel::com_ptr<IUsbServer> server;
     };
 
     usb_server() = default;

@@ -13,6 +13,7 @@
 #include "base/coroutine.h"
 #include "base/failure.h"
 #include "base/module_path.h"
+#include "base/registered_messages.h"
 #include "base/service_registry.h"
 #include "base/utf.h"
 #include "controls/factories.h"
@@ -83,8 +84,15 @@ int run_message_loop(HWND main_window)
         ::TranslateMessage(&message);
         ::DispatchMessageW(&message);
     }
+    const int exit_code = static_cast<int>(message.wParam);
+    // Coroutines whose way back to the UI thread is still queued go on now, find their
+    // window gone and let go of the server's objects they hold.
+    MSG queued;
+    while (::PeekMessageW(&queued, nullptr, tessel::windows::wm_ui_return(), tessel::windows::wm_ui_return(),
+                          PM_REMOVE)) {
+    }
     hook.reset();
-    return static_cast<int>(message.wParam);
+    return exit_code;
 }
 
 // The update check as the main window starts it: automatically once the window is

@@ -732,8 +732,9 @@ fibra::fire_and_forget main_dialog::run_settings(main_dialog* self)
         tessel::com_ptr<IUsbServerOperation> operation;
         HRESULT outcome = self->server_->SetSettingsAsync(&changed, operation.put());
         if (SUCCEEDED(outcome))
-            outcome = co_await server_operation(operation);
+            outcome = co_await server_operation(operation, &self->settings_write_wait_);
         co_await ui;  // throws operation_cancelled when the window has gone meanwhile
+        self->settings_write_wait_.reset();
         if (FAILED(outcome) && self->window_)
             self->report_server_failure(outcome, tessel::string_ids::settings_save_failed);
     } else if (result == language_changed_result && self->window_) {
@@ -841,8 +842,10 @@ void main_dialog::on_command(int id)
 
 void main_dialog::on_destroy() noexcept
 {
-    // Work still waiting to come back to this window ends instead.
+    // Work still waiting to come back to this window ends instead, also the settings write
+    // the server has not answered yet.
     cancel_work();
+    end_server_wait(settings_write_wait_);
     // Whether or not the server lets go of the listener, it reaches this window no more.
     listener_->detach();
     if (listening_)

@@ -194,6 +194,8 @@ private:
     int marker_size_ = 0;
     // Markers that rows may still show until the next refresh has replaced them.
     std::vector<tessel::unique_hicon> retired_markers_;
+    // The handler the settings write waits on while the server's answer is outstanding.
+    tessel::com_ptr<IUsbServerOperationHandler> settings_write_wait_;
     bool server_lost_reported_ = false;
     bool showing_message_ = false;
     bool listening_ = false;

@@ -3,6 +3,12 @@
 // continues when the server reports the call ended, on the thread that awaited (the
 // server calls the completion handler on the apartment that set it). An operation that
 // has ended already continues at once.
+//
+// A window that goes while its call is still pending ends the wait itself: given a place
+// for it, the awaiter leaves its handler there, and the window calls the handler's
+// OnCompleted when it is destroyed. The coroutine then continues at once (the result is
+// E_FAIL, the call being still pending), sees its window gone and lets go of the server's
+// objects, which it would otherwise hold for the rest of the process.
 
 #include "app/server_api.h"
 #include "base/com_object.h"
@@ -15,7 +21,11 @@ namespace servercfg {
 
 class server_operation {
 public:
-    explicit server_operation(tessel::com_ptr<IUsbServerOperation> operation) : operation_(std::move(operation)) {}
+    explicit server_operation(tessel::com_ptr<IUsbServerOperation> operation,
+                              tessel::com_ptr<IUsbServerOperationHandler>* waiting_handler = nullptr)
+        : operation_(std::move(operation)), waiting_handler_(waiting_handler)
+    {
+    }
 
     [[nodiscard]] bool await_ready() const noexcept
     {
@@ -30,7 +40,11 @@ public:
             auto handler = tessel::make_com_object<completion>(waiting);
             if (FAILED(operation_->SetCompletedHandler(handler.get())))
                 return false;
-            return !handler->take();  // already called back: continue here
+            if (handler->take())
+                return false;  // already called back: continue here
+            if (waiting_handler_)
+                *waiting_handler_ = tessel::com_ptr<IUsbServerOperationHandler>(handler.get());
+            return true;
         } catch (...) {
             return false;
         }
@@ -77,6 +91,15 @@ private:
     };
 
     tessel::com_ptr<IUsbServerOperation> operation_;
+    tessel::com_ptr<IUsbServerOperationHandler>* waiting_handler_;
 };
+
+// Ends the wait of a coroutine parked on server_operation (see above); nothing when it has
+// ended already.
+inline void end_server_wait(tessel::com_ptr<IUsbServerOperationHandler>& waiting_handler) noexcept
+{
+    if (auto handler = std::move(waiting_handler))
+        (void)handler->OnCompleted(nullptr);
+}
 
 }  // namespace servercfg

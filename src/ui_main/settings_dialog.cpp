@@ -104,6 +104,7 @@ INT_PTR settings_dialog::handle(UINT message, WPARAM wparam, LPARAM)
     case WM_DESTROY:
         if (alive_)
             alive_->cancel();
+        end_server_wait(fetch_wait_);
         return FALSE;
     default:
         return FALSE;
@@ -137,9 +138,10 @@ fibra::fire_and_forget settings_dialog::fetch(settings_dialog* self, tessel::com
     tessel::com_ptr<IUsbServerOperation> operation;
     if (FAILED(server->GetSettingsAsync(operation.put())) || !operation)
         co_return;  // the server controls and OK stay disabled
-    const HRESULT result = co_await server_operation(operation);
+    const HRESULT result = co_await server_operation(operation, &self->fetch_wait_);
     if (alive->cancelled() || FAILED(result))
-        co_return;
+        co_return;  // self may be gone
+    self->fetch_wait_.reset();
     UsbServerSettings settings{};
     if (FAILED(operation->GetSettings(&settings)))
         co_return;

@@ -84,6 +84,8 @@ private:
     bool ready_ = false;
     // Cancelled when the window goes, so that a late answer of the server touches nothing.
     std::shared_ptr<fibra::details::cancellation_source_body> alive_;
+    // The handler the fetch waits on while the server's answer is outstanding.
+    tessel::com_ptr<IUsbServerOperationHandler> fetch_wait_;
 };
 
 }  // namespace servercfg

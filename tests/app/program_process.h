@@ -81,8 +81,6 @@ protected:
 
     // Tests in which the program never loads the server clear this.
     bool expect_census_ = true;
-    // Tests whose census is not theirs to judge clear this.
-    bool check_census_ = true;
     std::optional<test_support::registered_sim_server> server_;
     std::wstring census_path_;
     std::wstring pipe_name_;
