@@ -1,7 +1,8 @@
 #pragma once
 // HttpClient: a small asynchronous HTTP(S) client over WinINet, for every Windows from 7 on.
 //
-// The session runs in WinINet's asynchronous mode. `get` and `read_chunk` are awaitables:
+// The session runs in WinINet's asynchronous mode. `get`, `wait_for_data` and `read_chunk`
+// are awaitables:
 // they complete at once when WinINet has the answer, and otherwise suspend the coroutine
 // until WinINet reports INTERNET_STATUS_REQUEST_COMPLETE to the status callback, which
 // only records the result and resumes the coroutine on the thread that awaited, through
@@ -14,7 +15,10 @@
 //   client.initialize(L"https://host/");
 //   http_request request = co_await client.get(client.resolve(L"a/b?c=1"), L"Accept: application/json");
 //   throw_if_not_ok(request.handle());                       // anything but 200: E_INVALIDARG
-//   DWORD n = co_await HttpClient::read_chunk(request, buffer, sizeof buffer);   // 0: body complete
+//   std::uint64_t length = co_await read_body(request, sink, limit, stop);
+//
+// read_body waits for data with wait_for_data and then reads with read_chunk only what
+// WinINet holds: a read_chunk that has to wait can lose its count under Wine.
 
 #include "base/async_context.h"
 #include "base/unique_handle.h"
