@@ -86,92 +86,59 @@ http_request get_operation::await_resume()
     return http_request(std::move(context_), handle_);
 }
 
-// ---- read -----------------------------------------------------------------------------
+// ---- calls on a request ---------------------------------------------------------------
 
-read_operation::read_operation(const http_request& request, void* buffer, DWORD size) noexcept
-    : request_(request.handle()), context_(request.context()), buffer_(buffer), size_(size)
-{
-}
+namespace details {
 
-bool read_operation::await_suspend(std::coroutine_handle<> continuation) noexcept
+void request_call::finish(DWORD error) noexcept
 {
-    continuation_ = continuation;
-    thread_ = ::GetCurrentThreadId();
-    if (context_)
-        context_->waiting.store(this);
-    if (::InternetReadFile(request_, buffer_, size_, &read_)) {
-        if (context_)
-            context_->waiting.store(nullptr);
-        return false;
-    }
-    const DWORD error = ::GetLastError();
-    if (error != ERROR_IO_PENDING || !context_) {
-        if (context_)
-            context_->waiting.store(nullptr);
-        error_ = error == ERROR_SUCCESS || error == ERROR_IO_PENDING ? ERROR_INTERNET_INTERNAL_ERROR : error;
-        return false;
-    }
-    waited_ = true;
-    return !done_.exchange(true);
-}
-
-void read_operation::complete(const INTERNET_ASYNC_RESULT& result) noexcept
-{
-    if (!result.dwResult)
-        error_ = result.dwError ? result.dwError : ERROR_INTERNET_INTERNAL_ERROR;
+    if (error != ERROR_SUCCESS)
+        error_ = error;
     if (done_.exchange(true))
         windows::impl::post_ui_return(thread_, continuation_);
 }
 
-DWORD read_operation::await_resume() const
+void request_call::throw_if_failed() const
 {
     if (error_ != ERROR_SUCCESS)
         throw_win32(error_);
-    return read_;
 }
 
-// ---- data available -------------------------------------------------------------------
+}  // namespace details
 
-data_operation::data_operation(const http_request& request) noexcept
-    : request_(request.handle()), context_(request.context())
+bool read_operation::await_suspend(std::coroutine_handle<> continuation) noexcept
 {
+    return start(continuation, [this] { return ::InternetReadFile(request_, buffer_, size_, &read_) != FALSE; });
+}
+
+void read_operation::complete(const INTERNET_ASYNC_RESULT& result) noexcept
+{
+    finish(result.dwResult ? ERROR_SUCCESS : (result.dwError ? result.dwError : ERROR_INTERNET_INTERNAL_ERROR));
+}
+
+DWORD read_operation::await_resume() const
+{
+    throw_if_failed();
+    return read_;
 }
 
 bool data_operation::await_suspend(std::coroutine_handle<> continuation) noexcept
 {
-    continuation_ = continuation;
-    thread_ = ::GetCurrentThreadId();
-    if (context_)
-        context_->waiting.store(this);
-    if (::InternetQueryDataAvailable(request_, &available_, 0, 0)) {
-        if (context_)
-            context_->waiting.store(nullptr);
-        return false;
-    }
-    const DWORD error = ::GetLastError();
-    if (error != ERROR_IO_PENDING || !context_) {
-        if (context_)
-            context_->waiting.store(nullptr);
-        error_ = error == ERROR_SUCCESS || error == ERROR_IO_PENDING ? ERROR_INTERNET_INTERNAL_ERROR : error;
-        return false;
-    }
-    waited_ = true;
-    return !done_.exchange(true);
+    return start(continuation,
+                 [this] { return ::InternetQueryDataAvailable(request_, &available_, 0, 0) != FALSE; });
 }
 
 void data_operation::complete(const INTERNET_ASYNC_RESULT&) noexcept
 {
     // What the completion reports differs between WinINet versions (the count in dwResult
     // or in dwError); the caller asks again, which answers at once now, and reliably.
-    if (done_.exchange(true))
-        windows::impl::post_ui_return(thread_, continuation_);
+    finish(ERROR_SUCCESS);
 }
 
 std::optional<DWORD> data_operation::await_resume() const
 {
-    if (error_ != ERROR_SUCCESS)
-        throw_win32(error_);
-    if (waited_)
+    throw_if_failed();
+    if (waited())
         return std::nullopt;
     return available_;
 }

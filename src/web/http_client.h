@@ -105,26 +105,53 @@ private:
     DWORD thread_ = 0;
 };
 
-// co_await HttpClient::wait_for_data(request) → how many bytes of the body WinINet holds
-// now (0: the body is complete); nothing when it had to wait for them: data has arrived
-// since, and asking again tells how much.
-class data_operation final : private details::completion_target {
-public:
-    explicit data_operation(const http_request& request) noexcept;
+namespace details {
 
-    bool await_ready() const noexcept { return false; }
-    bool await_suspend(std::coroutine_handle<> continuation) noexcept;
-    std::optional<DWORD> await_resume() const;
+// A call on an open request that WinINet may finish later: what wait_for_data and
+// read_chunk share. The operation is registered on the request for the call's completion.
+class request_call : protected completion_target {
+public:
     // Whether it waited for WinINet (and the thread went back to its messages).
     [[nodiscard]] bool waited() const noexcept { return waited_; }
 
-private:
-    void complete(const INTERNET_ASYNC_RESULT& result) noexcept override;
+protected:
+    explicit request_call(const http_request& request) noexcept
+        : request_(request.handle()), context_(request.context())
+    {
+    }
+    ~request_call() = default;
+
+    // Makes the call (a WinINet function answering TRUE, or FALSE and a last error);
+    // true when the coroutine waits for the completion.
+    template <class Call>
+    bool start(std::coroutine_handle<> continuation, Call call) noexcept
+    {
+        continuation_ = continuation;
+        thread_ = ::GetCurrentThreadId();
+        if (context_)
+            context_->waiting.store(this);
+        const bool done = call();
+        const DWORD error = done ? ERROR_SUCCESS : ::GetLastError();
+        if (done || error != ERROR_IO_PENDING || !context_) {
+            if (context_)
+                context_->waiting.store(nullptr);
+            if (!done)
+                error_ = error == ERROR_SUCCESS || error == ERROR_IO_PENDING ? ERROR_INTERNET_INTERNAL_ERROR : error;
+            return false;
+        }
+        waited_ = true;
+        // The completion may already have run on another thread; whichever of the two
+        // comes second resumes the coroutine.
+        return !done_.exchange(true);
+    }
+    // From the completion: records its failure (0: none) and resumes the coroutine.
+    void finish(DWORD error) noexcept;
+    void throw_if_failed() const;
 
     HINTERNET request_;
-    details::request_context* context_;
-    // WinINet writes the count here before it reports the completion.
-    DWORD available_ = 0;
+
+private:
+    request_context* context_;
     DWORD error_ = ERROR_SUCCESS;
     bool waited_ = false;
     std::atomic<bool> done_{false};
@@ -132,31 +159,45 @@ private:
     DWORD thread_ = 0;
 };
 
-// co_await HttpClient::read_chunk(...) → bytes read; 0 when the body is complete.
-class read_operation final : private details::completion_target {
+}  // namespace details
+
+// co_await HttpClient::wait_for_data(request) → how many bytes of the body WinINet holds
+// now (0: the body is complete); nothing when it had to wait for them: data has arrived
+// since, and asking again tells how much.
+class data_operation final : public details::request_call {
 public:
-    read_operation(const http_request& request, void* buffer, DWORD size) noexcept;
+    explicit data_operation(const http_request& request) noexcept : request_call(request) {}
 
     bool await_ready() const noexcept { return false; }
     bool await_suspend(std::coroutine_handle<> continuation) noexcept;
-    DWORD await_resume() const;
-    // Whether the read waited for WinINet (and the thread went back to its messages).
-    [[nodiscard]] bool waited() const noexcept { return waited_; }
+    std::optional<DWORD> await_resume() const;
 
 private:
     void complete(const INTERNET_ASYNC_RESULT& result) noexcept override;
 
-    HINTERNET request_;
-    details::request_context* context_;
+    // WinINet writes the count here before it reports the completion.
+    DWORD available_ = 0;
+};
+
+// co_await HttpClient::read_chunk(...) → bytes read; 0 when the body is complete.
+class read_operation final : public details::request_call {
+public:
+    read_operation(const http_request& request, void* buffer, DWORD size) noexcept
+        : request_call(request), buffer_(buffer), size_(size)
+    {
+    }
+
+    bool await_ready() const noexcept { return false; }
+    bool await_suspend(std::coroutine_handle<> continuation) noexcept;
+    DWORD await_resume() const;
+
+private:
+    void complete(const INTERNET_ASYNC_RESULT& result) noexcept override;
+
     void* buffer_;
     DWORD size_;
     // WinINet writes the count here before it reports the completion.
     DWORD read_ = 0;
-    DWORD error_ = ERROR_SUCCESS;
-    bool waited_ = false;
-    std::atomic<bool> done_{false};
-    std::coroutine_handle<> continuation_;
-    DWORD thread_ = 0;
 };
 
 class HttpClient {
