@@ -3,8 +3,8 @@
 
 #include "controls/treeview.h"
 
-#include "base/module_path.h"
-#include "base/unique_handle.h"
+#include "base/utf.h"
+#include "child_process.h"
 #include "message_pump.h"
 #include "test_support.h"
 
@@ -30,36 +30,11 @@ tessel::unique_hwnd make_owner()
 // returns what it printed.
 std::string probe(HWND window)
 {
-    const std::wstring exe = tessel::module_folder() + L"controls_accessibility_probe.exe";
-    std::wstring command = L"\"" + exe + L"\" " + std::to_wstring(reinterpret_cast<INT_PTR>(window));
-    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-    HANDLE read = nullptr, write = nullptr;
-    if (!::CreatePipe(&read, &write, &inherit, 0))
-        return "no pipe";
-    ::SetHandleInformation(read, HANDLE_FLAG_INHERIT, 0);
-    tessel::unique_handle reader(read), writer(write);
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = write;
-    startup.hStdError = write;
-    PROCESS_INFORMATION process{};
-    if (!::CreateProcessW(exe.c_str(), command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process))
-        return "cannot start the probe";
-    tessel::unique_handle process_handle(process.hProcess), thread_handle(process.hThread);
-    writer.reset();
-    const bool ended = test_support::pump_until(
-        [&] { return ::WaitForSingleObject(process.hProcess, 0) == WAIT_OBJECT_0; }, 30000);
-    if (!ended) {
-        ::TerminateProcess(process.hProcess, 1);
+    const test_support::tool_result run = test_support::run_tool(
+        L"controls_accessibility_probe.exe", std::to_wstring(reinterpret_cast<INT_PTR>(window)), 30000, true);
+    if (run.exit_code == 99)
         return "the probe did not finish";
-    }
-    std::string output;
-    char buffer[4096];
-    DWORD got = 0;
-    while (::ReadFile(read, buffer, sizeof buffer, &got, nullptr) && got)
-        output.append(buffer, got);
-    return output;
+    return tessel::utf16_to_utf8(run.output);
 }
 
 std::vector<std::string> lines_of(const std::string& text)

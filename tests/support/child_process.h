@@ -60,7 +60,11 @@ struct tool_result {
 };
 
 // Runs an executable of the build folder and collects its standard output and error.
-inline tool_result run_tool(const std::wstring& exe, const std::wstring& arguments, DWORD timeout_ms = 30000)
+// answer_messages: this thread's messages are handled while the tool runs (a tool that
+// talks to this thread's windows needs their answers). A tool that overruns the timeout
+// is ended with exit code 99.
+inline tool_result run_tool(const std::wstring& exe, const std::wstring& arguments, DWORD timeout_ms = 30000,
+                            bool answer_messages = false)
 {
     SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
     HANDLE read_end = nullptr, write_end = nullptr;
@@ -90,7 +94,17 @@ inline tool_result run_tool(const std::wstring& exe, const std::wstring& argumen
             output.append(buffer, got);
     };
     const ULONGLONG deadline = ::GetTickCount64() + timeout_ms;
-    while (::WaitForSingleObject(info.hProcess, 10) == WAIT_TIMEOUT) {
+    const auto wait = [&] {
+        if (!answer_messages)
+            return ::WaitForSingleObject(info.hProcess, 10);
+        const DWORD woke = ::MsgWaitForMultipleObjects(1, &info.hProcess, FALSE, 10, QS_ALLINPUT);
+        for (MSG message; ::PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE);) {
+            ::TranslateMessage(&message);
+            ::DispatchMessageW(&message);
+        }
+        return woke == WAIT_OBJECT_0 ? WAIT_OBJECT_0 : ::WaitForSingleObject(info.hProcess, 0);
+    };
+    while (wait() == WAIT_TIMEOUT) {
         drain();
         if (::GetTickCount64() > deadline) {
             ::TerminateProcess(info.hProcess, 99);
