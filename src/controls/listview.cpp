@@ -1134,33 +1134,14 @@ void read_find_prefix(list_state& s, row_index row, list_state::find_prefix& pre
     prefix.known = true;
     prefix.length = 0;
     prefix.complete = true;
-    const std::wstring* markup = find_markup(s, row);
-    if (!markup)
+    std::wstring_view plain;
+    if (!find_text(s, row, plain))
         return;
-    std::wstring_view plain = *markup;
     std::size_t at = 0;
     while (at < plain.size() && blank(plain[at]))
         ++at;
-    std::size_t length = std::min(plain.size() - at, prefix.letters.size());
-    // Up to the first "[" the plain text is the markup itself: most rows need no stripping.
-    bool markup_inside = false;
-    for (std::size_t i = 0; i < length; ++i) {
-        prefix.letters[i] = plain[at + i];
-        markup_inside = markup_inside || plain[at + i] == L'[';
-    }
-    if (markup_inside) {
-        try {
-            strip_markup(*markup, s.find_plain);
-        } catch (const std::out_of_range&) {
-            return;
-        }
-        plain = s.find_plain;
-        at = 0;
-        while (at < plain.size() && blank(plain[at]))
-            ++at;
-        length = std::min(plain.size() - at, prefix.letters.size());
-        std::copy_n(plain.data() + at, length, prefix.letters.data());
-    }
+    const std::size_t length = std::min(plain.size() - at, prefix.letters.size());
+    std::copy_n(plain.data() + at, length, prefix.letters.data());
     prefix.length = static_cast<std::uint8_t>(length);
     prefix.complete = plain.size() - at == length;
 }
