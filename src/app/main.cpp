@@ -122,6 +122,7 @@ update_hooks update_hooks_of(main_dialog& dialog)
                 const auto promotion = tessel::web::current_promotion();
                 return promotion ? tessel::web::promotion_markup(*promotion) : std::wstring();
             },
+        .open_promotion = tessel::web::open_promotion_address,
     };
 }
 

@@ -30,7 +30,6 @@
 #include <initializer_list>
 #include <iterator>
 #include <utility>
-#include <cwchar>
 
 namespace servercfg {
 namespace {
@@ -587,12 +586,9 @@ INT_PTR main_dialog::on_notify(const NMHDR& header)
 {
     if (header.idFrom == static_cast<UINT_PTR>(ids::promotion) &&
         header.code == tessel::windows::new_controls::rvn_link_activated) {
-        // The address came from the update service: only a web page is opened for it,
-        // never a file or a program, which this elevated process would start.
         const auto& link = reinterpret_cast<const tessel::windows::new_controls::nm_rich_view_link&>(header);
-        const std::wstring address = link.argument ? link.argument : L"";
-        if (address.size() > 8 && ::_wcsnicmp(address.c_str(), L"https://", 8) == 0)
-            ::ShellExecuteW(nullptr, L"open", address.c_str(), nullptr, nullptr, SW_SHOWNORMAL);
+        if (hooks_.open_promotion)
+            hooks_.open_promotion(link.argument ? link.argument : L"");
         return 0;
     }
     if (!tree_ || header.hwndFrom != tree_->window())

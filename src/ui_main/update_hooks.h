@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 namespace servercfg {
 
@@ -20,6 +21,8 @@ struct update_hooks {
     // The markup of the main window's promotion line (a link to the promotion's address)
     // as it should read now; empty, or no function: the line is hidden.
     std::function<std::wstring()> promotion;
+    // Opens a link of the promotion line the user followed.
+    std::function<void(std::wstring_view address)> open_promotion;
 };
 
 }  // namespace servercfg

@@ -8,6 +8,8 @@
 #include "web/download.h"
 #include "web/progress_dialog.h"
 
+#include <shellapi.h>
+
 #include <atomic>
 #include <chrono>
 #include <cwctype>
@@ -216,6 +218,16 @@ std::optional<promo_notice> current_promotion()
 std::wstring promotion_markup(const promo_notice& promo)
 {
     return ts_printf::format(load_string(string_ids::update_promotion), promo.title, promo.url);
+}
+
+void open_promotion_address(std::wstring_view address) noexcept
+{
+    try {
+        if (is_https_address(address))
+            ::ShellExecuteW(nullptr, L"open", std::wstring(address).c_str(), nullptr, nullptr, SW_SHOWNORMAL);
+    } catch (...) {
+        debug_report(L"the promotion's address could not be opened");
+    }
 }
 
 bool language_pack_wanted(const language_pack_offer& offer, const product_version& own,
