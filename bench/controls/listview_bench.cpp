@@ -12,6 +12,8 @@
 // The machine is shared: batches of the two sides are interleaved in alternating order
 // and the table gives the fastest batch and the median.
 
+#include "bench_timing.h"
+
 #include "base/failure.h"
 #include "base/unique_handle.h"
 #include "controls/listview.h"
@@ -29,6 +31,8 @@
 
 using namespace tessel;
 using namespace tessel::windows::new_controls::listview::impl;
+using bench::now_ns;
+using bench::samples;
 
 namespace {
 
@@ -41,29 +45,6 @@ double thread_cpu_ns()
     const auto value = [](FILETIME t) { return (std::uint64_t(t.dwHighDateTime) << 32) | t.dwLowDateTime; };
     return double(value(kernel) + value(user)) * 100.0;
 }
-
-double now_ns()
-{
-    static const double ns_per_tick = [] {
-        LARGE_INTEGER f;
-        ::QueryPerformanceFrequency(&f);
-        return 1e9 / double(f.QuadPart);
-    }();
-    LARGE_INTEGER t;
-    ::QueryPerformanceCounter(&t);
-    return double(t.QuadPart) * ns_per_tick;
-}
-
-struct samples {
-    std::vector<double> ns;
-    double best() const { return *std::min_element(ns.begin(), ns.end()); }
-    double median() const
-    {
-        std::vector<double> sorted = ns;
-        std::sort(sorted.begin(), sorted.end());
-        return sorted[sorted.size() / 2];
-    }
-};
 
 void pump()
 {
