@@ -6,7 +6,7 @@
 // Each case is run several times, alternating, and the table gives the fastest run and
 // the median: the machine is shared, and the fastest run is what the code costs.
 
-#include "app/server_api.h"
+#include "server_link/server_api.h"
 #include "base/com_object.h"
 #include "base/com_ptr.h"
 #include "base/module_path.h"

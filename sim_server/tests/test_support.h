@@ -4,7 +4,7 @@
 
 #include "scenario.h"
 
-#include "app/server_api.h"
+#include "server_link/server_api.h"
 #include "base/com_object.h"
 #include "base/com_ptr.h"
 #include "base/unique_handle.h"

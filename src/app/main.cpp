@@ -5,7 +5,6 @@
 // it, starts a fresh copy of itself.
 
 #include "app/cmd_line.h"
-#include "app/server_api.h"
 #include "app/startup.h"
 #include "base/async_context.h"
 #include "base/com_object.h"
@@ -21,6 +20,7 @@
 #include "localization/localization.h"
 #include "msgbox/message_box.h"
 #include "nsm/app_settings.h"
+#include "server_link/server_connection.h"
 #include "ui_main/main_dialog.h"
 #include "web/update_check.h"
 
@@ -160,11 +160,11 @@ int run(int show_command)
 
     // 4, 5. The server's API object.
     tessel::com_ptr<IUsbServer> server;
-    if (const HRESULT created =
-            ::CoCreateInstance(CLSID_UsbServer, nullptr, CLSCTX_ALL, __uuidof(IUsbServer), server.put_void());
-        FAILED(created)) {
-        show_error(format_error_message(tessel::string_ids::startup_error_connecting, created));
-        return 1;
+    try {
+        server = create_server();
+    } catch (const fibra::details::hresult_error& e) {
+        show_error(format_error_message(tessel::string_ids::startup_error_connecting, e.code()));
+        return exit_code_server_not_created;
     }
 
     // 6. The program declares no option; the parser still refuses what it cannot read.
@@ -183,12 +183,9 @@ int run(int show_command)
     }
 
     // 7. The server must be running; the program neither starts it nor waits for it.
-    if (auto init = server.try_query<IUsbServerInit>())
-        (void)init->Initialize();
-    VARIANT_BOOL running = VARIANT_FALSE;
-    if (FAILED(server->IsRunning(&running)) || running == VARIANT_FALSE) {
+    if (!server_is_running(*server.get())) {
         show_error(tessel::load_string(tessel::string_ids::startup_server_not_running));
-        return 2;
+        return exit_code_server_not_running;
     }
 
     // 8. Text and bitmap machinery of the controls, and the main window's object.

@@ -8,7 +8,7 @@
 // over the toolkit's tree view and tests implement with a recording list. All calls run
 // on the UI thread.
 
-#include "app/server_api.h"
+#include "server_link/server_api.h"
 #include "base/com_ptr.h"
 #include "format/ts_printf.h"
 #include "ui_main/local_devices.h"

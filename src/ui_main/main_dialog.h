@@ -20,7 +20,7 @@
 // those cells empty. The window stays usable and closable throughout.
 
 #include "app/ole_thread.h"
-#include "app/server_api.h"
+#include "server_link/server_api.h"
 #include "base/async_context.h"
 #include "base/com_object.h"
 #include "base/com_ptr.h"

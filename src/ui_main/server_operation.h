@@ -10,7 +10,7 @@
 // E_FAIL, the call being still pending), sees its window gone and lets go of the server's
 // objects, which it would otherwise hold for the rest of the process.
 
-#include "app/server_api.h"
+#include "server_link/server_api.h"
 #include "base/com_object.h"
 #include "base/com_ptr.h"
 

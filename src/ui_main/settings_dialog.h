@@ -8,7 +8,7 @@
 // language_changed_result after a confirmed change of language, which is then already
 // stored in the settings record.
 
-#include "app/server_api.h"
+#include "server_link/server_api.h"
 #include "base/async_context.h"
 #include "base/com_ptr.h"
 #include "base/coroutine.h"

@@ -3,7 +3,7 @@
 // plain members the test sets, and every call is counted, so that the model's rules can be
 // checked call by call.
 
-#include "app/server_api.h"
+#include "server_link/server_api.h"
 #include "base/com_object.h"
 #include "base/com_ptr.h"
 

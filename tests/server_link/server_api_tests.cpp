@@ -1,4 +1,4 @@
-#include "app/server_api.h"
+#include "server_link/server_api.h"
 
 #include <gtest/gtest.h>
 
