@@ -1,5 +1,6 @@
-; The product's installer: the configuration utility and its language packs for all users,
-; a Start menu shortcut and an uninstaller registered under Add/Remove Programs.
+; The product's installer: the configuration utility, its language packs and the
+; third-party notices for all users, a Start menu shortcut and an uninstaller registered
+; under Add/Remove Programs.
 ;
 ; makensis -DVERSION=1.0.0.0 -DBIN=<build>\bin -DOUTFILE=<path>\UlmoraToolsSetup.exe
 ;          [-DSIGN_FILE=<scripts/sign-file> -DSIGN_KEY=<key>] servercfg.nsi
@@ -76,6 +77,7 @@ FunctionEnd
 Section "Program"
   SetOutPath "$INSTDIR"
   File "${BIN}\ServerCfg.exe"
+  File "${BIN}\ThirdPartyNotices.txt"
   SetOutPath "$INSTDIR\languages"
   File "${BIN}\languages\*.lpack"
   SetOutPath "$INSTDIR"
@@ -110,6 +112,7 @@ FunctionEnd
 
 Section "Uninstall"
   Delete "$INSTDIR\ServerCfg.exe"
+  Delete "$INSTDIR\ThirdPartyNotices.txt"
   Delete "$INSTDIR\languages\*.lpack"
   RMDir "$INSTDIR\languages"
   Delete "$INSTDIR\uninstall.exe"

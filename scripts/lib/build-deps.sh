@@ -1,14 +1,25 @@
 #!/bin/bash
 # Fetches the Debian source packages of lz4 and freetype and cross-builds static
 # libraries from them into $deps_prefix. Runs once; later calls find the stamp and return.
+# $deps_prefix/provenance says which source package each installed file came from, so
+# that the third-party notices can name it (tools/notices).
 set -euo pipefail
 source "$(dirname "$0")/common.sh"
 
 stamp=$deps_prefix/.stamp
 recipe_version=1
-[[ -f $stamp && $(cat "$stamp") == "$recipe_version" ]] && exit 0
-
+provenance=$deps_prefix/provenance
 src_root=$cache_dir/sources
+
+# provenance lines: <path below the prefix, a folder ending in "/"> TAB <unpacked source folder>
+write_provenance() {
+  local lz4_dir ft_dir
+  lz4_dir=$(fetch_source lz4)
+  ft_dir=$(fetch_source freetype)
+  printf '%s\t%s\n' lib/liblz4.a "$lz4_dir" include/lz4.h "$lz4_dir" \
+    lib/libfreetype.a "$ft_dir" include/freetype2/ "$ft_dir" > "$provenance.$$"
+  mv "$provenance.$$" "$provenance"
+}
 
 enable_source_lists() {
   if grep -rqsE '^(Types:.*deb-src|deb-src )' /etc/apt/sources.list /etc/apt/sources.list.d/; then
@@ -35,6 +46,12 @@ fetch_source() {   # fetch_source <package> -> prints the unpacked folder
   [[ -n $dir ]] || die "source of $pkg not found after apt-get source"
   echo "$dir"
 }
+
+if [[ -f $stamp && $(cat "$stamp") == "$recipe_version" ]]; then
+  # A prefix built before the provenance was recorded gets it from the kept sources.
+  [[ -f $provenance ]] || write_provenance
+  exit 0
+fi
 
 triple=x86_64-w64-mingw32
 cc=$triple-gcc-posix
@@ -66,4 +83,5 @@ cmake --build "$ft_build" -j2 >>"$ft_build.log" 2>&1 || die "building freetype f
 cmake --install "$ft_build" >>"$ft_build.log" 2>&1 || die "installing freetype failed (see $ft_build.log)"
 rm -rf "$ft_build"
 
+write_provenance
 echo "$recipe_version" > "$stamp"
