@@ -56,6 +56,9 @@ TEST(installer, silent_install_waits_for_the_program_being_updated_and_uninstall
     EXPECT_TRUE(exists(folder + L"\\ServerCfg.exe"));
     EXPECT_TRUE(exists(folder + L"\\uninstall.exe"));
     EXPECT_FALSE(web_test::files_in(folder + L"\\languages").empty());
+    const std::string notices = web_test::read_file(tessel::module_folder() + L"ThirdPartyNotices.txt");
+    EXPECT_FALSE(notices.empty());
+    EXPECT_EQ(web_test::read_file(folder + L"\\ThirdPartyNotices.txt"), notices);
     EXPECT_TRUE(exists(shortcut)) << shortcut;
     EXPECT_EQ(registry_text(L"DisplayVersion"), L"1.0.0.0");
     EXPECT_EQ(registry_text(L"Publisher"), L"QMX Software");
@@ -65,6 +68,7 @@ TEST(installer, silent_install_waits_for_the_program_being_updated_and_uninstall
     test_support::child_process uninstaller(L"\"" + folder + L"\\uninstall.exe\" /S _?=" + folder);
     ASSERT_NE(uninstaller.wait(60000), STILL_ACTIVE);
     EXPECT_FALSE(exists(folder + L"\\ServerCfg.exe"));
+    EXPECT_FALSE(exists(folder + L"\\ThirdPartyNotices.txt"));
     EXPECT_FALSE(exists(folder + L"\\languages"));
     EXPECT_FALSE(exists(shortcut));
     EXPECT_EQ(registry_text(L"DisplayName"), L"<none>");
