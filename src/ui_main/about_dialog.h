@@ -1,8 +1,10 @@
 #pragma once
-// The about box: product name, version (from the executable's version resource), the
-// copyright and the maker's web site as a link, drawn by the rich view; and, when the
-// update check is available, a "Check for updates" button.
+// The about box: the program's icon beside the product name, the version (from the
+// executable's version resource), the copyright, the maker's web site and the third-party
+// notices as links, drawn by rich views; and, when the update check is available, a
+// "Check for updates" button. It is laid out from its texts at its DPI.
 
+#include "base/unique_handle.h"
 #include "ui_main/dialog_base.h"
 
 #include <windows.h>
@@ -17,6 +19,8 @@ inline constexpr int about_dialog_id = 133;
 namespace about_dialog_controls {
 inline constexpr int text = 1001;
 inline constexpr int check_for_updates = 1002;
+inline constexpr int notices = 1003;
+inline constexpr int icon = 1004;
 }  // namespace about_dialog_controls
 
 // The maker's web site: the about box's link and the host of the online documentation.
@@ -31,6 +35,10 @@ struct file_version {
 // The about box's markup text.
 [[nodiscard]] std::wstring about_text(const file_version& version);
 
+// The third-party notices, installed beside the program.
+inline constexpr wchar_t notices_file_name[] = L"ThirdPartyNotices.txt";
+[[nodiscard]] std::wstring notices_path();
+
 class about_dialog : public dialog_base<about_dialog> {
 public:
     // check_for_updates: what the button does; empty hides the button.
@@ -43,8 +51,13 @@ public:
 private:
     friend class dialog_base<about_dialog>;
     INT_PTR handle(UINT message, WPARAM wparam, LPARAM lparam);
+    void on_init_dialog();
+    void show_icon();
+    void arrange();
 
     std::function<void(HWND)> check_for_updates_;
+    // Shown by the icon control, which does not own it: it must outlive the window.
+    tessel::unique_hicon icon_;
 };
 
 // Opens an http(s) address in the user's browser.
