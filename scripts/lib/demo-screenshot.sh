@@ -1,8 +1,8 @@
 #!/bin/bash
 # demo-screenshot.sh <program.exe> <folder>: inside scripts/with-wine with the substitute
 # server registered, shows the program as a user meets it and saves screenshots of the
-# main window, the share dialog and the server settings dialog, in English and German, at
-# 96 and 144 dpi: <folder>/<language>-<dpi>-{main,share,settings}.png.
+# main window, the share dialog, the server settings dialog and the about box, in English
+# and German, at 96 and 144 dpi: <folder>/<language>-<dpi>-{main,share,settings,about}.png.
 set -euo pipefail
 source "$(dirname "$0")/common.sh"
 
@@ -29,9 +29,9 @@ for dpi in 96 144; do
   for language in en de; do
     "$wine64" reg add "$settings_key" /v language /t REG_SZ /d "$language" /f >/dev/null 2>&1
     if [[ $language == de ]]; then
-      share_title="Gerät freigeben" settings_title="Servereinstellungen"
+      share_title="Gerät freigeben" settings_title="Servereinstellungen" about_title="Info"
     else
-      share_title="Share Device" settings_title="Server Settings"
+      share_title="Share Device" settings_title="Server Settings" about_title="About"
     fi
     prefix=$out/$language-$dpi
     "$wine64" "$exe" >/dev/null 2>&1 &
@@ -68,6 +68,18 @@ for dpi in 96 144; do
     else
       note "no settings dialog appeared ($language, $dpi dpi)"
     fi
+
+    # The about box is modal: the click returns once it has closed, so it runs aside.
+    drive click "$main" 1004 &
+    clicker=$!
+    if about=$(drive wait "$about_title" 1003 5000); then
+      sleep 0.5
+      shoot "$about_title" "$prefix-about.png"
+      drive click "$about" 1 || true
+    else
+      note "no about box appeared ($language, $dpi dpi)"
+    fi
+    wait "$clicker" 2>/dev/null || true
     sleep 0.3
     drive close "$main" || true
     wait "$program" 2>/dev/null || true
