@@ -54,10 +54,17 @@ void open_in_browser(const std::wstring& address) noexcept
     ::ShellExecuteW(nullptr, L"open", address.c_str(), nullptr, nullptr, SW_SHOWNORMAL);
 }
 
-// Stands in until the link opener takes local text files.
-void open_text_file(const std::wstring& path) noexcept
+void open_text_file(HWND owner, const std::wstring& path) noexcept
 {
-    ::ShellExecuteW(nullptr, L"open", path.c_str(), nullptr, nullptr, SW_SHOWNORMAL);
+    // Notepad from the system folder: whatever the ".txt" association names may be an
+    // editor that runs what it opens.
+    wchar_t system_folder[MAX_PATH]{};
+    const UINT length = ::GetSystemDirectoryW(system_folder, MAX_PATH);
+    if (length == 0 || length >= MAX_PATH)
+        return;
+    const std::wstring viewer = std::wstring(system_folder) + L"\\notepad.exe";
+    const std::wstring parameters = L"\"" + path + L"\"";
+    ::ShellExecuteW(owner, L"open", viewer.c_str(), parameters.c_str(), nullptr, SW_SHOWNORMAL);
 }
 
 void about_dialog::on_init_dialog()
@@ -167,7 +174,8 @@ INT_PTR about_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)
     case WM_NOTIFY: {
         const auto* header = reinterpret_cast<const NMHDR*>(lparam);
         if (header->code == tessel::windows::new_controls::rvn_link_activated && header->idFrom == ids::notices) {
-            open_text_file(notices_path());
+            if (open_file_)
+                open_file_(window_, notices_path());
             return TRUE;
         }
         if (header->code == tessel::windows::new_controls::rvn_link_activated) {

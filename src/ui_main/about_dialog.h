@@ -39,11 +39,16 @@ struct file_version {
 inline constexpr wchar_t notices_file_name[] = L"ThirdPartyNotices.txt";
 [[nodiscard]] std::wstring notices_path();
 
+// Opens a local text file in the system's text viewer.
+void open_text_file(HWND owner, const std::wstring& path) noexcept;
+
 class about_dialog : public dialog_base<about_dialog> {
 public:
-    // check_for_updates: what the button does; empty hides the button.
-    explicit about_dialog(std::function<void(HWND owner)> check_for_updates = {})
-        : check_for_updates_(std::move(check_for_updates))
+    using file_opener = std::function<void(HWND owner, const std::wstring& path)>;
+    // check_for_updates: what the button does; empty hides the button. open_file: how the
+    // notices link opens the notices.
+    explicit about_dialog(std::function<void(HWND owner)> check_for_updates = {}, file_opener open_file = open_text_file)
+        : check_for_updates_(std::move(check_for_updates)), open_file_(std::move(open_file))
     {
     }
     INT_PTR show(HWND owner) { return run(owner, about_dialog_id); }
@@ -56,6 +61,7 @@ private:
     void arrange();
 
     std::function<void(HWND)> check_for_updates_;
+    file_opener open_file_;
     // Shown by the icon control, which does not own it: it must outlive the window.
     tessel::unique_hicon icon_;
 };

@@ -1,13 +1,15 @@
-// The share and server settings dialogs, run modally as the program runs them and
-// driven from a timer inside their own message loop.
+// The share and server settings dialogs and the about box, run modally as the program runs
+// them and driven from a timer inside their own message loop.
 
 #include "child_process.h"
 #include "fake_server.h"
+#include "ui_main/about_dialog.h"
 #include "ui_main/settings_dialog.h"
 #include "ui_main/share_dialog.h"
 
 #include "base/module_path.h"
 #include "base/window_text.h"
+#include "controls/rich_view.h"
 #include "localization/localization.h"
 #include "nsm/app_settings.h"
 
@@ -228,6 +230,49 @@ TEST_F(settings_dialog_test, the_language_list_selects_by_exact_code)
     EXPECT_EQ(selection_for(L"de"), 1);
     EXPECT_EQ(selection_for(L"DE"), -1) << "codes compare exactly";
     EXPECT_EQ(selection_for(L"fr"), -1);
+}
+
+TEST(about_dialog_test, its_texts_fill_the_box_and_the_notices_link_opens_the_notices_beside_the_program)
+{
+    using tessel::windows::new_controls::rich_view;
+    namespace aids = about_dialog_controls;
+    ASSERT_TRUE(SUCCEEDED(::CoInitialize(nullptr)));
+    std::vector<std::wstring> opened;
+    about_dialog dialog([](HWND) {}, [&](HWND, const std::wstring& path) { opened.push_back(path); });
+    dialog_driver driver(L"About", [&](HWND window) {
+        const auto rect_of = [window](int id) {
+            RECT r{};
+            ::GetWindowRect(::GetDlgItem(window, id), &r);
+            ::MapWindowPoints(nullptr, window, reinterpret_cast<POINT*>(&r), 2);
+            return r;
+        };
+        RECT client{};
+        ::GetClientRect(window, &client);
+        const int band = tessel::windows::dialog_units_y(window, 8) + 1;
+        for (const int id : {aids::text, aids::notices}) {
+            rich_view* view = rich_view::from_placeholder(::GetDlgItem(window, id));
+            const RECT r = rect_of(id);
+            EXPECT_GE(r.bottom - r.top, view->measure_height(r.right - r.left)) << id << " is cut off";
+            EXPECT_LE(r.right, client.right);
+        }
+        // No empty band between the last link and the buttons, nor below them.
+        const RECT notices = rect_of(aids::notices), ok = rect_of(IDOK), check = rect_of(aids::check_for_updates);
+        EXPECT_LE(ok.top - notices.bottom, band);
+        EXPECT_LE(client.bottom - ok.bottom, band);
+        EXPECT_EQ(check.top, ok.top);
+        EXPECT_GE(ok.left, check.right);
+
+        // Tab to the link and Enter, as a keyboard user opens it.
+        const HWND link = rich_view::from_placeholder(::GetDlgItem(window, aids::notices))->window();
+        ::SetFocus(link);
+        ::SendMessageW(link, WM_KEYDOWN, VK_RETURN, 0);
+        ::PostMessageW(window, WM_COMMAND, IDOK, 0);
+        return true;
+    });
+    EXPECT_EQ(dialog.show(nullptr), IDOK);
+    EXPECT_FALSE(driver.timed_out());
+    EXPECT_EQ(opened, std::vector<std::wstring>{tessel::module_folder() + L"ThirdPartyNotices.txt"});
+    ::CoUninitialize();
 }
 
 }  // namespace
