@@ -85,7 +85,7 @@ private:
 // stays suspended until the completion has run.
 class get_operation final : private details::completion_target {
 public:
-    get_operation(HINTERNET session, std::wstring address, std::wstring headers) noexcept;
+    get_operation(HINTERNET session, std::wstring address, std::wstring headers, DWORD extra_flags = 0) noexcept;
 
     bool await_ready() const noexcept { return false; }
     bool await_suspend(std::coroutine_handle<> continuation) noexcept;
@@ -97,6 +97,7 @@ private:
     HINTERNET session_;
     std::wstring address_;
     std::wstring headers_;
+    DWORD extra_flags_;
     std::unique_ptr<details::request_context> context_;
     HINTERNET handle_ = nullptr;
     DWORD error_ = ERROR_SUCCESS;
@@ -218,8 +219,11 @@ public:
     [[nodiscard]] std::wstring resolve(std::wstring_view relative) const;
     [[nodiscard]] static std::wstring canonicalize(std::wstring_view address);
 
-    // Opens a canonical address with the extra request headers ("Accept: ...").
-    [[nodiscard]] get_operation get(std::wstring address, std::wstring headers) const noexcept;
+    // Opens a canonical address with the extra request headers ("Accept: ..."). WinINet
+    // follows redirects unless told to stop at them; then a redirect is the answer.
+    enum class redirects : bool { follow, stop };
+    [[nodiscard]] get_operation get(std::wstring address, std::wstring headers,
+                                    redirects at_redirect = redirects::follow) const noexcept;
     [[nodiscard]] static read_operation read_chunk(const http_request& request, void* buffer, DWORD size) noexcept
     {
         return read_operation(request, buffer, size);
@@ -242,6 +246,9 @@ void throw_if_not_ok(HINTERNET request);
 [[nodiscard]] std::int64_t announced_length(HINTERNET request) noexcept;
 // The address the request ended at, after any redirects.
 [[nodiscard]] std::wstring final_address(HINTERNET request);
+// Where a redirect answer (301, 302, 303, 307, 308) points, resolved against the address it
+// came from and canonicalised; nothing for any other answer.
+[[nodiscard]] std::optional<std::wstring> redirect_target(HINTERNET request, std::wstring_view from);
 [[nodiscard]] bool is_https_address(std::wstring_view address) noexcept;
 
 // What ends a transfer early: the work of the window being cancelled, or the user's

@@ -6,7 +6,9 @@
 #include "format/ts_printf.h"
 #include "localization/localization.h"
 #include "web/download.h"
+#include "web/installer_trust.h"
 #include "web/progress_dialog.h"
+#include "web/staging_folder.h"
 
 #include <shellapi.h>
 
@@ -64,25 +66,39 @@ task<bool> download_and_start_installer(const update_check_options& options, con
 {
     std::exception_ptr failure;
     std::optional<progress_dialog> progress;
+    std::optional<staging_folder> staging;
     try {
-        const std::wstring folder = options.download_folder.empty() ? secure_download_folder() : options.download_folder;
+        // A refused staging folder ends the update before anything is fetched.
+        staging.emplace(options.download_folder.empty() ? stage_update_download()
+                                                        : staging_folder(options.download_folder, {}));
         progress.emplace(owner_of_boxes(options));
         const stop_token stop{options.ui.cancellation(), progress->cancellation()};
         const std::wstring name =
             ts_printf::format(L"UlmoraToolsSetup-{}.exe", dotted_version(unpacked_version(response.version)));
         downloaded_file installer =
-            co_await download_file(client, response.url, folder, name, max_installer_size, stop, &*progress);
+            co_await download_file(client, response.url, staging->path(), name, max_installer_size, stop, &*progress);
         co_await options.ui;
         progress.reset();
+        try {
+            check_installer_signature(installer.handle.get(), built_in_publisher_pin());
+        } catch (...) {
+            installer.handle.reset();
+            throw;
+        }
         start_installer(installer, options.main_window);
         co_return true;
     } catch (const fibra::details::operation_cancelled&) {
         // The user's Cancel ends the download without a word; the window's goes on up.
+        if (staging)
+            staging->discard();
         if (options.ui.work_cancelled())
             throw;
     } catch (...) {
         failure = std::current_exception();
     }
+    // Nothing that was not started stays behind.
+    if (staging)
+        staging->discard();
     co_await options.ui;
     progress.reset();
     if (failure)

@@ -16,6 +16,7 @@ behaviour through the base address it gives the program):
       packs       Version V, language packs at /files/pack.lpack and /files/bad.lpack
       broken      status 500
       redirect-http   302 to "same" over plain http
+      redirected  Version V+1, its installer reached https -> http -> https
   /quit                  ends the server
   /echo                  the request's User-Agent and Accept headers as JSON
   /status/<n>            status n with a short body
@@ -24,6 +25,9 @@ behaviour through the base address it gives the program):
   /cut                   announces 10000 bytes, sends 4000, closes
   /pause                 announces 300000 bytes, sends 100000, waits 3 s, sends the rest
   /redirect-http         302 to the same answers over plain http (a second server)
+  /via-http/<path>       302 to /back-to-https/<path> over plain http, which sends 302 to
+                         https /<path>
+  /hops/<n>/<path>       n redirects (302) over https, then /<path>
   /files/<name>          a file from the files folder (--files)
 """
 
@@ -121,12 +125,14 @@ class Handler(http.server.BaseHTTPRequestHandler):
                     "Promo": {"Title": "[[[bTest offer]]]", "Url": "https://localhost/offer",
                               "ExpiresOn": "2099-12-31T00:00:00"},
                     "LanguagePacks": []}
-        if kind in ("newer", "insecure", "slow"):
+        if kind in ("newer", "insecure", "slow", "redirected"):
             document["Version"] = own + 1
         if kind == "slow":
             document["Url"] = self.base() + "pause"
         if kind == "insecure":
             document["Url"] = "http://localhost:%d/files/installer.exe" % self.server.server_address[1]
+        if kind == "redirected":
+            document["Url"] = self.base() + "via-http/files/installer.exe"
         if kind == "wrongkind":
             document["Version"] = str(own + 1)
         if kind == "packs":
@@ -140,6 +146,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
                  "Url": self.base() + "files/pack.lpack", "Credits": []},
             ]
         self.send_json(document)
+
+    def do_redirected_get(self, path):
+        self.path = path
+        return self.do_GET()
 
     def do_GET(self):
         url = urllib.parse.urlsplit(self.path)
@@ -197,6 +207,23 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.send_header("Content-Length", "0")
             self.end_headers()
             return
+        if head in ("via-http", "back-to-https", "hops"):
+            rest = "/".join(parts[1:])
+            if head == "via-http":
+                target = "http://localhost:%d/back-to-https/%s" % (self.server.plain_port, rest)
+            elif head == "back-to-https":
+                target = "https://localhost:%d/%s" % (self.server.https_port, rest)
+            else:
+                left = int(parts[1])
+                rest = "/".join(parts[2:])
+                target = "/hops/%d/%s" % (left - 1, rest) if left > 0 else "/" + rest
+                if left == 0:
+                    return self.do_redirected_get(target)
+            self.send_response(302)
+            self.send_header("Location", target)
+            self.send_header("Content-Length", "0")
+            self.end_headers()
+            return
         if head == "files" and len(parts) == 2:
             path = os.path.join(self.server.files, os.path.basename(parts[1]))
             if os.path.isfile(path):
@@ -233,6 +260,7 @@ def main():
     threading.Thread(target=plain.serve_forever, daemon=True).start()
     server.plain_port = plain.server_address[1]
     plain.plain_port = plain.server_address[1]
+    server.https_port = plain.https_port = server.server_address[1]
     # A port that refuses: bound but never listening.
     refused = socket.socket()
     refused.bind(("127.0.0.1", 0))

@@ -8,11 +8,12 @@
 
 #include "base/module_path.h"
 #include "base/window_text.h"
-#include "web/download.h"
+#include "web/staging_folder.h"
 #include "web/update_service.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -59,9 +60,9 @@ protected:
         ::RegDeleteTreeW(HKEY_CURRENT_USER, settings_key);
         ASSERT_TRUE(sim_server_.registered());
         set_service(L"newer/");
-        folder = tessel::web::secure_download_folder();
-        for (const std::wstring& name : web_test::files_in(folder))
-            ::DeleteFileW((folder + L"\\" + name).c_str());
+        folder = tessel::web::updates_folder_path();
+        std::error_code ignored;
+        std::filesystem::remove_all(std::filesystem::path(folder), ignored);
     }
     void set_service(const std::wstring& kind)
     {
@@ -102,10 +103,19 @@ TEST_F(program_update, accepted_offer_hands_over_to_the_installer_and_the_progra
     // The installer starts with the program's handle, the program closes, the installer
     // notices.
     EXPECT_EQ(program->wait(30000), 0u);
-    const std::wstring report = folder + L"\\UlmoraToolsSetup-1.0.0.1.exe.txt";
-    web_test::pump_until_or_die([&] { return web_test::read_file(report).find("ended") != std::string::npos; }, 20000,
+    // The installer ran from its own folder below the updates folder.
+    const auto report_text = [&] {
+        std::error_code ignored;
+        for (const auto& staged : std::filesystem::directory_iterator(std::filesystem::path(folder), ignored)) {
+            const std::string text = web_test::read_file(staged.path().wstring() + L"\\UlmoraToolsSetup-1.0.0.1.exe.txt");
+            if (!text.empty())
+                return text;
+        }
+        return std::string();
+    };
+    web_test::pump_until_or_die([&] { return report_text().find("ended") != std::string::npos; }, 20000,
                                 "the installer's wait for the program");
-    EXPECT_EQ(web_test::read_file(report), "pid=" + std::to_string(::GetProcessId(program->handle())) + "\nended\n");
+    EXPECT_EQ(report_text(), "pid=" + std::to_string(::GetProcessId(program->handle())) + "\nended\n");
 }
 
 TEST_F(program_update, check_without_news_keeps_the_promotion_and_the_program_closes_normally)
@@ -145,7 +155,7 @@ TEST_F(program_update, failed_download_leaves_no_file_and_the_program_running)
     const std::wstring text = tessel::windows::window_text(::GetDlgItem(error, message_text_id));
     EXPECT_TRUE(text.starts_with(L"A following error occurred during downloading or installing upgrade: ")) << text;
     EXPECT_NE(text.find(L"80070057)"), std::wstring::npos) << text;
-    EXPECT_TRUE(web_test::files_in(folder).empty());
+    EXPECT_TRUE(std::filesystem::is_empty(std::filesystem::path(folder)));
     ::PostMessageW(::GetDlgItem(error, IDOK), BM_CLICK, 0, 0);
     EXPECT_EQ(program->wait(2000), STILL_ACTIVE);
 }
