@@ -4,8 +4,7 @@
 #include "controls/rich_view.h"
 #include "format/ts_printf.h"
 #include "localization/localization.h"
-
-#include <shellapi.h>
+#include "msgbox/link_opener.h"
 
 #include <vector>
 
@@ -39,10 +38,6 @@ std::wstring about_text(const file_version& version)
                              product_title, version.major, version.minor, version.build, version.revision);
 }
 
-void open_in_browser(const std::wstring& address) noexcept
-{
-    ::ShellExecuteW(nullptr, L"open", address.c_str(), nullptr, nullptr, SW_SHOWNORMAL);
-}
 
 INT_PTR about_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)
 {
@@ -62,7 +57,7 @@ INT_PTR about_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)
         if (header->code == tessel::windows::new_controls::rvn_link_activated) {
             const auto* link = reinterpret_cast<const tessel::windows::new_controls::nm_rich_view_link*>(lparam);
             const std::wstring argument = link->argument ? link->argument : L"";
-            open_in_browser(argument.empty() ? std::wstring(vendor_site) : argument);
+            tessel::open_link(window_, argument.empty() ? std::wstring(vendor_site) : argument);
             return TRUE;
         }
         return FALSE;

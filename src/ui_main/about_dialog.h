@@ -47,7 +47,4 @@ private:
     std::function<void(HWND)> check_for_updates_;
 };
 
-// Opens an http(s) address in the user's browser.
-void open_in_browser(const std::wstring& address) noexcept;
-
 }  // namespace servercfg

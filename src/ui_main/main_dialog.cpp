@@ -11,6 +11,7 @@
 #include "controls/vector_icons.h"
 #include "format/ts_printf.h"
 #include "localization/localization.h"
+#include "msgbox/link_opener.h"
 #include "msgbox/message_box.h"
 #include "nsm/app_settings.h"
 #include "ui_main/about_dialog.h"
@@ -743,11 +744,12 @@ fibra::fire_and_forget main_dialog::run_settings(main_dialog* self)
 
 void main_dialog::open_help()
 {
+    // Both open as the signed-in user, through the program's link opener.
     const std::wstring local = tessel::module_folder() + local_help_file;
-    HINSTANCE result;
+    bool opened;
     if (::GetFileAttributesW(local.c_str()) != INVALID_FILE_ATTRIBUTES) {
-        const std::wstring address = ts_printf::format(L"{}::/redirect.html#{}", local, std::wstring_view(help_topic));
-        result = ::ShellExecuteW(nullptr, L"open", L"hh.exe", address.c_str(), nullptr, SW_SHOWNORMAL);
+        opened = tessel::open_help_file(
+            window_, ts_printf::format(L"{}::/redirect.html#{}", local, std::wstring_view(help_topic)));
     } else {
         BSTR name = nullptr;
         (void)GetProductShortName(&name);
@@ -756,11 +758,10 @@ void main_dialog::open_help()
         // An address has no blanks.
         for (std::size_t at = topic.find(L' '); at != std::wstring::npos; at = topic.find(L' ', at))
             topic.replace(at, 1, L"%20");
-        const std::wstring address =
-            std::wstring(vendor_site) + ts_printf::format(L"online-doc/{}/{}", name ? name : L"", topic);
-        result = ::ShellExecuteW(nullptr, L"open", address.c_str(), nullptr, nullptr, SW_SHOWNORMAL);
+        opened = tessel::open_link(
+            window_, std::wstring(vendor_site) + ts_printf::format(L"online-doc/{}/{}", name ? name : L"", topic));
     }
-    if (reinterpret_cast<INT_PTR>(result) <= 32)
+    if (!opened && ::GetLastError() != ERROR_CANCELLED)  // not when the user declined
         show_message(format_error_message(tessel::string_ids::error_help_unavailable,
                                           tessel::hresult_from_win32(::GetLastError())),
                      MB_OK | MB_ICONERROR);

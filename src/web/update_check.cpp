@@ -5,12 +5,11 @@
 #include "base/module_path.h"
 #include "format/ts_printf.h"
 #include "localization/localization.h"
+#include "msgbox/link_opener.h"
 #include "web/download.h"
 #include "web/installer_trust.h"
 #include "web/progress_dialog.h"
 #include "web/staging_folder.h"
-
-#include <shellapi.h>
 
 #include <atomic>
 #include <chrono>
@@ -238,12 +237,7 @@ std::wstring promotion_markup(const promo_notice& promo)
 
 void open_promotion_address(std::wstring_view address) noexcept
 {
-    try {
-        if (is_https_address(address))
-            ::ShellExecuteW(nullptr, L"open", std::wstring(address).c_str(), nullptr, nullptr, SW_SHOWNORMAL);
-    } catch (...) {
-        debug_report(L"the promotion's address could not be opened");
-    }
+    open_link(nullptr, address);
 }
 
 bool language_pack_wanted(const language_pack_offer& offer, const product_version& own,

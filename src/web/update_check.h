@@ -67,9 +67,10 @@ bool start_update_check(update_check_options options);
 [[nodiscard]] std::optional<promo_notice> promotion_to_show(const promo_notice& stored, nsm::date today);
 // The markup of the main window's promotion line: the title as a link to its address.
 [[nodiscard]] std::wstring promotion_markup(const promo_notice& promo);
-// Opens a link of the promotion line in the browser. The address came from the update
-// service and this process runs elevated: only an https address is opened, never a file
-// or a program.
+// Opens a link of the promotion line in the browser through the program's link opener
+// (msgbox/link_opener.h): the address came from the update service and this process runs
+// elevated, so only an https address is opened, never a file or a program, and the browser
+// runs as the signed-in user.
 void open_promotion_address(std::wstring_view address) noexcept;
 
 // Whether an offered pack suits this program (made for the same major and minor version)
