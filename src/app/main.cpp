@@ -215,8 +215,13 @@ int run(int show_command)
         }
 
         // 11. A confirmed language change restarts the program with the same arguments.
-        if (restart_requested)
-            start_new_copy(command_line);
+        if (restart_requested) {
+            try {
+                start_new_copy(tessel::module_path(), command_line);
+            } catch (...) {
+                tessel::debug_report(L"the program's own path is unknown: no restart");
+            }
+        }
     }  // 12. The window's object goes first, then GDI+, the server and COM.
     if (gdiplus_token)
         Gdiplus::GdiplusShutdown(gdiplus_token);

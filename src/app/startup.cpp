@@ -107,7 +107,7 @@ std::wstring format_error_message(std::uint32_t message_id, HRESULT code)
     return ts_printf::format(tessel::load_string(message_id), error_text(code), static_cast<std::uint32_t>(code));
 }
 
-void start_new_copy(std::wstring_view command_line) noexcept
+void start_new_copy(const std::wstring& application, std::wstring_view command_line) noexcept
 {
     try {
         // CreateProcessW may write into the command line, so it gets a copy.
@@ -116,8 +116,8 @@ void start_new_copy(std::wstring_view command_line) noexcept
         STARTUPINFOW startup{};
         startup.cb = sizeof startup;
         PROCESS_INFORMATION process{};
-        if (::CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, NORMAL_PRIORITY_CLASS, nullptr, nullptr,
-                             &startup, &process)) {
+        if (::CreateProcessW(application.c_str(), line.data(), nullptr, nullptr, FALSE, NORMAL_PRIORITY_CLASS, nullptr,
+                             nullptr, &startup, &process)) {
             tessel::unique_handle process_handle(process.hProcess), thread_handle(process.hThread);
         }
     } catch (...) {

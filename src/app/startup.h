@@ -48,7 +48,9 @@ void apply_title_bar_theme(HWND window) noexcept;
 [[nodiscard]] std::wstring format_error_message(std::uint32_t message_id, HRESULT code);
 
 // Starts a new copy of the program with the very same command line, without waiting.
-// A failure to start is not reported.
-void start_new_copy(std::wstring_view command_line) noexcept;
+// The program is named by its own path (application), so that nothing is searched for: an
+// unquoted command line with blanks would otherwise be tried piece by piece ("C:\Program"
+// first). A failure to start is not reported.
+void start_new_copy(const std::wstring& application, std::wstring_view command_line) noexcept;
 
 }  // namespace servercfg
