@@ -107,35 +107,8 @@ TEST(staging_folder, a_fresh_chain_is_created_for_administrators_alone)
         // Read back: nobody but the trusted accounts has any access at all, which a folder
         // made with the default descriptor would give to everyone.
         for (const std::wstring& folder : {root + L"\\Vendor", root + L"\\Vendor\\Updates", fresh}) {
-            const tessel::unique_file handle(::CreateFileW(folder.c_str(), READ_CONTROL, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                                           nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-            ASSERT_TRUE(handle);
-            PSECURITY_DESCRIPTOR read = nullptr;
-            PACL dacl = nullptr;
-            ASSERT_EQ(::GetSecurityInfo(handle.get(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl,
-                                        nullptr, &read),
-                      static_cast<DWORD>(ERROR_SUCCESS));
-            const tessel::unique_hlocal owner(read);
-            wchar_t* sddl = nullptr;
-            ::ConvertSecurityDescriptorToStringSecurityDescriptorW(read, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &sddl,
-                                                                   nullptr);
-            const tessel::unique_hlocal sddl_owner(sddl);
-            ASSERT_NE(dacl, nullptr);
-            for (DWORD i = 0; i < dacl->AceCount; ++i) {
-                ACCESS_ALLOWED_ACE* ace = nullptr;
-                ASSERT_TRUE(::GetAce(dacl, i, reinterpret_cast<void**>(&ace)));
-                PSID sid = &ace->SidStart;
-                bool known = false;
-                for (const wchar_t* trusted : {L"BA", L"SY"}) {
-                    PSID wanted = nullptr;
-                    ASSERT_TRUE(::ConvertStringSidToSidW(trusted, &wanted));
-                    const tessel::unique_hlocal wanted_owner(wanted);
-                    known = known || ::EqualSid(sid, wanted);
-                }
-                for (PSID platform : tessel::web::trusted_platform_sids())
-                    known = known || ::EqualSid(sid, platform);
-                EXPECT_TRUE(known) << folder << ": " << sddl;
-            }
+            std::wstring sddl;
+            EXPECT_TRUE(web_test::administrators_alone(folder, sddl)) << folder << ": " << sddl;
         }
         // A second download gets its own folder beside the first.
         staging_folder second(root, {L"Vendor", L"Updates"});

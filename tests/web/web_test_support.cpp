@@ -2,8 +2,12 @@
 
 #include "message_pump.h"
 #include "base/unique_handle.h"
+#include "web/staging_folder.h"
 
 #include "test_authority.h"
+
+#include <aclapi.h>
+#include <sddl.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -73,6 +77,46 @@ void write_file(const std::wstring& path, std::string_view bytes)
 {
     std::ofstream out(std::filesystem::path(path), std::ios::binary | std::ios::trunc);
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+bool administrators_alone(const std::wstring& folder, std::wstring& sddl)
+{
+    sddl = L"<unreadable>";
+    const tessel::unique_file handle(::CreateFileW(folder.c_str(), READ_CONTROL, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                                   nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    PSECURITY_DESCRIPTOR read = nullptr;
+    PACL dacl = nullptr;
+    if (!handle || ::GetSecurityInfo(handle.get(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl,
+                                     nullptr, &read) != ERROR_SUCCESS)
+        return false;
+    const tessel::unique_hlocal read_owner(read);
+    wchar_t* text = nullptr;
+    ::ConvertSecurityDescriptorToStringSecurityDescriptorW(read, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text,
+                                                           nullptr);
+    const tessel::unique_hlocal text_owner(text);
+    sddl = text ? text : L"";
+    if (!dacl)
+        return false;
+    std::vector<tessel::unique_hlocal> trusted;
+    for (const wchar_t* name : {L"BA", L"SY"}) {
+        PSID sid = nullptr;
+        ::ConvertStringSidToSidW(name, &sid);
+        trusted.emplace_back(sid);
+    }
+    for (DWORD i = 0; i < dacl->AceCount; ++i) {
+        ACCESS_ALLOWED_ACE* ace = nullptr;
+        if (!::GetAce(dacl, i, reinterpret_cast<void**>(&ace)))
+            return false;
+        PSID sid = &ace->SidStart;
+        bool known = false;
+        for (const tessel::unique_hlocal& wanted : trusted)
+            known = known || ::EqualSid(sid, wanted.get());
+        for (PSID platform : tessel::web::trusted_platform_sids())
+            known = known || ::EqualSid(sid, platform);
+        if (!known)
+            return false;
+    }
+    return true;
 }
 
 HRESULT code_of(const std::exception_ptr& error)

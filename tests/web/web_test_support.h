@@ -39,6 +39,10 @@ std::vector<std::wstring> files_in(const std::wstring& folder);
 std::string read_file(const std::wstring& path);
 void write_file(const std::wstring& path, std::string_view bytes);
 
+// Whether nobody but Administrators, SYSTEM (and, under Wine, the user running it) has any
+// access to a folder; the folder's DACL as SDDL goes to sddl.
+bool administrators_alone(const std::wstring& folder, std::wstring& sddl);
+
 // The HRESULT an exception carries; S_OK for none, E_ABORT for a cancellation, E_FAIL else.
 HRESULT code_of(const std::exception_ptr& error);
 
