@@ -271,8 +271,15 @@ namespace {
 
 // How long a transfer may keep the thread from its messages: on a fast connection every
 // read completes at once, and the whole body would otherwise arrive in one stretch of the
-// UI thread, with no input handled and nothing painted.
-constexpr ULONGLONG longest_busy_stretch_ms = 30;
+// UI thread, with no input handled and nothing painted. A yield costs a timer period
+// (10 ms at least) in which nothing is read, so it is made only when input, paint or
+// timer messages wait, and not more often than this.
+constexpr ULONGLONG longest_busy_stretch_ms = 50;
+
+bool messages_wait() noexcept
+{
+    return HIWORD(::GetQueueStatus(QS_INPUT | QS_PAINT | QS_TIMER | QS_HOTKEY)) != 0;
+}
 
 // Continues the coroutine once the thread has handled its waiting input, paint and timer
 // messages: a thread timer's WM_TIMER comes after all of those (a posted message would
@@ -350,9 +357,11 @@ task<std::uint64_t> read_body(const http_request& request, body_sink& sink, std:
             stop.throw_if_stopped();
         }
         if (::GetTickCount64() - busy_since >= longest_busy_stretch_ms) {
-            co_await yield_to_messages{};
+            if (messages_wait()) {
+                co_await yield_to_messages{};
+                stop.throw_if_stopped();
+            }
             busy_since = ::GetTickCount64();
-            stop.throw_if_stopped();
         }
         if (read == 0)
             break;
