@@ -9,6 +9,7 @@
 #include <aclapi.h>
 #include <sddl.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -81,13 +82,11 @@ void write_file(const std::wstring& path, std::string_view bytes)
 
 bool administrators_alone(const std::wstring& folder, std::wstring& sddl)
 {
-    sddl = L"<unreadable>";
-    const tessel::unique_file handle(::CreateFileW(folder.c_str(), READ_CONTROL, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                                   nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     PSECURITY_DESCRIPTOR read = nullptr;
     PACL dacl = nullptr;
-    if (!handle || ::GetSecurityInfo(handle.get(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl,
-                                     nullptr, &read) != ERROR_SUCCESS)
+    sddl = L"<unreadable>";
+    if (::GetNamedSecurityInfoW(folder.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl,
+                                nullptr, &read) != ERROR_SUCCESS)
         return false;
     const tessel::unique_hlocal read_owner(read);
     wchar_t* text = nullptr;
@@ -95,28 +94,16 @@ bool administrators_alone(const std::wstring& folder, std::wstring& sddl)
                                                            nullptr);
     const tessel::unique_hlocal text_owner(text);
     sddl = text ? text : L"";
-    if (!dacl)
-        return false;
-    std::vector<tessel::unique_hlocal> trusted;
-    for (const wchar_t* name : {L"BA", L"SY"}) {
-        PSID sid = nullptr;
-        ::ConvertStringSidToSidW(name, &sid);
-        trusted.emplace_back(sid);
-    }
-    for (DWORD i = 0; i < dacl->AceCount; ++i) {
+    const auto& platform = tessel::web::trusted_platform_sids();
+    for (DWORD i = 0; dacl && i < dacl->AceCount; ++i) {
         ACCESS_ALLOWED_ACE* ace = nullptr;
-        if (!::GetAce(dacl, i, reinterpret_cast<void**>(&ace)))
-            return false;
+        ::GetAce(dacl, i, reinterpret_cast<void**>(&ace));
         PSID sid = &ace->SidStart;
-        bool known = false;
-        for (const tessel::unique_hlocal& wanted : trusted)
-            known = known || ::EqualSid(sid, wanted.get());
-        for (PSID platform : tessel::web::trusted_platform_sids())
-            known = known || ::EqualSid(sid, platform);
-        if (!known)
+        if (!::IsWellKnownSid(sid, WinBuiltinAdministratorsSid) && !::IsWellKnownSid(sid, WinLocalSystemSid) &&
+            std::none_of(platform.begin(), platform.end(), [sid](PSID other) { return ::EqualSid(sid, other); }))
             return false;
     }
-    return true;
+    return dacl != nullptr;
 }
 
 HRESULT code_of(const std::exception_ptr& error)
