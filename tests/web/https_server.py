@@ -147,10 +147,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
             ]
         self.send_json(document)
 
-    def do_redirected_get(self, path):
-        self.path = path
-        return self.do_GET()
-
     def do_GET(self):
         url = urllib.parse.urlsplit(self.path)
         parts = url.path.strip("/").split("/")
@@ -213,12 +209,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 target = "http://localhost:%d/back-to-https/%s" % (self.server.plain_port, rest)
             elif head == "back-to-https":
                 target = "https://localhost:%d/%s" % (self.server.https_port, rest)
+            elif int(parts[1]) > 0:
+                target = "/hops/%d/%s" % (int(parts[1]) - 1, "/".join(parts[2:]))
             else:
-                left = int(parts[1])
-                rest = "/".join(parts[2:])
-                target = "/hops/%d/%s" % (left - 1, rest) if left > 0 else "/" + rest
-                if left == 0:
-                    return self.do_redirected_get(target)
+                self.path = "/" + "/".join(parts[2:])
+                return self.do_GET()
             self.send_response(302)
             self.send_header("Location", target)
             self.send_header("Content-Length", "0")
