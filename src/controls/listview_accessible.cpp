@@ -15,8 +15,6 @@
 namespace tessel::windows::new_controls::listview::impl {
 namespace {
 
-using list_state = listview<uniform_height>::state;
-
 constexpr long max_children = 0x7ffffffe;
 
 HRESULT set_bstr(BSTR* out, const std::wstring& text) noexcept
