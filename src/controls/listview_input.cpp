@@ -459,6 +459,17 @@ void on_wheel(list_state& s, int delta, bool horizontal)
         scroll_to_top(s, s.top + amount);
 }
 
+// Where the user drags the thumb: the 32-bit track position, not the 16-bit one of the
+// message.
+int track_position(HWND window, int bar) noexcept
+{
+    SCROLLINFO info{};
+    info.cbSize = sizeof info;
+    info.fMask = SIF_TRACKPOS;
+    ::GetScrollInfo(window, bar, &info);
+    return info.nTrackPos;
+}
+
 void on_vscroll(list_state& s, int request)
 {
     const row_index page = std::max<row_index>(s.visible_count(), 2) - 1;
@@ -470,14 +481,9 @@ void on_vscroll(list_state& s, int request)
     case SB_TOP: scroll_to_top(s, 0); break;
     case SB_BOTTOM: scroll_to_top(s, s.rows); break;
     case SB_THUMBTRACK:
-    case SB_THUMBPOSITION: {
-        SCROLLINFO info{};
-        info.cbSize = sizeof info;
-        info.fMask = SIF_TRACKPOS;
-        ::GetScrollInfo(s.window, SB_VERT, &info);
-        scroll_to_top(s, static_cast<row_index>(std::max(0, info.nTrackPos)) * scroll_unit(s));
+    case SB_THUMBPOSITION:
+        scroll_to_top(s, static_cast<row_index>(std::max(0, track_position(s.window, SB_VERT))) * scroll_unit(s));
         break;
-    }
     default: break;
     }
 }
@@ -495,14 +501,7 @@ void on_hscroll(list_state& s, int request)
     case SB_LEFT: scroll_horizontally(s, 0); break;
     case SB_RIGHT: scroll_horizontally(s, 1 << 30); break;
     case SB_THUMBTRACK:
-    case SB_THUMBPOSITION: {
-        SCROLLINFO info{};
-        info.cbSize = sizeof info;
-        info.fMask = SIF_TRACKPOS;
-        ::GetScrollInfo(s.window, SB_HORZ, &info);
-        scroll_horizontally(s, info.nTrackPos);
-        break;
-    }
+    case SB_THUMBPOSITION: scroll_horizontally(s, track_position(s.window, SB_HORZ)); break;
     default: break;
     }
 }
