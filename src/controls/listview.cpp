@@ -199,7 +199,8 @@ void list_state::selection_changed()
     const row_index first = selection->first_selected();
     if (first != no_row)
         ::NotifyWinEvent(selection->count() == 1 ? EVENT_OBJECT_SELECTION : EVENT_OBJECT_SELECTIONWITHIN, window,
-                         OBJID_CLIENT, selection->count() == 1 && first < 0x7fffffff ? LONG(first + 1) : CHILDID_SELF);
+                         OBJID_CLIENT,
+                         selection->count() == 1 && first < max_accessible_rows ? LONG(first + 1) : CHILDID_SELF);
     else
         ::NotifyWinEvent(EVENT_OBJECT_SELECTIONWITHIN, window, OBJID_CLIENT, CHILDID_SELF);
     notify_row(lvn_selection_changed, first, false);
@@ -214,9 +215,14 @@ void list_state::set_focus(row_index row, bool by_keyboard)
     invalidate_row(focus);
     focus = row;
     invalidate_row(focus);
-    if (window && ::GetFocus() == window && focus != no_row && focus < 0x7fffffff)
-        ::NotifyWinEvent(EVENT_OBJECT_FOCUS, window, OBJID_CLIENT, LONG(focus + 1));
+    focus_event();
     notify_row(lvn_focus_changed, focus, by_keyboard);
+}
+
+void list_state::focus_event() const noexcept
+{
+    if (window && ::GetFocus() == window && focus < max_accessible_rows)
+        ::NotifyWinEvent(EVENT_OBJECT_FOCUS, window, OBJID_CLIENT, LONG(focus + 1));
 }
 
 void list_state::activate(row_index row, bool by_keyboard)
@@ -299,8 +305,7 @@ LRESULT handle(list_state& s, UINT message, WPARAM wparam, LPARAM lparam)
         return 0;
     case WM_SETFOCUS:
         ::InvalidateRect(s.window, nullptr, FALSE);
-        if (s.focus != no_row && s.focus < 0x7fffffff)
-            ::NotifyWinEvent(EVENT_OBJECT_FOCUS, s.window, OBJID_CLIENT, LONG(s.focus + 1));
+        s.focus_event();
         return 0;
     case WM_KILLFOCUS: ::InvalidateRect(s.window, nullptr, FALSE); return 0;
     case WM_GETDLGCODE: {

@@ -15,7 +15,7 @@
 namespace tessel::windows::new_controls::listview::impl {
 namespace {
 
-constexpr long max_children = 0x7ffffffe;
+constexpr long max_children = long(max_accessible_rows);
 
 HRESULT set_bstr(BSTR* out, const std::wstring& text) noexcept
 {

@@ -6,6 +6,7 @@
 #include "controls/listview_state.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace tessel::windows::new_controls::listview::impl {
 namespace {
@@ -79,48 +80,33 @@ void move_to(list_state& s, row_index row, bool shift, bool control, bool by_key
 
 namespace {
 
-// Rows inserted (count > 0) or removed (count < 0) at `at`: moves selected runs.
-void shift_selection(list_state& s, row_index at, row_index removed, row_index inserted)
+// Rows [at, at + removed) gave way to `inserted` new ones and the list now has `rows`
+// rows: the selection moves with its rows. A single selection whose row went lands on the
+// row that took its place, or on the new last row, as it does when rows are cut off at
+// the end: the list keeps a row selected while it has one. Returns whether a selected row
+// went.
+bool move_selection(list_state& s, row_index at, row_index removed, row_index inserted, row_index rows)
 {
-    const range_set& rows = s.selection->selected_rows();
-    if (rows.empty() || rows.last_end() <= at)
+    if (multiple_selection* m = as_multiple(s))
+        return m->replace_rows(at, removed, inserted);
+    const row_index row = s.selection->first_selected();
+    if (row == none || row < at)
+        return false;
+    if (row - at >= removed) {
+        s.selection->click(row - removed + inserted);
+        return false;
+    }
+    s.selection->click(rows ? std::min(at, rows - 1) : none);
+    return true;
+}
+
+// The focus row kept its row but not its number: readers hear of the focus child anew.
+void focus_moved(list_state& s, row_index focus)
+{
+    if (focus == s.focus)
         return;
-    std::vector<row_run> runs;
-    for (row_run run = rows.run_from(0); run.first != none; run = rows.run_from(run.end)) {
-        runs.push_back(run);
-        if (run.end == none)
-            break;
-    }
-    row_index anchor = none;
-    if (multiple_selection* m = as_multiple(s))
-        anchor = m->anchor();
-    const auto moved = [&](row_index row) -> row_index {
-        if (row == none || row < at)
-            return row;
-        if (row < at + removed)
-            return none;
-        return row - removed + inserted;
-    };
-    s.selection->clear();
-    for (const row_run& run : runs) {
-        row_index first = run.first, end = run.end;
-        if (end <= at) {
-        } else if (first >= at + removed) {
-            first = first - removed + inserted;
-            end = end - removed + inserted;
-        } else {
-            // The run touches the change: keep its parts outside the removed rows.
-            if (first < at) {
-                s.selection->set_range(first, at, range_mode::select);
-            }
-            if (end > at + removed)
-                s.selection->set_range(at + inserted, end - removed + inserted, range_mode::select);
-            continue;
-        }
-        s.selection->set_range(first, end, range_mode::select);
-    }
-    if (multiple_selection* m = as_multiple(s))
-        m->set_anchor(moved(anchor));
+    s.focus = focus;
+    s.focus_event();
 }
 
 }  // namespace
@@ -128,8 +114,8 @@ void shift_selection(list_state& s, row_index at, row_index removed, row_index i
 void listview<uniform_height>::set_row_count(row_index count)
 {
     state& s = *state_;
-    if (count == no_row)
-        count = no_row - 1;
+    if (count > max_row_count)
+        throw std::length_error("a list has at most 2^63 - 1 rows");
     const row_index old = s.rows;
     s.rows = count;
     s.find_prefixes.clear();
@@ -160,12 +146,14 @@ void listview<uniform_height>::insert_rows(row_index at, row_index count)
     state& s = *state_;
     if (count == 0)
         return;
+    if (count > max_row_count - s.rows)
+        throw std::length_error("a list has at most 2^63 - 1 rows");
     at = std::min(at, s.rows);
     s.rows += count;
     s.find_prefixes.clear();
     const auto moved = [&](row_index row) { return row != no_row && row >= at ? row + count : row; };
-    shift_selection(s, at, 0, count);
-    s.focus = moved(s.focus);
+    move_selection(s, at, 0, count, s.rows);
+    focus_moved(s, moved(s.focus));
     s.hot = no_row;
     // Cached rows after the insertion keep their layouts under their new numbers.
     std::unordered_map<row_index, std::unique_ptr<cached_row>> cache;
@@ -187,11 +175,7 @@ void listview<uniform_height>::remove_rows(row_index at, row_index count)
         return;
     count = std::min(count, s.rows - at);
     const selection_snapshot before = snapshot(*s.selection);
-    const bool had_selected_inside = [&] {
-        const row_run run = s.selection->selected_rows().run_from(at);
-        return run.first != none && run.first < at + count;
-    }();
-    shift_selection(s, at, count, 0);
+    const bool selected_went = move_selection(s, at, count, 0, s.rows - count);
     s.rows -= count;
     s.find_prefixes.clear();
     std::unordered_map<row_index, std::unique_ptr<cached_row>> cache;
@@ -204,7 +188,7 @@ void listview<uniform_height>::remove_rows(row_index at, row_index count)
     s.hot = no_row;
     if (s.focus != no_row && s.focus >= at) {
         if (s.focus >= at + count)
-            s.focus -= count;
+            focus_moved(s, s.focus - count);
         else {
             // The focus row went: the row that took its place, or the new last row.
             s.focus = no_row;
@@ -221,7 +205,7 @@ void listview<uniform_height>::remove_rows(row_index at, row_index count)
     if (s.window && s.updates == 0)
         ::NotifyWinEvent(EVENT_OBJECT_REORDER, s.window, OBJID_CLIENT, CHILDID_SELF);
     s.repaint();
-    if (had_selected_inside || snapshot(*s.selection) != before)
+    if (selected_went || snapshot(*s.selection) != before)
         s.selection_changed();
 }
 

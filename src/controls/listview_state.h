@@ -72,6 +72,9 @@ struct pressed_button {
     std::size_t link;
 };
 
+// Screen readers name a row by a 32-bit child id, row + 1: rows from here on have none.
+inline constexpr row_index max_accessible_rows = 0x7ffffffe;
+
 struct listview<uniform_height>::state {
     listview* owner = nullptr;
     HWND window = nullptr;
@@ -184,6 +187,8 @@ struct listview<uniform_height>::state {
     void notify_row(UINT code, row_index row, bool by_keyboard);
     void selection_changed();
     void set_focus(row_index row, bool by_keyboard);
+    // Tells readers which child has the focus, while the window has it.
+    void focus_event() const noexcept;
     void activate(row_index row, bool by_keyboard);
     void ensure_visible(row_index row);
     void invalidate_row(row_index row) noexcept;

@@ -450,15 +450,44 @@ TEST(listview, rows_change_in_the_middle_and_the_selection_follows)
     EXPECT_TRUE(f.list->is_selected(19));
     EXPECT_FALSE(f.list->is_selected(20));
 
-    // Truncation: a single selection below the new end moves to the last row.
+    // Shift extends from an anchor and replaces an extension that moved or lost rows,
+    // never from rows that went.
+    f.click(8);
+    f.list->set_row_count(5);
+    fixture::hold(true, false);
+    f.click(2);
+    EXPECT_EQ(f.list->selection().count(), 1u) << "the anchor went with row 8";
+    f.click(3);
+    f.list->remove_rows(0, 1);
+    f.click(1);
+    fixture::release_keys();
+    EXPECT_EQ(selected_rows(*f.list), (std::vector<row_index>{1})) << "the extension moved to rows 1 and 2";
+
+    // A single selection whose row goes lands on a row that is there, and the owner hears
+    // of it: at the end (truncation) as in the middle.
     fixture g(10);
     g.list->select_row(7);
     received.clear();
     g.list->set_row_count(5);
     EXPECT_EQ(g.list->first_selected(), 4u);
-    EXPECT_EQ(count_of(lvn_selection_changed), 1u);
+    g.list->select_row(2);
+    g.list->remove_rows(2, 1);
+    EXPECT_EQ(g.list->first_selected(), 2u) << "the row that took its place";
+    g.list->remove_rows(3, 1);
+    g.list->remove_rows(1, 5);
+    EXPECT_EQ(g.list->first_selected(), 0u) << "the new last row";
+    EXPECT_EQ(count_of(lvn_selection_changed), 4u);
+    EXPECT_EQ(last_of(lvn_selection_changed)->row, 0u);
     g.list->set_row_count(0);
     EXPECT_EQ(g.list->first_selected(), no_row);
+
+    // At most 2^63 - 1 rows; the last of them is a row like any other.
+    EXPECT_THROW(g.list->set_row_count(max_row_count + 1), std::length_error);
+    g.list->set_row_count(max_row_count);
+    EXPECT_THROW(g.list->insert_rows(0, 1), std::length_error);
+    g.list->set_focus_row(max_row_count - 1);
+    EXPECT_EQ(g.list->first_selected(), max_row_count - 1);
+    EXPECT_EQ(g.list->row_at({5, g.row_y(max_row_count - 1)}), max_row_count - 1);
 }
 
 TEST(listview, only_rows_on_screen_are_asked_for_and_their_layouts_are_kept)

@@ -134,6 +134,9 @@ TEST(multiple_selection, random_operations_agree_with_a_flag_per_row)
                 const bool had_beyond = std::find(oracle.begin() + n, oracle.end(), true) != oracle.end();
                 ASSERT_EQ(selection.truncate(n), had_beyond) << "step " << step;
                 assign(n, rows, range_mode::deselect);
+                anchor = anchor != none && anchor >= n ? none : anchor;
+                extension_end = std::min(extension_end, n);
+                extension = extension && extension_first < extension_end;
             } else if (random() % 4 == 0) {
                 selection.clear();
                 assign(0, rows, range_mode::deselect);
@@ -223,4 +226,53 @@ TEST(boundary_tree, random_inserts_and_range_erases_agree_with_an_ordered_map)
     tree.erase(-1, std::int64_t{1} << 62);
     EXPECT_EQ(tree.size(), 0u);
     EXPECT_EQ(tree.height(), 0);
+}
+
+// Rows that go take the anchor and the extension along and rows that move carry them, so
+// that a later shift-click reaches only rows that are there.
+TEST(multiple_selection, the_anchor_and_the_extension_follow_rows_that_go_or_move)
+{
+    multiple_selection s;
+    s.click(8);
+    EXPECT_TRUE(s.truncate(5));
+    EXPECT_EQ(s.anchor(), none);
+    s.extend_to(2);
+    EXPECT_EQ(runs_of(s.selected_rows()), (std::vector<row_run>{{2, 3}})) << "without an anchor Shift clicks";
+
+    s.clear();
+    s.click(1);
+    s.extend_to(4);
+    s.truncate(3);
+    s.set_range(3, 5, range_mode::select);  // the list grew again
+    s.extend_to(2);
+    EXPECT_EQ(runs_of(s.selected_rows()), (std::vector<row_run>{{1, 5}})) << "the extension lost rows 3 and 4";
+
+    s.clear();
+    s.click(2);
+    s.extend_to(6);
+    EXPECT_TRUE(s.replace_rows(4, 2, 0));
+    s.extend_to(3);
+    EXPECT_EQ(runs_of(s.selected_rows()), (std::vector<row_run>{{2, 4}})) << "the moved extension is replaced";
+    EXPECT_FALSE(s.replace_rows(0, 0, 3));
+    EXPECT_EQ(s.anchor(), 5u);
+    EXPECT_TRUE(s.replace_rows(4, 2, 0));
+    EXPECT_EQ(s.anchor(), none);
+    EXPECT_EQ(runs_of(s.selected_rows()), (std::vector<row_run>{{4, 5}}));
+}
+
+// Built with the undefined-behaviour checks: no key changes its sign at the bound.
+TEST(multiple_selection, rows_reach_the_bound_and_not_past_it)
+{
+    multiple_selection s;
+    s.set_range(0, none, range_mode::select);
+    EXPECT_EQ(s.count(), max_row_count);
+    EXPECT_TRUE(s.is_selected(max_row_count - 1));
+    EXPECT_FALSE(s.is_selected(max_row_count));
+    EXPECT_TRUE(s.truncate(10));
+    s.click(max_row_count - 1);
+    s.extend_to(max_row_count - 3);
+    EXPECT_EQ(runs_of(s.selected_rows()), (std::vector<row_run>{{0, 10}, {max_row_count - 3, max_row_count}}));
+    EXPECT_THROW(s.click(max_row_count), std::length_error);
+    EXPECT_THROW(single_selection().click(max_row_count), std::length_error);
+    EXPECT_EQ(s.count(), 13u);
 }
