@@ -291,6 +291,7 @@ LRESULT handle(list_state& s, UINT message, WPARAM wparam, LPARAM lparam)
                            suggested->bottom - suggested->top, SWP_NOZORDER | SWP_NOACTIVATE);
         }
         s.h_offset = 0;
+        s.top = std::min(s.top, max_top(s));  // rows of another height: another last page
         update_scroll_bars(s);
         ::InvalidateRect(s.window, nullptr, FALSE);
         return 0;
@@ -298,8 +299,10 @@ LRESULT handle(list_state& s, UINT message, WPARAM wparam, LPARAM lparam)
     case WM_SYSCOLORCHANGE:
     case WM_SETTINGCHANGE:
         refresh_theme(s);
-        if (message == WM_SETTINGCHANGE && wparam == SPI_SETNONCLIENTMETRICS)
+        if (message == WM_SETTINGCHANGE && wparam == SPI_SETNONCLIENTMETRICS) {
             refresh_metrics(s);
+            s.top = std::min(s.top, max_top(s));
+        }
         update_scroll_bars(s);
         ::InvalidateRect(s.window, nullptr, FALSE);
         return 0;

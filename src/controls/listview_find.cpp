@@ -52,8 +52,14 @@ const std::wstring* find_markup(list_state& s, row_index row)
     c.text.clear();
     std::optional<D2D1_COLOR_F> row_colour;
     bool filled = false;
-    for (const cell_text_provider& provider : s.handlers.cell_text)
-        filled = provider(row, 0, std::span<cell>(&c, 1), row_colour);
+    try {
+        for (const cell_text_provider& provider : s.handlers.cell_text)
+            filled = provider(row, 0, std::span<cell>(&c, 1), row_colour);
+    } catch (...) {
+        // A row that cannot say what it shows is passed over, as painting leaves it empty;
+        // the search goes on to the next row.
+        return nullptr;
+    }
     return filled ? &c.text : nullptr;
 }
 

@@ -280,6 +280,22 @@ void trim_cache(list_state& s)
             ++i;
 }
 
+// An axis-aligned clip popped however its scope ends: a push without its pop outlives the
+// frame (Wine's EndDraw does not even fail) and clips every later one to a stale area.
+class clip_scope {
+public:
+    clip_scope(ID2D1RenderTarget* target, const D2D1_RECT_F& rect) noexcept : target_(target)
+    {
+        target_->PushAxisAlignedClip(rect, D2D1_ANTIALIAS_MODE_ALIASED);
+    }
+    ~clip_scope() { target_->PopAxisAlignedClip(); }
+    clip_scope(const clip_scope&) = delete;
+    clip_scope& operator=(const clip_scope&) = delete;
+
+private:
+    ID2D1RenderTarget* target_;
+};
+
 struct brushes {
     com_ptr<ID2D1SolidColorBrush> solid;
     ID2D1SolidColorBrush* with(D2D1_COLOR_F colour)
@@ -320,12 +336,13 @@ void draw_header(list_state& s, ID2D1RenderTarget* target, brushes& b, float cli
             target->FillRectangle(rect, b.with(with_alpha(s.colours.header_text, 0.15f)));
         else if (s.hot_tab == c)
             target->FillRectangle(rect, b.with(with_alpha(s.colours.header_text, 0.07f)));
-        target->PushAxisAlignedClip({x, 0, x + width - pixel_x, height}, D2D1_ANTIALIAS_MODE_ALIASED);
-        const rich_layout& layout = s.header_layouts[c];
-        const float text_height = layout.height();
-        const float y = std::round((height - text_height) / 2 * s.sy) / s.sy;
-        layout.draw(target, {x + cell_padding, y}, b.with(s.colours.header_text), *s.icon_cache);
-        target->PopAxisAlignedClip();
+        {
+            const clip_scope clip(target, {x, 0, x + width - pixel_x, height});
+            const rich_layout& layout = s.header_layouts[c];
+            const float text_height = layout.height();
+            const float y = std::round((height - text_height) / 2 * s.sy) / s.sy;
+            layout.draw(target, {x + cell_padding, y}, b.with(s.colours.header_text), *s.icon_cache);
+        }
         const float line = std::round((x + width) * s.sx) / s.sx - pixel_x / 2;
         target->DrawLine({line, 3.f}, {line, height - 3.f}, b.with(s.colours.header_line), pixel_x);
         x += width;
@@ -365,11 +382,10 @@ void draw_row(list_state& s, ID2D1RenderTarget* target, brushes& b, row_index ro
                 else if (cell.flags & cell_dimmed)
                     colour = s.colours.dimmed_text;
             }
-            target->PushAxisAlignedClip({x, top, x + width, top + height}, D2D1_ANTIALIAS_MODE_ALIASED);
+            const clip_scope clip(target, {x, top, x + width, top + height});
             const float text_height = cell.layout->height();
             const float y = top + std::round((height - text_height) / 2 * s.sy) / s.sy;
             cell.layout->draw(target, {x + cell_padding, y}, b.with(colour), *s.icon_cache);
-            target->PopAxisAlignedClip();
         }
         x += width;
     }
@@ -377,6 +393,7 @@ void draw_row(list_state& s, ID2D1RenderTarget* target, brushes& b, row_index ro
         const float first_width = s.columns.empty() ? 0 : s.columns[0].width;
         const row_paint paint{target, row, rect, {-offset, top, -offset + first_width, top + height}, row_text,
                               selected};
+        const clip_scope clip(target, rect);  // marks stay inside their row
         for (const auto& hook : s.handlers.row_paint)
             hook(paint);
     }
@@ -446,15 +463,12 @@ void draw_into(list_state& s, HDC dc, const RECT& update)
     ID2D1RenderTarget* target = surface.target.get();
     target->BeginDraw();
     HRESULT drawn = S_OK;
-    bool clipped = false;
     try {
         // Only the update region is drawn and copied: a one-row scroll costs one row. The
         // region's top left corner is the surface's; the clip is pushed before the shift,
         // so that it is not transformed (Wine loses a transformed clip at 144 dpi and more).
         target->SetTransform(D2D1::Matrix3x2F::Identity());
-        target->PushAxisAlignedClip({0, 0, float(area_width) / s.sx, float(area_height) / s.sy},
-                                    D2D1_ANTIALIAS_MODE_ALIASED);
-        clipped = true;
+        const clip_scope region(target, {0, 0, float(area_width) / s.sx, float(area_height) / s.sy});
         target->SetTransform(D2D1::Matrix3x2F::Translation(-float(area.left) / s.sx, -float(area.top) / s.sy));
         target->Clear(s.colours.window);
         throw_if_failed(target->CreateSolidColorBrush(s.colours.text, b.solid.put()));
@@ -465,8 +479,6 @@ void draw_into(list_state& s, HDC dc, const RECT& update)
     } catch (...) {
         drawn = hresult_from_caught_exception();
     }
-    if (clipped)
-        target->PopAxisAlignedClip();
     const HRESULT ended = target->EndDraw();
     if (ended == static_cast<HRESULT>(D2DERR_RECREATE_TARGET)) {
         surface.reset();

@@ -141,8 +141,12 @@ void treeview::append_first_cell_text(std::wstring& text, const tree_node& node,
 bool treeview::fill_cells(row_index row, std::size_t first_column, std::span<cell> cells,
                           std::optional<D2D1_COLOR_F>& row_colour)
 {
-    if (row >= rows_.size())
-        return false;
+    if (row >= rows_.size()) {
+        // Asked while the list's row count and the table disagree: an empty row.
+        for (cell& c : cells)
+            c = cell{};
+        return true;
+    }
     const visible_row& entry = rows_[row];
     const node_data& d = entry.node->data_;
     if (d.row_colour)

@@ -9,6 +9,8 @@
 
 #include <windowsx.h>
 
+#include <algorithm>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -510,4 +512,46 @@ TEST(listview, only_rows_on_screen_are_asked_for_and_their_layouts_are_kept)
     f.list->invalidate_rows(500003);
     ::UpdateWindow(f.window());
     EXPECT_EQ(f.asked, 1u) << "an invalidated row is asked for again, alone";
+}
+
+// A paint that fails halfway leaves no clip behind, and rows of another height (a new
+// DPI or system font) leave no empty space under the last page.
+TEST(listview, a_failed_paint_or_a_metrics_change_leaves_the_picture_whole)
+{
+    fixture f(100);
+    bool fail = true;
+    f.list->handlers().row_paint.push_back([&](const row_paint& paint) {
+        if (fail && paint.row == 1)
+            throw std::runtime_error("a mark that cannot be drawn");
+    });
+    RECT half{};
+    ::GetClientRect(f.window(), &half);
+    half.bottom /= 2;
+    ::InvalidateRect(f.window(), &half, FALSE);
+    ::UpdateWindow(f.window());
+    fail = false;
+    f.list->select_row(10);  // in the lower half
+    int width = 0;
+    const std::vector<std::uint32_t> pixels = controls_tests::print_client(f.window(), 0, width);
+    ASSERT_FALSE(pixels.empty());
+    EXPECT_NE(pixels[std::size_t(f.row_y(10) * width + width - 10)] & 0xFFFFFF, 0xFFFFFFu)
+        << "the selected row is drawn, not what the surface held";
+
+    NONCLIENTMETRICSW normal{};
+    normal.cbSize = sizeof normal;
+    ASSERT_TRUE(::SystemParametersInfoW(SPI_GETNONCLIENTMETRICS, sizeof normal, &normal, 0));
+    NONCLIENTMETRICSW small = normal;
+    small.lfMessageFont.lfHeight = -6;
+    for (const UINT message : {UINT(WM_DPICHANGED_AFTERPARENT), UINT(WM_SETTINGCHANGE)}) {
+        ::SystemParametersInfoW(SPI_SETNONCLIENTMETRICS, sizeof normal, &normal, 0);
+        ::SendMessageW(f.window(), message, SPI_SETNONCLIENTMETRICS, 0);
+        f.list->scroll_to(100);
+        ::SystemParametersInfoW(SPI_SETNONCLIENTMETRICS, sizeof small, &small, 0);
+        ::SendMessageW(f.window(), message, SPI_SETNONCLIENTMETRICS, 0);
+        const row_index top = f.list->top_row();
+        f.list->scroll_to(100);
+        EXPECT_EQ(top, f.list->top_row()) << "message " << message;
+    }
+    ::SystemParametersInfoW(SPI_SETNONCLIENTMETRICS, sizeof normal, &normal, 0);
+    ::SendMessageW(f.window(), WM_SETTINGCHANGE, SPI_SETNONCLIENTMETRICS, 0);
 }

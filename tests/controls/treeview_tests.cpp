@@ -139,6 +139,14 @@ TEST(treeview, first_cell_strings_follow_the_formats_exactly)
     EXPECT_THROW((void)f.tree->first_cell_text(*vector, 1), std::bad_variant_access);
     ::UpdateWindow(f.tree->window());
     EXPECT_EQ(list.cell_plain_text(0, 0), L" Hub");
+    f.tree->insert(nullptr, nullptr, {.text = L"Zed"});
+    EXPECT_EQ(list.find_row(L"ze"), 2u) << "type-to-find passes over the failing row";
+
+    // Asked for a row past its table, the tree's provider answers an empty row.
+    std::vector<listview::impl::cell> cells(2, {L"old"});
+    std::optional<D2D1_COLOR_F> colour;
+    EXPECT_TRUE(list.handlers().cell_text.back()(3, 0, cells, colour));
+    EXPECT_EQ(cells[0].text + cells[1].text, L"");
 }
 
 TEST(treeview, expanding_and_collapsing_change_only_their_part_of_the_table)
