@@ -370,6 +370,14 @@ void listview<uniform_height>::invalidate_rows(row_index first, row_index count)
 {
     state& s = *state_;
     s.find_prefixes.clear();
+    // Readers hear of new names of the rows, or of the visible ones when many changed.
+    if (s.window) {
+        const row_index from = count <= 16 ? first : std::max(first, s.top);
+        const row_index end = std::min({first + std::min(count, s.rows), s.rows, max_accessible_rows,
+                                        count <= 16 ? no_row : s.top + s.visible_count()});
+        for (row_index row = from; row < end; ++row)
+            ::NotifyWinEvent(EVENT_OBJECT_NAMECHANGE, s.window, OBJID_CLIENT, LONG(row + 1));
+    }
     if (count <= 16) {
         for (row_index row = first; row < first + count && row < s.rows; ++row) {
             if (const auto found = s.cache.find(row); found != s.cache.end())

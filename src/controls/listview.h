@@ -30,6 +30,8 @@ namespace tessel::windows::new_controls::listview::impl {
 // Rows are addressed by 64-bit indices; all bits set means "no row".
 using row_index = std::uint64_t;
 inline constexpr row_index no_row = ~row_index{0};
+// Screen readers name a row by a 32-bit child id, row + 1: rows from here on have none.
+inline constexpr row_index max_accessible_rows = 0x7ffffffe;
 
 inline constexpr wchar_t listview_class[] = L"qmx.tessel.listview";
 

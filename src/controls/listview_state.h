@@ -72,9 +72,6 @@ struct pressed_button {
     std::size_t link;
 };
 
-// Screen readers name a row by a 32-bit child id, row + 1: rows from here on have none.
-inline constexpr row_index max_accessible_rows = 0x7ffffffe;
-
 struct listview<uniform_height>::state {
     listview* owner = nullptr;
     HWND window = nullptr;
