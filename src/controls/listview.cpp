@@ -497,4 +497,11 @@ std::span<const tab_click_info> listview<uniform_height>::tabs() const noexcept 
 std::span<const sep_click_info> listview<uniform_height>::separators() const noexcept { return state_->separators; }
 handler_lists& listview<uniform_height>::handlers() noexcept { return state_->handlers; }
 
+void listview<uniform_height>::set_theme_settings(const theme_settings& settings)
+{
+    state_->theme = &settings;
+    refresh_theme(*state_);
+    state_->repaint();
+}
+
 }  // namespace tessel::windows::new_controls::listview::impl

@@ -137,8 +137,10 @@ void refresh_metrics(list_state& s)
 
 void refresh_theme(list_state& s)
 {
-    s.dark = s.window && default_theme_settings().dark_mode_allowed(s.window) &&
-             default_theme_settings().apps_use_dark_theme();
+    const theme_settings& theme = s.theme_source();
+    s.high_contrast = theme.high_contrast();
+    s.dark = s.window && theme.dark_mode_allowed(s.window) && theme.apps_use_dark_theme();
+    const auto system = [&](int index) { return colour_of(theme.system_colour(index)); };
     theme_colours& c = s.colours;
     if (s.dark) {
         c.window = {0.125f, 0.125f, 0.125f, 1};
@@ -154,29 +156,52 @@ void refresh_theme(list_state& s)
         c.header_line = {0.3f, 0.3f, 0.3f, 1};
         c.link = {0.4f, 0.7f, 1.f, 1};
     } else {
-        c.window = colour_of(::GetSysColor(COLOR_WINDOW));
-        c.text = colour_of(::GetSysColor(COLOR_WINDOWTEXT));
-        c.dimmed_text = colour_of(::GetSysColor(COLOR_GRAYTEXT));
-        c.selection = colour_of(::GetSysColor(COLOR_HIGHLIGHT));
-        c.selection_text = colour_of(::GetSysColor(COLOR_HIGHLIGHTTEXT));
-        c.inactive_selection = colour_of(::GetSysColor(COLOR_BTNFACE));
-        c.inactive_selection_text = colour_of(::GetSysColor(COLOR_BTNTEXT));
+        c.window = system(COLOR_WINDOW);
+        c.text = system(COLOR_WINDOWTEXT);
+        c.dimmed_text = system(COLOR_GRAYTEXT);
+        c.selection = system(COLOR_HIGHLIGHT);
+        c.selection_text = system(COLOR_HIGHLIGHTTEXT);
+        c.inactive_selection = system(COLOR_BTNFACE);
+        c.inactive_selection_text = system(COLOR_BTNTEXT);
         c.hot = with_alpha(c.selection, 0.12f);
-        c.header = colour_of(::GetSysColor(COLOR_BTNFACE));
-        c.header_text = colour_of(::GetSysColor(COLOR_BTNTEXT));
-        c.header_line = colour_of(::GetSysColor(COLOR_BTNSHADOW));
+        c.header = system(COLOR_BTNFACE);
+        c.header_text = system(COLOR_BTNTEXT);
+        c.header_line = system(COLOR_BTNSHADOW);
         c.link = read_link_colour();
     }
+    if (s.high_contrast) {
+        // The user's scheme and nothing else. The selection keeps its colours without the
+        // focus: the button face is the window colour in some schemes, and a selection in
+        // it would vanish. No tint marks the hot row, and links have the scheme's colour.
+        c.inactive_selection = c.selection;
+        c.inactive_selection_text = c.selection_text;
+        c.hot = with_alpha(c.window, 0);
+        c.link = system(COLOR_HOTLIGHT);
+    }
     c.focus = c.selection;
-    // Gray text that cannot be told from the window (some high-contrast schemes) would
-    // hide dimmed rows: fall back to a mix of text and window.
+    // Gray text that cannot be told from the window would hide dimmed rows: fall back to a
+    // mix of text and window, or under a high-contrast scheme to its text colour.
     const auto distance = [](D2D1_COLOR_F a, D2D1_COLOR_F b) {
         return std::abs(a.r - b.r) + std::abs(a.g - b.g) + std::abs(a.b - b.b);
     };
     if (distance(c.dimmed_text, c.window) < 0.3f)
-        c.dimmed_text = {(c.text.r + c.window.r) / 2, (c.text.g + c.window.g) / 2, (c.text.b + c.window.b) / 2, 1};
-    if (s.window)
-        apply_dark_theme(s.window);
+        c.dimmed_text = s.high_contrast ? c.text
+                                        : D2D1_COLOR_F{(c.text.r + c.window.r) / 2, (c.text.g + c.window.g) / 2,
+                                                       (c.text.b + c.window.b) / 2, 1};
+    // Likewise a selection without the focus, in a scheme whose button face is its window
+    // colour without saying it is a high-contrast one (Wine never says so). The light grey
+    // of the usual schemes is still told apart.
+    if (distance(c.inactive_selection, c.window) < 0.05f) {
+        c.inactive_selection = c.selection;
+        c.inactive_selection_text = c.selection_text;
+    }
+    if (s.window && s.dark != s.dark_parts) {
+        // Set first: a new window theme sends WM_THEMECHANGED, which comes back here.
+        s.dark_parts = s.dark;
+        theme.theme_window(s.window, s.dark);
+        if (s.tooltip)
+            theme.theme_window(s.tooltip, s.dark);
+    }
     s.cache.clear();  // link colours live in the layouts
     s.header_layouts.clear();
     ++s.generation;
@@ -361,7 +386,7 @@ void draw_row(list_state& s, ID2D1RenderTarget* target, brushes& b, row_index ro
     const D2D1_RECT_F rect{0, top, right, top + height};
     const bool selected = s.row_selected(row);
 
-    if (entry.row_colour)
+    if (entry.row_colour && !s.high_contrast)
         target->FillRectangle(rect, b.with(*entry.row_colour));
     if (selected)
         target->FillRectangle(rect, b.with(has_focus ? s.colours.selection : s.colours.inactive_selection));
@@ -376,8 +401,8 @@ void draw_row(list_state& s, ID2D1RenderTarget* target, brushes& b, row_index ro
         if (x < client_width_dips && x + width > 0) {
             const cached_cell& cell = entry.cells[c];
             D2D1_COLOR_F colour = row_text;
-            if (!(selected && has_focus)) {
-                if (cell.text_colour)
+            if (!(selected && (has_focus || s.high_contrast))) {
+                if (cell.text_colour && !s.high_contrast)
                     colour = *cell.text_colour;
                 else if (cell.flags & cell_dimmed)
                     colour = s.colours.dimmed_text;

@@ -11,6 +11,7 @@
 // Everything runs on the thread that owns the window.
 
 #include "base/com_ptr.h"
+#include "controls/dark_theme.h"
 #include "controls/inline_objects.h"
 #include "controls/listview.h"
 #include "controls/markup.h"
@@ -129,7 +130,11 @@ struct listview<uniform_height>::state {
     surface surfaces[2];
     d2d::icon_bitmap_cache* icon_cache = nullptr;  // of the surface being drawn
     theme_colours colours{};
+    const theme_settings* theme = nullptr;  // null: the system's
+    [[nodiscard]] const theme_settings& theme_source() const { return theme ? *theme : default_theme_settings(); }
     bool dark = false;
+    bool dark_parts = false;  // the window and its tooltip have the dark theme
+    bool high_contrast = false;
 
     // Layouts of the cells on screen; an entry is current while its generation is.
     std::uint64_t generation = 1;

@@ -75,8 +75,8 @@ void update_tips(list_state& s)
         if (!s.tooltip)
             return;  // the list works without its tips
         ::SetWindowPos(s.tooltip, HWND_TOPMOST, 0, 0, 0, 0, SWP_NOMOVE | SWP_NOSIZE | SWP_NOACTIVATE);
-        if (s.dark)
-            apply_dark_theme(s.tooltip);
+        if (s.dark_parts)
+            s.theme_source().theme_window(s.tooltip, true);
     }
     TTTOOLINFOW tool{};
     tool.cbSize = sizeof tool;

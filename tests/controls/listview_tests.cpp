@@ -1,3 +1,4 @@
+#include "controls/dark_theme.h"
 #include "controls/listview.h"
 #include "controls/selection.h"
 #include "base/unique_handle.h"
@@ -10,6 +11,8 @@
 #include <windowsx.h>
 
 #include <algorithm>
+#include <map>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -554,4 +557,80 @@ TEST(listview, a_failed_paint_or_a_metrics_change_leaves_the_picture_whole)
     }
     ::SystemParametersInfoW(SPI_SETNONCLIENTMETRICS, sizeof normal, &normal, 0);
     ::SendMessageW(f.window(), WM_SETTINGCHANGE, SPI_SETNONCLIENTMETRICS, 0);
+}
+
+namespace {
+
+// A high-contrast scheme in which the window and the button face are both black.
+struct injected_theme final : tessel::windows::new_controls::theme_settings {
+    bool contrast = true, dark = false;
+    std::map<int, COLORREF> colours{{COLOR_WINDOW, RGB(0, 0, 0)},        {COLOR_BTNFACE, RGB(0, 0, 0)},
+                                    {COLOR_HIGHLIGHT, RGB(26, 235, 255)}, {COLOR_HIGHLIGHTTEXT, RGB(0, 0, 0)},
+                                    {COLOR_GRAYTEXT, RGB(63, 242, 63)},   {COLOR_HOTLIGHT, RGB(255, 255, 0)}};
+    mutable std::map<HWND, bool> dark_windows;
+    bool dark_mode_allowed(HWND) const override { return !contrast; }
+    bool apps_use_dark_theme() const override { return dark; }
+    bool high_contrast() const override { return contrast; }
+    COLORREF system_colour(int index) const override
+    {
+        return colours.count(index) ? colours.at(index) : RGB(255, 255, 255);
+    }
+    void theme_window(HWND window, bool d) const override { dark_windows[window] = d; }
+};
+
+std::uint32_t pixel_of(COLORREF c) { return GetRValue(c) << 16 | GetGValue(c) << 8 | GetBValue(c); }
+
+}  // namespace
+
+TEST(listview, high_contrast_shows_the_scheme_alone_and_light_mode_takes_dark_parts_back)
+{
+    fixture f(3);
+    f.text = [](row_index row, std::size_t column) -> std::wstring {
+        return row == 0 && column == 0 ? L"A name far too long for its narrow column" : L"WWWW";
+    };
+    f.list->handlers().cell_text.push_back(
+        [](row_index row, std::size_t, std::span<cell> cells, std::optional<D2D1_COLOR_F>& row_colour) {
+            if (row == 1)
+                row_colour = D2D1_COLOR_F{1, 0, 0, 1};
+            for (cell& c : cells)
+                (row == 1 ? c.text_colour = D2D1_COLOR_F{1, 0, 1, 1} : c.text_colour), c.flags = row == 2;
+            return true;
+        });
+    injected_theme theme;
+    f.list->set_theme_settings(theme);
+    f.list->select_row(0);
+    ASSERT_NE(::GetFocus(), f.window());
+    const auto colours_of_row = [&](row_index row) {
+        int width = 0;
+        const std::vector<std::uint32_t> pixels = controls_tests::print_client(f.window(), 0, width);
+        std::set<std::uint32_t> colours;
+        const int half = f.list->row_height_pixels() / 2;
+        for (int y = f.row_y(row) - half + 1; y < f.row_y(row) + half - 1; ++y)
+            for (int x = 0; x < width; ++x)
+                colours.insert(pixels[std::size_t(y * width + x)] & 0xFFFFFF);
+        return colours;
+    };
+    EXPECT_TRUE(colours_of_row(0).count(pixel_of(RGB(26, 235, 255)))) << "the selection shows without the focus";
+    // Text is smoothed: its pixels are shades between the window and the text colour.
+    const std::set<std::uint32_t> owner_coloured = colours_of_row(1), dimmed = colours_of_row(2);
+    EXPECT_TRUE(std::all_of(owner_coloured.begin(), owner_coloured.end(), [](std::uint32_t c) {
+        return c >> 16 == (c & 0xFF) && (c >> 8 & 0xFF) == (c & 0xFF);
+    })) << "owner colours are ignored: black and white only";
+    EXPECT_TRUE(std::any_of(dimmed.begin(), dimmed.end(),
+                            [](std::uint32_t c) { return (c >> 8 & 0xFF) > 0xC0 && c >> 16 < 0x80; }))
+        << "dimmed in the scheme's (green) grey";
+    theme.colours[COLOR_HIGHLIGHT] = RGB(128, 0, 255);
+    ::SendMessageW(f.window(), WM_SYSCOLORCHANGE, 0, 0);
+    EXPECT_TRUE(colours_of_row(0).count(pixel_of(RGB(128, 0, 255)))) << "a new scheme shows at once";
+
+    ASSERT_NE(f.list->tooltip_window(), nullptr);
+    for (const bool dark : {true, false}) {
+        theme.contrast = false;
+        theme.dark = dark;
+        ::SendMessageW(f.window(), WM_SETTINGCHANGE, 0, 0);
+        EXPECT_EQ(theme.dark_windows[f.window()], dark);
+        EXPECT_EQ(theme.dark_windows[f.list->tooltip_window()], dark) << "the tooltip follows the list";
+    }
+    EXPECT_TRUE(colours_of_row(0).count(pixel_of(RGB(128, 0, 255))))
+        << "a button face that is the window colour hides no selection, high contrast or not";
 }
