@@ -104,13 +104,21 @@ public:
     // S_OK clears the entry.
     void set(const std::wstring& method, const std::wstring& device_id, HRESULT code);
     void clear() noexcept { entries_.clear(); }
+    // From now on every method fails with RPC_E_DISCONNECTED, as calls through a proxy
+    // whose server process has ended do.
+    void disconnect() noexcept { disconnected_ = true; }
     // The code to fail with, or S_OK: a device's own entry first, then the general one.
     [[nodiscard]] HRESULT find(std::wstring_view method, std::wstring_view device_id = {}) const;
     [[nodiscard]] std::vector<failure_spec> list() const;
 
 private:
     std::map<std::pair<std::wstring, std::wstring>, HRESULT, std::less<>> entries_;
+    bool disconnected_ = false;
 };
+
+// While a server is stopped (the "stop" command), no new server can be created until
+// this GetTickCount64 time, as while a service restarts.
+inline std::atomic<ULONGLONG> creation_refused_until{0};
 
 // The device as the server knows it. The server changes it; the object reports it.
 struct device_state {
