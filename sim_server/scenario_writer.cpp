@@ -33,6 +33,19 @@ void write_optional_text(nsm::writer_base& out, std::string_view name, const std
         write_text(out, name, *text);
 }
 
+void write_node_identity(nsm::writer_base& out, const std::wstring& instance_id,
+                         const std::vector<std::wstring>& hardware_ids)
+{
+    if (!instance_id.empty())
+        write_text(out, "instance_id", instance_id);
+    if (hardware_ids.empty())
+        return;
+    out.begin_array("hardware_ids", present | nsm::kind::sequence, static_cast<std::uint32_t>(hardware_ids.size()));
+    for (const std::wstring& id : hardware_ids)
+        write_text(out, {}, id);
+    out.end_array();
+}
+
 void write_children(nsm::writer_base& out, const std::vector<local_node_spec>& children)
 {
     out.begin_array("children", present | nsm::kind::sequence, static_cast<std::uint32_t>(children.size()));
@@ -41,6 +54,7 @@ void write_children(nsm::writer_base& out, const std::vector<local_node_spec>& c
         write_text(out, "class", guid_text(child.class_guid));
         write_text(out, "description", child.description);
         write_optional_text(out, "friendly_name", child.friendly_name);
+        write_node_identity(out, child.instance_id, child.hardware_ids);
         write_children(out, child.children);
         out.end_object();
     }
@@ -59,6 +73,7 @@ void write_device(nsm::writer_base& out, const device_spec& device)
     out.write_bool("connected", present | nsm::kind::boolean, device.connected);
     write_text(out, "client", device.client);
     out.write_bool("needs_share_confirmation", present | nsm::kind::boolean, device.needs_share_confirmation);
+    write_node_identity(out, device.instance_id, device.hardware_ids);
     write_children(out, device.children);
     out.end_object();
 }

@@ -307,6 +307,8 @@ TEST_F(sim_control, the_state_file_carries_the_service_over_and_a_stop_disconnec
     const auto kept = sim_server::load_scenario_file(state);
     ASSERT_EQ(kept.devices.size(), 6u);
     EXPECT_EQ(kept.devices.back().name, L"Orbis Webcam");
+    EXPECT_EQ(kept.devices.front().instance_id, sim_server::default_scenario().devices.front().instance_id);
+    EXPECT_EQ(kept.devices.front().hardware_ids, sim_server::default_scenario().devices.front().hardware_ids);
 
     auto server = create();
     std::vector<std::wstring> shared;
