@@ -27,11 +27,11 @@ public:
         try {
             expect_object(reader_.next_entry());
             bool has_version = false;
-            members([&](std::string_view name, const nsm::entry_info& entry) {
+            const std::size_t start = members([&](std::string_view name, const nsm::entry_info& entry) {
                 if (name == "version") {
                     has_version = true;
                     if (number(entry) != document_version)
-                        fail(document_problem::wrong_version);
+                        fail_value(document_problem::wrong_version);
                 } else if (name == "server") {
                     read_server(entry, document.server);
                 } else if (name == "shares") {
@@ -52,7 +52,7 @@ public:
                 return true;
             });
             if (!has_version)
-                fail(document_problem::missing_member, L"version");
+                fail_at(start, document_problem::missing_member, L"version");
             bool at_end = false;
             try {
                 at_end = reader_.next_entry().at_end();
@@ -74,6 +74,11 @@ private:
 
     [[noreturn]] void fail(document_problem problem, std::wstring detail = {})
     {
+        fail_at(reader_.offset(), problem, std::move(detail));
+    }
+
+    [[noreturn]] void fail_at(std::size_t where, document_problem problem, std::wstring detail = {})
+    {
         std::string path;
         for (const step& s : path_) {
             if (s.member.empty()) {
@@ -86,7 +91,7 @@ private:
         }
         // The line and column of the reader's position, the column counted in bytes as
         // the archive counts it.
-        const std::size_t offset = std::min(reader_.offset(), text_.size());
+        const std::size_t offset = std::min(where, text_.size());
         std::size_t line = 1, line_start = 0;
         for (std::size_t i = 0; i < offset; ++i)
             if (text_[i] == '\n') {
@@ -96,10 +101,16 @@ private:
         throw document_error(problem, std::move(detail), line, offset - line_start + 1, std::move(path));
     }
 
+    // Problems of the value the member just named; value_at_ is where it starts.
+    [[noreturn]] void fail_value(document_problem problem, std::wstring detail = {})
+    {
+        fail_at(value_at_, problem, std::move(detail));
+    }
+
     void expect(const nsm::entry_info& entry, std::uint32_t kind, const wchar_t* message)
     {
         if ((entry.flags & kind) != kind || (entry.flags & nsm::kind::present) == 0)
-            fail(document_problem::archive, message);
+            fail_value(document_problem::archive, message);
     }
 
     void expect_object(const nsm::entry_info& entry) { expect(entry, nsm::kind::object, L"Object expected"); }
@@ -107,27 +118,35 @@ private:
     // Calls handle(name, entry) for each member of the object at the reader, which answers
     // whether it knows the member. Names given twice and names with the archive's version
     // or id suffixes ("key:2", "key@{...}") are errors, not other spellings of a member.
+    // Returns where the object began, for problems of the object as a whole. Problems of a
+    // member's name point at the name; those of its value at the value (value_at_).
     template <class handler>
-    void members(handler handle)
+    std::size_t members(handler handle)
     {
+        const std::size_t start = reader_.offset();
         reader_.begin_object();
         std::set<std::string, std::less<>> seen;
         for (;;) {
+            std::size_t name_at = reader_.offset();
+            while (name_at < text_.size() && std::string_view(" \t\r\n,").find(text_[name_at]) != std::string_view::npos)
+                ++name_at;
             const nsm::entry_info entry = reader_.next_entry();
             if (entry.at_end())
                 break;
+            value_at_ = reader_.offset();
             const std::string name(entry.name);
             path_.push_back({name, 0});
             const GUID id = reader_.entry_id();
             if (nsm::version_of(entry.flags) != 0 || id != GUID{})
-                fail(document_problem::unknown_member, tessel::utf8_to_utf16(name));
+                fail_at(name_at, document_problem::unknown_member, tessel::utf8_to_utf16(name));
             if (!seen.insert(name).second)
-                fail(document_problem::repeated_member);
+                fail_at(name_at, document_problem::repeated_member);
             if (!handle(std::string_view(name), entry))
-                fail(document_problem::unknown_member, tessel::utf8_to_utf16(name));
+                fail_at(name_at, document_problem::unknown_member, tessel::utf8_to_utf16(name));
             path_.pop_back();
         }
         reader_.end_object();
+        return start;
     }
 
     std::wstring text(const nsm::entry_info& entry)
@@ -136,12 +155,12 @@ private:
         // keys and names may well begin that way.
         if ((entry.flags & nsm::kind::present) == 0 ||
             (entry.flags & (nsm::kind::string | nsm::kind::number)) == 0)
-            fail(document_problem::archive, L"String expected");
+            fail_value(document_problem::archive, L"String expected");
         std::wstring value;
         try {
             reader_.read_wstring(value);
         } catch (const nsm::load_exception&) {
-            fail(document_problem::archive, L"String expected");
+            fail_value(document_problem::archive, L"String expected");
         }
         return value;
     }
@@ -170,10 +189,10 @@ private:
                 try {
                     port = reader_.read_uint64();
                 } catch (const nsm::load_exception&) {
-                    fail(document_problem::bad_port);  // a fraction or a negative number
+                    fail_value(document_problem::bad_port);  // a fraction or a negative number
                 }
                 if (port < 1 || port > 65535)
-                    fail(document_problem::bad_port);
+                    fail_value(document_problem::bad_port);
                 server.port = static_cast<std::uint16_t>(port);
             } else if (name == "advertisement") {
                 server.advertisement = boolean(member);
@@ -191,17 +210,17 @@ private:
         expect_object(entry);
         share_rule rule;
         bool has_match = false;
-        members([&](std::string_view name, const nsm::entry_info& member) {
+        const std::size_t start = members([&](std::string_view name, const nsm::entry_info& member) {
             if (name == "match") {
                 has_match = true;
                 read_match(member, rule.match);
             } else if (name == "key") {
                 if (rule.key_file)
-                    fail(document_problem::key_and_key_file);
+                    fail_value(document_problem::key_and_key_file);
                 rule.key = text(member);
             } else if (name == "key_file") {
                 if (rule.key)
-                    fail(document_problem::key_and_key_file);
+                    fail_value(document_problem::key_and_key_file);
                 rule.key_file = text(member);
             } else {
                 return false;
@@ -209,21 +228,21 @@ private:
             return true;
         });
         if (!has_match)
-            fail(document_problem::missing_member, L"match");
+            fail_at(start, document_problem::missing_member, L"match");
         return rule;
     }
 
     void read_match(const nsm::entry_info& entry, device_match& match)
     {
         expect_object(entry);
-        members([&](std::string_view name, const nsm::entry_info& member) {
+        const std::size_t start = members([&](std::string_view name, const nsm::entry_info& member) {
             if (name == "instance_id") {
                 match.instance_id = text(member);
             } else if (name == "vid_pid") {
                 const std::wstring value = text(member);
                 match.vid_pid = parse_vid_pid(value);
                 if (!match.vid_pid)
-                    fail(document_problem::bad_vid_pid, value);
+                    fail_value(document_problem::bad_vid_pid, value);
             } else if (name == "serial") {
                 match.serial = text(member);
             } else if (name == "name") {
@@ -238,12 +257,13 @@ private:
         // An empty match would match every device: almost certainly a mistake, and one
         // that --prune would make expensive.
         if (match.empty())
-            fail(document_problem::empty_match);
+            fail_at(start, document_problem::empty_match);
     }
 
     std::string_view text_;
     nsm::details::json_reader reader_;
     std::vector<step> path_;
+    std::size_t value_at_ = 0;
 };
 
 std::wstring folder_of(const std::wstring& path)
