@@ -147,12 +147,17 @@ background_run::background_run(const std::wstring& arguments, bool redirected)
     });
 }
 
-background_run::~background_run()
+void background_run::kill()
 {
     if (process_handle_ && ::WaitForSingleObject(process_handle_.get(), 0) == WAIT_TIMEOUT) {
         ::TerminateProcess(process_handle_.get(), 99);
         ::WaitForSingleObject(process_handle_.get(), 5000);
     }
+}
+
+background_run::~background_run()
+{
+    kill();
     stop_ = true;
     if (pump_.joinable())
         pump_.join();

@@ -46,6 +46,8 @@ public:
     [[nodiscard]] std::string screen();
     // Ctrl+C, as typed at its console.
     bool interrupt();
+    // Ends it at once, as the system may after a log-off.
+    void kill();
     // The exit code, or STILL_ACTIVE when it has not ended in time.
     DWORD wait(DWORD timeout_ms = 15000);
     [[nodiscard]] DWORD process_id() const noexcept { return process_id_; }
