@@ -6,10 +6,28 @@
 
 #include "console/configuration.h"
 
+#include "base/utf.h"
+
 #include <stdexcept>
 
 namespace fuzz {
 namespace {
+
+// The kind of refusal: which problem, and for the archive's own refusals its message (the
+// place and the names in it vary without end).
+std::string refusal(const servercfg::console::document_error& e)
+{
+    using servercfg::console::document_problem;
+    static constexpr const char* names[] = {"archive",          "unknown member", "member given twice",
+                                            "missing member",   "wrong version",  "bad VID:PID",
+                                            "bad port",         "empty match",    "key and key file",
+                                            "too large",        "text after the end"};
+    const auto index = static_cast<std::size_t>(e.problem());
+    std::string kind = index < std::size(names) ? names[index] : "problem " + std::to_string(index);
+    if (e.problem() == document_problem::archive)
+        kind += ": " + tessel::utf16_to_utf8(e.detail());
+    return kind;
+}
 
 std::string run_configuration(std::span<const std::byte> input)
 {
@@ -18,7 +36,7 @@ std::string run_configuration(std::span<const std::byte> input)
     try {
         document = servercfg::console::parse_configuration(text);
     } catch (const servercfg::console::document_error& e) {
-        return error_kind("problem " + std::to_string(static_cast<int>(e.problem())) + " at " + e.path());
+        return refusal(e);
     }
     if (servercfg::console::parse_configuration(servercfg::console::write_configuration(document)) != document)
         throw std::logic_error("the document written back reads differently");

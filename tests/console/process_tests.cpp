@@ -240,7 +240,7 @@ TEST_F(console_process, a_bad_document_ends_with_3_before_the_server_is_asked_an
 TEST_F(console_process, watch_shares_devices_as_they_come_and_waits_out_a_server_restart)
 {
     const std::wstring path = document("cfg-watch.json", R"({"version": 1, "shares": [
-        {"match": {"name": "Lab *"}, "key": "lab"}]})");
+        {"match": {"name": "Lab *"}, "key": "lab"}, {"match": {"serial": "CAM0001"}}]})");
     {
         background_run watch(L"watch " + quoted(path), true);
         ASSERT_TRUE(watch.shows("Watching the server's devices")) << watch.output();
@@ -273,9 +273,11 @@ TEST_F(console_process, watch_shares_devices_as_they_come_and_waits_out_a_server
         watch.kill();
         EXPECT_FALSE(node_exists(L"USB\\VID_3F41&PID_2A07\\AC3200417F5E0091"));
     }
-    // Ctrl+C at its console; the watch writes there as wide text.
+    // Ctrl+C at its console, where the watch writes as wide text (a fresh server, so
+    // that it has the camera to share again).
+    ::DeleteFileW(state_path_.c_str());
     background_run watch(L"watch " + quoted(path), false);
-    EXPECT_TRUE(watch.shows("Watching the server's devices")) << watch.screen();
+    EXPECT_TRUE(watch.shows("Sharing Z\xC3\xBCrich Kamera")) << watch.screen();
     ASSERT_TRUE(watch.interrupt());
     EXPECT_EQ(watch.wait(), 0u);
     EXPECT_EQ(census_ends(), 1) << "the interrupted watch let go of its server";
