@@ -15,6 +15,7 @@
 
 #include "version.h"
 
+#include <algorithm>
 #include <optional>
 
 namespace servercfg::console {
@@ -25,11 +26,6 @@ struct usage_error {
     std::wstring message;
 };
 
-std::wstring code_text(HRESULT code)
-{
-    return error_text(code);
-}
-
 template <class... Args>
 int fail(const program_io& io, int exit, std::uint32_t id, const Args&... args)
 {
@@ -39,7 +35,7 @@ int fail(const program_io& io, int exit, std::uint32_t id, const Args&... args)
 
 int fail_call(const program_io& io, std::uint32_t id, HRESULT code)
 {
-    return fail(io, exit_server_call, id, code_text(code), static_cast<std::uint32_t>(code));
+    return fail(io, exit_server_call, id, error_text(code), static_cast<std::uint32_t>(code));
 }
 
 struct parsed_command {
@@ -106,8 +102,14 @@ std::optional<std::size_t> select_one(const program_io& io, const std::wstring& 
         return std::nullopt;
     }
     io.err.line(say(text_id::select_several, text, found.size()));
+    std::size_t width = 0;
     for (const std::size_t i : found)
-        io.err.line(say(text_id::select_candidate, entries[i].facts.name, entries[i].facts.identity.instance_id));
+        width = std::max(width, entries[i].facts.name.size());
+    for (const std::size_t i : found) {
+        const device_facts& facts = entries[i].facts;
+        io.err.line(say(text_id::select_candidate, facts.name + std::wstring(width - facts.name.size(), L' '),
+                        facts.identity.instance_id));
+    }
     return std::nullopt;
 }
 
@@ -162,14 +164,14 @@ int share_command(const program_io& io, const std::vector<std::wstring>& argumen
         if (key_file)
             key = read_key_file(*key_file);
     } catch (const fibra::details::hresult_error& e) {
-        return fail(io, exit_usage, text_id::key_file_unreadable, *key_file, code_text(e.code()),
+        return fail(io, exit_usage, text_id::key_file_unreadable, *key_file, error_text(e.code()),
                     static_cast<std::uint32_t>(e.code()));
     }
     try {
         if (key_stdin)
             key = read_key_from_standard_input();
     } catch (const fibra::details::hresult_error& e) {
-        return fail(io, exit_usage, text_id::key_stdin_unreadable, code_text(e.code()),
+        return fail(io, exit_usage, text_id::key_stdin_unreadable, error_text(e.code()),
                     static_cast<std::uint32_t>(e.code()));
     }
 
@@ -196,7 +198,7 @@ int share_command(const program_io& io, const std::vector<std::wstring>& argumen
             return fail(io, exit_usage, text_id::share_needs_yes, label);
         c.session->share(entry, key.value_or(std::wstring()));
     } catch (const fibra::details::hresult_error& e) {
-        return fail(io, exit_server_call, text_id::share_failed, label, code_text(e.code()),
+        return fail(io, exit_server_call, text_id::share_failed, label, error_text(e.code()),
                     static_cast<std::uint32_t>(e.code()));
     }
     io.out.line(say(text_id::share_done, label));
@@ -223,7 +225,7 @@ int unshare_command(const program_io& io, const std::vector<std::wstring>& argum
     try {
         c.session->unshare(entry);
     } catch (const fibra::details::hresult_error& e) {
-        return fail(io, exit_server_call, text_id::unshare_failed, label, code_text(e.code()),
+        return fail(io, exit_server_call, text_id::unshare_failed, label, error_text(e.code()),
                     static_cast<std::uint32_t>(e.code()));
     }
     io.out.line(say(text_id::unshare_done, label));
@@ -353,7 +355,7 @@ int export_command(const program_io& io, const std::vector<std::wstring>& argume
     try {
         write_document_file(path, text, with_keys);
     } catch (const fibra::details::hresult_error& e) {
-        return fail(io, exit_usage, text_id::export_write_failed, path, code_text(e.code()),
+        return fail(io, exit_usage, text_id::export_write_failed, path, error_text(e.code()),
                     static_cast<std::uint32_t>(e.code()));
     }
     return exit_done;
@@ -420,7 +422,7 @@ tessel::com_ptr<IUsbServer> connect_to_server(const program_io& io, int& exit)
     try {
         server = io.create_server ? io.create_server() : create_server();
     } catch (const fibra::details::hresult_error& e) {
-        exit = fail(io, exit_server_not_created, text_id::server_not_created, code_text(e.code()),
+        exit = fail(io, exit_server_not_created, text_id::server_not_created, error_text(e.code()),
                     static_cast<std::uint32_t>(e.code()));
         return nullptr;
     }
