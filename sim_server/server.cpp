@@ -174,6 +174,7 @@ void usb_server::run_control_requests() noexcept
         try {
             answer.text = execute_command(decode_command(request->command));
             answer.ok = true;
+            save_state();
         } catch (const control_error& e) {
             answer.text = tessel::utf8_to_utf16(e.what());
         } catch (...) {
@@ -219,6 +220,8 @@ void usb_server::complete_operation(UINT_PTR timer) noexcept
     if (pending.reads_settings && SUCCEEDED(pending.result))
         read = settings_;
     pending.op->complete(pending.result, std::move(read));
+    if (pending.settings_written && SUCCEEDED(pending.result))
+        save_state();
 }
 
 tessel::com_ptr<device_object> usb_server::add_device(const device_spec& spec)
@@ -304,6 +307,7 @@ try {
         return HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS);
     const auto added = add_share(target, key.vt == VT_BSTR ? bstr_text(key.bstrVal) : std::wstring());
     tessel::com_ptr<IUsbShare>(added).copy_to(share);
+    save_state();
     return S_OK;
 } catch (...) {
     return tessel::hresult_from_caught_exception();
@@ -319,6 +323,7 @@ HRESULT usb_server::UnshareDevice(IUsbShare* share) noexcept
     if (it == shares_.end())
         return HRESULT_FROM_WIN32(ERROR_NOT_FOUND);
     shares_.erase(it);
+    save_state();
     return S_OK;
 }
 

@@ -25,7 +25,8 @@ constexpr wchar_t usage[] =
     L"  running yes|no\n"
     L"  fail <method> <hresult>|off [device=<id>]\n"
     L"  delay read|write <milliseconds>\n"
-    L"  burst <count>";
+    L"  burst <count>\n"
+    L"  stop <milliseconds>";
 
 [[noreturn]] void fail(const std::wstring& message)
 {
@@ -277,6 +278,10 @@ std::wstring usb_server::execute_command(const std::vector<std::wstring>& words)
             }
         }
         return L"burst of " + std::to_wstring(*count) + L" notifications";
+    }
+    if (command == L"stop") {
+        expect_words(words, 2, 2);
+        return execute_state_command(words);
     }
     fail(L"unknown command \"" + command + L"\"\n" + usage);
 }

@@ -283,3 +283,65 @@ TEST(sim_protocol, words_and_answers_survive_the_wire)
     EXPECT_FALSE(garbage.ok);
     EXPECT_EQ(garbage.text, L"the server gave an answer that is not understood");
 }
+
+// A state file makes servers of consecutive processes one service; "stop" is that
+// service's process ending under its clients.
+TEST_F(sim_control, the_state_file_carries_the_service_over_and_a_stop_disconnects_it)
+{
+    wchar_t folder[MAX_PATH];
+    ::GetTempPathW(MAX_PATH, folder);
+    const std::wstring state = std::wstring(folder) + L"sim-state-" + std::to_wstring(::GetCurrentProcessId()) + L".json";
+    ::DeleteFileW(state.c_str());
+    ::SetEnvironmentVariableW(sim_server::state_variable, state.c_str());
+    {
+        auto server = create();
+        com_ptr<IUsbShare> share;
+        VARIANT key{};
+        key.vt = VT_BSTR;
+        key.bstrVal = ::SysAllocString(L"k\u00e4y");
+        ASSERT_EQ(server->ShareDevice(device_named(server.get(), L"Generic USB 3.0 Hub").get(), key, share.put()), S_OK);
+        ::VariantClear(&key);
+        EXPECT_TRUE(command(pipe_name_, {L"add", L"cam", L"Orbis Webcam", L"class=image"}).ok);
+        EXPECT_TRUE(command(pipe_name_, {L"unshare", L"flash"}).ok);
+    }
+    const auto kept = sim_server::load_scenario_file(state);
+    ASSERT_EQ(kept.devices.size(), 6u);
+    EXPECT_EQ(kept.devices.back().name, L"Orbis Webcam");
+    EXPECT_EQ(kept.devices.front().instance_id, sim_server::default_scenario().devices.front().instance_id);
+    EXPECT_EQ(kept.devices.front().hardware_ids, sim_server::default_scenario().devices.front().hardware_ids);
+
+    auto server = create();
+    std::vector<std::wstring> shared;
+    for (const auto& share : shares(server.get())) {
+        com_ptr<IUsbDevice> device;
+        BSTR text = nullptr;
+        ASSERT_EQ(share->GetDevice(device.put()), S_OK);
+        ASSERT_EQ(device->GetName(&text), S_OK);
+        shared.push_back(text_of(text));
+        if (shared.back() == L"Generic USB 3.0 Hub") {
+            ASSERT_EQ(share->GetAuthenticationKey(&text), S_OK);
+            EXPECT_EQ(text_of(text), L"k\u00e4y");
+        }
+    }
+    EXPECT_EQ(shared, (std::vector<std::wstring>{L"Labelwise LP-420 Label Printer", L"Vaultkey Licence Dongle",
+                                                 L"Generic USB 3.0 Hub"}));
+
+    auto listener = tessel::make_com_object<recording_listener>();
+    ASSERT_EQ(server->AdviseListener(listener.get()), S_OK);
+    const auto cam = device_named(server.get(), L"Orbis Webcam");
+    ASSERT_TRUE(cam);
+    EXPECT_TRUE(command(pipe_name_, {L"stop", L"300"}).ok);
+    VARIANT_BOOL running = VARIANT_TRUE;
+    BSTR name = nullptr;
+    EXPECT_EQ(server->IsRunning(&running), RPC_E_DISCONNECTED);
+    EXPECT_EQ(cam->GetName(&name), RPC_E_DISCONNECTED);
+    com_ptr<IUsbServer> again;
+    EXPECT_EQ(create(again), CO_E_SERVER_EXEC_FAILURE);
+    EXPECT_TRUE(command(pipe_name_, {L"unplug", L"cam"}).ok);
+    pump_for(50);
+    EXPECT_TRUE(listener->received.empty());
+    EXPECT_TRUE(pump_until([&] { return SUCCEEDED(create(again)); }, 5000));
+    EXPECT_EQ(again->IsRunning(&running), S_OK);
+    ::SetEnvironmentVariableW(sim_server::state_variable, nullptr);
+    ::DeleteFileW(state.c_str());
+}

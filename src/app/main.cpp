@@ -4,7 +4,7 @@
 // apartment) until it is closed, saves the settings and, when the main window asked for
 // it, starts a fresh copy of itself.
 
-#include "app/cmd_line.h"
+#include "base/cmd_line.h"
 #include "app/startup.h"
 #include "base/async_context.h"
 #include "base/com_object.h"
