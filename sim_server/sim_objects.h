@@ -115,6 +115,7 @@ private:
 // The device as the server knows it. The server changes it; the object reports it.
 struct device_state {
     device_spec spec;
+    // The device's local node while it is plugged in; no_devinst otherwise.
     DWORD devinst = 0;
     // Taken out of the server: reports "not connected", belongs to no share.
     bool removed = false;
