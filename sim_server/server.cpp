@@ -364,6 +364,7 @@ try {
         written.advertisement = changed->advertisement != VARIANT_FALSE;
     if (changed->fields & usb_settings_statistics)
         written.statistics = changed->statistics != VARIANT_FALSE;
+    ++settings_writes_;
     return start_operation(write_delay_ms_, failures_->find(L"SetSettingsAsync.completion"), false,
                            std::move(written), operation);
 } catch (...) {
