@@ -228,7 +228,8 @@ tessel::com_ptr<device_object> usb_server::add_device(const device_spec& spec)
 {
     device_state state;
     state.spec = spec;
-    state.devinst = tree_->add(spec);
+    // An unplugged device has no node on this machine, as on Windows.
+    state.devinst = spec.connected ? tree_->add(spec) : no_devinst;
     auto device = tessel::make_com_object<device_object>(std::move(state), failures_);
     devices_.push_back(device);
     return device;
@@ -237,6 +238,7 @@ tessel::com_ptr<device_object> usb_server::add_device(const device_spec& spec)
 void usb_server::remove_device(const tessel::com_ptr<device_object>& device)
 {
     tree_->remove(device->state.devinst);
+    device->state.devinst = no_devinst;
     device->state.removed = true;
     removed_devices_.push_back(device);
     std::erase(devices_, device);
@@ -367,6 +369,7 @@ try {
         written.advertisement = changed->advertisement != VARIANT_FALSE;
     if (changed->fields & usb_settings_statistics)
         written.statistics = changed->statistics != VARIANT_FALSE;
+    ++settings_writes_;
     return start_operation(write_delay_ms_, failures_->find(L"SetSettingsAsync.completion"), false,
                            std::move(written), operation);
 } catch (...) {

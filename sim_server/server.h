@@ -132,6 +132,8 @@ private:
     server_settings settings_;
     DWORD read_delay_ms_ = 0;
     DWORD write_delay_ms_ = 0;
+    // Settings writes started, for tests that must see that none was sent.
+    unsigned settings_writes_ = 0;
 
     std::vector<tessel::com_ptr<IUsbServerListener>> listeners_;
     std::vector<pending_notification> notifications_;

@@ -133,6 +133,7 @@ inline std::atomic<ULONGLONG> creation_refused_until{0};
 // The device as the server knows it. The server changes it; the object reports it.
 struct device_state {
     device_spec spec;
+    // The device's local node while it is plugged in; no_devinst otherwise.
     DWORD devinst = 0;
     // Taken out of the server: reports "not connected", belongs to no share.
     bool removed = false;

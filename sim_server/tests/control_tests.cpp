@@ -108,18 +108,22 @@ TEST_F(sim_control, commands_change_state_and_notify_on_the_creating_thread)
     EXPECT_EQ(text_of(text), L"DESK-1");
     EXPECT_EQ(all.back()->IsConnected(&connected), S_OK);
     EXPECT_EQ(connected, VARIANT_FALSE);
+    // Unplugged, a device has no node on the machine; plugged in, it has.
+    EXPECT_EQ(devinst_of(all.back().get()), sim_server::no_devinst);
+    EXPECT_EQ(device_id_of(devinst_of(flash.get())), L"");
+    EXPECT_TRUE(command(pipe_name_, {L"plug", L"cam"}).ok);
+    const std::wstring cam_node = device_id_of(devinst_of(all.back().get()));
+    EXPECT_EQ(read_local_node(cam_node).friendly_name, L"Orbis HD");
 
     // Share, unshare and remove are device changes; a removed device reports itself gone.
     EXPECT_TRUE(command(pipe_name_, {L"share", L"cam", L"k1"}).ok);
     EXPECT_EQ(shares(server.get()).size(), 4u);
     EXPECT_TRUE(command(pipe_name_, {L"unshare", L"flash"}).ok);
     EXPECT_EQ(shares(server.get()).size(), 3u);
-    const std::wstring cam_node = device_id_of(devinst_of(all.back().get()));
-    EXPECT_EQ(read_local_node(cam_node).friendly_name, L"Orbis HD");
     EXPECT_TRUE(command(pipe_name_, {L"remove", L"cam"}).ok);
     EXPECT_FALSE(read_local_node(cam_node).found) << "the node goes with the device";
-    ASSERT_TRUE(pump_until([&] { return listener->received.size() == 7; }));
-    for (size_t i = 4; i < 7; ++i)
+    ASSERT_TRUE(pump_until([&] { return listener->received.size() == 8; }));
+    for (size_t i = 4; i < 8; ++i)
         EXPECT_EQ(listener->received[i].slot, 4);
     EXPECT_EQ(devices(server.get()).size(), 5u);
     EXPECT_EQ(shares(server.get()).size(), 2u) << "the removed device's share went with it";
@@ -165,7 +169,7 @@ TEST_F(sim_control, commands_change_state_and_notify_on_the_creating_thread)
         EXPECT_FALSE(answer.text.empty());
     }
     pump_for(50);
-    EXPECT_EQ(listener->received.size(), 7u);
+    EXPECT_EQ(listener->received.size(), 8u);
     EXPECT_EQ(server->UnadviseListener(listener.get()), S_OK);
 }
 

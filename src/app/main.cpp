@@ -69,7 +69,7 @@ void report_failed_work(std::exception_ptr error) noexcept
 }
 
 // Step 9's loop: until WM_QUIT, with the hook that resumes coroutines also inside modal loops.
-int run_message_loop(HWND main_window)
+int run_message_loop(main_dialog& dialog, HWND main_window)
 {
     tessel::unique_hhook hook = tessel::windows::impl::install_ui_return_hook();
     MSG message;
@@ -79,7 +79,7 @@ int run_message_loop(HWND main_window)
             tessel::fail_fast_last_error(L"GetMessage failed");
         if (got == 0)
             break;
-        if (::IsWindow(main_window) && ::IsDialogMessageW(main_window, &message))
+        if (::IsWindow(main_window) && (dialog.translate_shortcut(message) || ::IsDialogMessageW(main_window, &message)))
             continue;
         ::TranslateMessage(&message);
         ::DispatchMessageW(&message);
@@ -205,7 +205,7 @@ int run(int show_command)
         ::InitCommonControlsEx(&controls);
         const HWND window = dialog.create(show_command);
         apply_title_bar_theme(window);
-        exit_code = run_message_loop(window);
+        exit_code = run_message_loop(dialog, window);
 
         // 10. The settings, as they are now.
         try {

@@ -169,8 +169,35 @@ std::wstring list_state::accessible_name(row_index row)
         if (!name.empty())
             name += L", ";
         name.append(plain, first, last - first + 1);
+        if (column == 0 && handlers.row_state_text)
+            if (const std::wstring state = handlers.row_state_text(row); !state.empty())
+                name += L", " + state;
     }
     return name;
+}
+
+std::wstring list_state::accessible_description(row_index row)
+{
+    if (row >= rows)
+        return {};
+    fill_plain(row, 0, columns.empty() ? 1 : columns.size());
+    std::wstring description;
+    markup_result parsed;
+    for (const cell& c : scratch) {
+        try {
+            parse_markup(c.text, parsed);
+        } catch (const std::out_of_range&) {
+            continue;
+        }
+        for (const markup_element& e : parsed.elements) {
+            if ((e.tag != L'h' && e.tag != L'H') || e.argument.empty())
+                continue;
+            if (!description.empty())
+                description += L'\n';
+            description += e.argument;
+        }
+    }
+    return description;
 }
 
 void list_state::notify_row(UINT code, row_index row, bool by_keyboard)

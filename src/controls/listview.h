@@ -188,6 +188,9 @@ struct handler_lists {
     // What a screen reader says for a cell that shows only pictures (a marker icon, say);
     // empty: the cell adds nothing to its row's accessible name.
     std::function<std::wstring(row_index, std::size_t column)> picture_cell_text;
+    // Words a screen reader hears after the row's first cell for what the row shows only
+    // by its look (a dimmed row: "disconnected"); empty: nothing.
+    std::function<std::wstring(row_index)> row_state_text;
     std::function<row_outline(row_index)> outline_of_row;
 };
 

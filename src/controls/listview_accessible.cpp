@@ -163,7 +163,14 @@ public:
     } catch (...) {
         return hresult_from_caught_exception();
     }
-    HRESULT STDMETHODCALLTYPE get_accDescription(VARIANT, BSTR* out) noexcept override { return set_bstr(out, {}); }
+    HRESULT STDMETHODCALLTYPE get_accDescription(VARIANT child, BSTR* out) noexcept override try {
+        if (!s_)
+            return RPC_E_DISCONNECTED;
+        const auto row = is_self(child) ? std::nullopt : row_of(child);
+        return set_bstr(out, row ? s_->accessible_description(*row) : std::wstring());
+    } catch (...) {
+        return hresult_from_caught_exception();
+    }
     HRESULT STDMETHODCALLTYPE get_accRole(VARIANT child, VARIANT* role) noexcept override
     {
         if (!role)

@@ -180,6 +180,9 @@ struct listview<uniform_height>::state {
     [[nodiscard]] bool row_selected(row_index row) const noexcept;
     [[nodiscard]] RECT row_rect(row_index row) const noexcept;  // client pixels; may lie outside
     [[nodiscard]] std::wstring accessible_name(row_index row);
+    // What a screen reader reads after the name: the tooltips of the row's cells (the
+    // arguments of their "h" and "H" ranges), one per line.
+    [[nodiscard]] std::wstring accessible_description(row_index row);
     [[nodiscard]] row_outline outline(row_index row) const;
     [[nodiscard]] row_index visible_count() const noexcept;  // rows that fit, the last partly
     [[nodiscard]] int rows_top() const noexcept { return header_px; }

@@ -45,6 +45,13 @@ public:
         return &*rows.insert(at, std::move(r));
     }
     void update_row(row_handle handle, const device_row& data) override { find(handle).data = data; }
+    void replace_children(row_handle handle, const local_device_node* subtree) override
+    {
+        row& r = find(handle);
+        r.children.clear();
+        if (subtree)
+            add_children(*subtree, r.children);
+    }
     void remove_row(row_handle handle) override
     {
         rows.remove_if([handle](const row& r) { return &r == handle; });
