@@ -58,11 +58,18 @@ ${references}    </ComponentGroup>
     set(console_target ulmora_cfg)
   endif()
 
+  # wixl ends with success also when it could not write the package: the package gets its
+  # name only once it is there.
+  get_filename_component(output_folder ${arg_OUTPUT} DIRECTORY)
+  set(partial ${arg_OUTPUT}.partial)
   add_custom_command(
     OUTPUT ${arg_OUTPUT}
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${output_folder}
+    COMMAND ${CMAKE_COMMAND} -E rm -f ${partial}
     COMMAND ${TESSEL_WIXL} -a x64 -D Version=${arg_VERSION}.0 -D UpgradeBelow=${upgrade_below}
             -D Bin=${bin_relative} -D Icon=${icon_relative} ${console}
-            -I ${include_folder} -o ${arg_OUTPUT} ${CMAKE_SOURCE_DIR}/res/installer/servercfg.wxs
+            -I ${include_folder} -o ${partial} ${CMAKE_SOURCE_DIR}/res/installer/servercfg.wxs
+    COMMAND ${CMAKE_COMMAND} -E rename ${partial} ${arg_OUTPUT}
     WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
     DEPENDS ${CMAKE_SOURCE_DIR}/res/installer/servercfg.wxs ${include_folder}/language_packs.wxi
             servercfg localization_language_packs ${console_target}
