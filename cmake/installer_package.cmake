@@ -2,8 +2,9 @@
 #
 # tessel_installer_package(<target> OUTPUT <file.msi> VERSION <major.minor.build>)
 #   builds the package of this build's program, console companion (when the build has the
-#   target ulmora_cfg) and language packs, with the given product version. The product's
-#   own package and the tests' package of another version both come from here.
+#   target ulmora_cfg) and language packs, with the given product version, and signs it with
+#   the publisher's key (cmake/code_signing.cmake). The product's own package and the tests'
+#   package of another version both come from here.
 
 find_program(TESSEL_WIXL wixl REQUIRED)
 
@@ -75,5 +76,6 @@ ${references}    </ComponentGroup>
             servercfg localization_language_packs ${console_target}
     COMMENT "Building the Windows Installer package ${arg_VERSION}"
     VERBATIM)
+  tessel_sign_file(${arg_OUTPUT})
   add_custom_target(${target} ALL DEPENDS ${arg_OUTPUT})
 endfunction()

@@ -1,12 +1,9 @@
-// The Windows Installer package (UlmoraTools.msi, built by wixl) through Wine's real
-// msiexec: install, the installed program, upgrade, refused downgrade, uninstall.
+// The Windows Installer package (UlmoraTools.msi) through Wine's real msiexec.
 
 #include "child_process.h"
 #include "message_pump.h"
 #include "web_test_support.h"
 
-#include "base/module_path.h"
-#include "base/unique_handle.h"
 #include "base/window_text.h"
 #include "msgbox/message_box.h"
 #include "ui_main/about_dialog.h"
@@ -17,15 +14,12 @@
 #include <gtest/gtest.h>
 #include <msi.h>
 #include <shlobj.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
+#include <softpub.h>
 
 namespace {
 
-constexpr int main_window_about = 1004;
-constexpr wchar_t settings_key[] = L"Software\\QMX Software\\Ulmora Tools\\ServerCfg";
+using test_support::child_process;
+using tessel::windows::window_text;
 
 std::wstring known_folder(const KNOWNFOLDERID& id)
 {
@@ -35,123 +29,107 @@ std::wstring known_folder(const KNOWNFOLDERID& id)
     return path ? path : L"";
 }
 
-bool exists(const std::wstring& path)
-{
-    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
-}
+bool exists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
 std::vector<std::wstring> installed_products()
 {
     std::vector<std::wstring> products;
-    wchar_t product[39];
-    while (::MsiEnumRelatedProductsW(tessel::web::package_upgrade_code, 0, static_cast<DWORD>(products.size()),
-                                     product) == ERROR_SUCCESS)
-        products.emplace_back(product);
+    for (wchar_t code[39]; ::MsiEnumRelatedProductsW(tessel::web::package_upgrade_code, 0,
+                                                      static_cast<DWORD>(products.size()), code) == ERROR_SUCCESS;)
+        products.emplace_back(code);
     return products;
 }
 
-std::wstring uninstall_value(const std::wstring& product, const wchar_t* name)
+std::wstring uninstall_text(const std::wstring& product, const wchar_t* name)
 {
-    wchar_t value[512] = {};
-    DWORD size = sizeof value, type = 0;
-    const std::wstring key = L"Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\" + product;
-    if (::RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, RRF_RT_REG_SZ | RRF_RT_REG_DWORD, &type, value, &size))
-        return L"<none>";
-    DWORD number = 0;
-    std::memcpy(&number, value, sizeof number);
-    return type == REG_DWORD ? std::to_wstring(number) : value;
+    wchar_t value[512] = L"<none>";
+    DWORD size = sizeof value;
+    ::RegGetValueW(HKEY_LOCAL_MACHINE, (L"Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\" + product).c_str(),
+                   name, RRF_RT_REG_SZ, nullptr, value, &size);
+    return value;
 }
 
-// A visible top-level window of the process that has control `id` (and that owner, when given).
-HWND window_with(const test_support::child_process& process, int id, HWND owner = nullptr)
+// A visible top-level window of the process with control `id` (and that owner, if given).
+HWND wait_for_window(const child_process& process, int id, HWND owner = nullptr, DWORD timeout_ms = 20000)
 {
-    struct search {
-        DWORD process;
-        int id;
-        HWND owner;
-        HWND found = nullptr;
-    } state{::GetProcessId(process.handle()), id, owner};
-    ::EnumWindows([](HWND window, LPARAM lparam) -> BOOL {
-        auto& state = *reinterpret_cast<search*>(lparam);
-        DWORD owner = 0;
-        ::GetWindowThreadProcessId(window, &owner);
-        if (owner == state.process && ::IsWindowVisible(window) && ::GetDlgItem(window, state.id) &&
-            (!state.owner || ::GetWindow(window, GW_OWNER) == state.owner))
-            state.found = window;
-        return !state.found;
-    }, reinterpret_cast<LPARAM>(&state));
-    return state.found;
+    HWND found = nullptr;
+    test_support::pump_until([&] {
+        for (HWND window = nullptr; (window = ::FindWindowExW(nullptr, window, nullptr, nullptr));) {
+            DWORD process_id = 0;
+            ::GetWindowThreadProcessId(window, &process_id);
+            if (process_id == ::GetProcessId(process.handle()) && ::IsWindowVisible(window) &&
+                ::GetDlgItem(window, id) && (!owner || ::GetWindow(window, GW_OWNER) == owner))
+                return (found = window) != nullptr;
+        }
+        return false;
+    }, timeout_ms);
+    return found;
 }
 
-HWND wait_for_window_with(const test_support::child_process& process, int id, HWND owner = nullptr)
-{
-    HWND window = nullptr;
-    test_support::pump_until([&] { return (window = window_with(process, id, owner)) != nullptr; }, 20000);
-    return window;
-}
+DWORD msiexec(const std::wstring& arguments) { return child_process(L"msiexec.exe " + arguments).wait(120000); }
 
-DWORD msiexec(const std::wstring& arguments)
+TEST(package, is_signed_installs_runs_upgrades_refuses_a_downgrade_and_uninstalls_silently)
 {
-    test_support::child_process installer(L"msiexec.exe " + arguments);
-    return installer.wait(120000);
-}
-
-TEST(package, installs_runs_upgrades_refuses_a_downgrade_and_uninstalls_silently)
-{
-    const std::wstring package = L"\"" + tessel::module_folder() + L"UlmoraTools.msi\"";
-    const std::wstring next_package = L"\"" + tessel::module_folder() + L"package_test\\UlmoraTools.msi\"";
-    const std::wstring vendor = known_folder(FOLDERID_ProgramFilesX64) + L"\\QMX Software";
-    const std::wstring folder = vendor + L"\\Ulmora Tools";
-    // Wine's installer puts the shortcuts of a per-machine package into the user's Start
-    // menu; Windows into the common one.
-    const std::wstring shortcut = L"\\QMX Software\\Ulmora Tools Server Configuration.lnk";
-    const auto shortcut_exists = [&] {
+    const std::wstring bin = tessel::module_folder(), package = L'"' + bin + L"UlmoraTools.msi\"";
+    const std::wstring next_package = L'"' + bin + L"package_test\\UlmoraTools.msi\"";
+    const std::wstring vendor = known_folder(FOLDERID_ProgramFilesX64) + L"\\QMX Software", folder = vendor + L"\\Ulmora Tools";
+    const std::wstring settings_key = L"Software\\QMX Software\\Ulmora Tools\\ServerCfg";
+    // Wine's installer puts a per-machine package's shortcuts into the user's Start menu.
+    const auto shortcut_exists = [] {
+        const std::wstring shortcut = L"\\QMX Software\\Ulmora Tools Server Configuration.lnk";
         return exists(known_folder(FOLDERID_CommonPrograms) + shortcut) || exists(known_folder(FOLDERID_Programs) + shortcut);
     };
-    ASSERT_TRUE(installed_products().empty());
 
+    // Wine checks that a package is signed, not its digest nor its signer: those are checked
+    // natively (package_signature_tests.sh).
+    const std::wstring package_path = bin + L"UlmoraTools.msi";
+    WINTRUST_FILE_INFO file{};
+    file.cbStruct = sizeof file, file.pcwszFilePath = package_path.c_str();
+    WINTRUST_DATA trust{};
+    trust.cbStruct = sizeof trust, trust.dwUIChoice = WTD_UI_NONE, trust.dwUnionChoice = WTD_CHOICE_FILE, trust.pFile = &file;
+    GUID verify = WINTRUST_ACTION_GENERIC_VERIFY_V2;
+    EXPECT_EQ(::WinVerifyTrust(static_cast<HWND>(INVALID_HANDLE_VALUE), &verify, &trust), S_OK);
+
+    ASSERT_TRUE(installed_products().empty());
     ASSERT_EQ(msiexec(L"/i " + package + L" /qn"), 0u);
     EXPECT_TRUE(exists(folder + L"\\ServerCfg.exe"));
-    EXPECT_EQ(web_test::files_in(folder + L"\\languages"), web_test::files_in(tessel::module_folder() + L"languages"));
+    EXPECT_EQ(web_test::files_in(folder + L"\\languages"), web_test::files_in(bin + L"languages"));
     EXPECT_TRUE(shortcut_exists());
     std::vector<std::wstring> products = installed_products();
     ASSERT_EQ(products.size(), 1u);
-    EXPECT_EQ(uninstall_value(products[0], L"DisplayVersion"), L"1.0.0.0");
-    EXPECT_EQ(uninstall_value(products[0], L"Publisher"), L"QMX Software");
-    EXPECT_EQ(uninstall_value(products[0], L"InstallLocation"), folder + L"\\");
-    EXPECT_EQ(uninstall_value(products[0], L"NoModify"), L"1");
-    EXPECT_TRUE(uninstall_value(products[0], L"HelpLink").starts_with(L"https://"));
+    for (const auto& [name, value] : {std::pair{L"DisplayVersion", L"1.0.0.0"}, {L"Publisher", L"QMX Software"},
+                                      {L"HelpLink", L"https://www.qmx-software.example/"}})
+        EXPECT_EQ(uninstall_text(products[0], name), value) << name;
+    EXPECT_EQ(uninstall_text(products[0], L"InstallLocation"), folder + L"\\");
 
     {
-        // The installed copy starts against the substitute server; a newer version exists.
-        // The automatic check at start-up stores the promotion and shows nothing; asked from
-        // the About box, the program names the version and the deployment, and downloads nothing.
-        ::RegDeleteTreeW(HKEY_CURRENT_USER, settings_key);
-        test_support::registered_sim_server sim_server;
-        ASSERT_TRUE(sim_server.registered());
+        // The installed copy, with a newer version on offer: the automatic check shows
+        // nothing; asked from the About box, it names the version and the deployment.
+        ::RegDeleteTreeW(HKEY_CURRENT_USER, settings_key.c_str());
+        const test_support::registered_sim_server sim_server;
         const std::wstring service = web_test::server().base() + L"newer/";
-        ASSERT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, std::wstring(tessel::web::update_service_override_key).c_str(),
-                                    std::wstring(tessel::web::update_service_override_value).c_str(), REG_SZ,
-                                    service.c_str(), static_cast<DWORD>((service.size() + 1) * sizeof(wchar_t))),
-                  ERROR_SUCCESS);
-        const std::wstring downloads = tessel::web::secure_download_folder();
-        const auto downloaded_before = web_test::files_in(downloads);
-        test_support::child_process program(L"\"" + folder + L"\\ServerCfg.exe\"");
-        const HWND main_window = wait_for_window_with(program, main_window_about);
+        const std::wstring key(tessel::web::update_service_override_key), value(tessel::web::update_service_override_value);
+        ASSERT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), value.c_str(), REG_SZ, service.c_str(),
+                                    static_cast<DWORD>((service.size() + 1) * sizeof(wchar_t))), ERROR_SUCCESS);
+        const auto downloads = web_test::files_in(tessel::web::secure_download_folder());
+        child_process program(L"\"" + folder + L"\\ServerCfg.exe\"");
+        constexpr int about_button = 1004, promotion_line = 1020;
+        const HWND main_window = wait_for_window(program, about_button);
         ASSERT_NE(main_window, nullptr);
-        const HWND promotion = ::GetDlgItem(main_window, 1020);
-        EXPECT_TRUE(test_support::pump_until([&] { return tessel::windows::window_text(promotion) == L"Test offer"; }, 20000));
+        EXPECT_TRUE(test_support::pump_until(
+            [&] { return window_text(::GetDlgItem(main_window, promotion_line)) == L"Test offer"; }, 20000));
         constexpr DWORD settle_ms = 1000;
-        test_support::pump_for(settle_ms);
-        EXPECT_EQ(window_with(program, tessel::message_box_text_id), nullptr) << "the automatic check showed a box";
+        EXPECT_EQ(wait_for_window(program, tessel::message_box_text_id, nullptr, settle_ms), nullptr)
+            << "the automatic check showed a box";
 
-        ::PostMessageW(::GetDlgItem(main_window, main_window_about), BM_CLICK, 0, 0);
-        const HWND about = wait_for_window_with(program, servercfg::about_dialog_controls::check_for_updates, main_window);
+        ::PostMessageW(::GetDlgItem(main_window, about_button), BM_CLICK, 0, 0);
+        const int check = servercfg::about_dialog_controls::check_for_updates;
+        const HWND about = wait_for_window(program, check, main_window);
         ASSERT_NE(about, nullptr);
-        ::PostMessageW(::GetDlgItem(about, servercfg::about_dialog_controls::check_for_updates), BM_CLICK, 0, 0);
-        const HWND box = wait_for_window_with(program, tessel::message_box_text_id, about);
+        ::PostMessageW(::GetDlgItem(about, check), BM_CLICK, 0, 0);
+        const HWND box = wait_for_window(program, tessel::message_box_text_id, about);
         ASSERT_NE(box, nullptr);
-        EXPECT_EQ(tessel::windows::window_text(::GetDlgItem(box, tessel::message_box_text_id)),
+        EXPECT_EQ(window_text(::GetDlgItem(box, tessel::message_box_text_id)),
                   L"Ulmora Tools version 1.0.0.1 is available. This copy was installed by your organization's "
                   L"software deployment and is updated by your administrator.");
         EXPECT_FALSE(::IsWindowVisible(::GetDlgItem(box, IDYES))) << "an offer to download";
@@ -159,42 +137,35 @@ TEST(package, installs_runs_upgrades_refuses_a_downgrade_and_uninstalls_silently
         ::PostMessageW(about, WM_CLOSE, 0, 0);
         ::PostMessageW(main_window, WM_CLOSE, 0, 0);
         EXPECT_EQ(program.wait(), 0u);
-        EXPECT_EQ(web_test::files_in(downloads), downloaded_before);
-        ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, std::wstring(tessel::web::update_service_override_key).c_str(),
-                             std::wstring(tessel::web::update_service_override_value).c_str());
+        EXPECT_EQ(web_test::files_in(tessel::web::secure_download_folder()), downloads);
+        ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), value.c_str());
     }
 
-    // A newer package replaces the installed one: one entry, the new version.
     ASSERT_EQ(msiexec(L"/i " + next_package + L" /qn"), 0u);
     products = installed_products();
     ASSERT_EQ(products.size(), 1u);
-    EXPECT_EQ(uninstall_value(products[0], L"DisplayVersion"), TESSEL_NEXT_PACKAGE_VERSION);
-    EXPECT_TRUE(exists(folder + L"\\ServerCfg.exe"));
+    EXPECT_EQ(uninstall_text(products[0], L"DisplayVersion"), TESSEL_NEXT_PACKAGE_VERSION);
 
-    {
-        // An older one is refused, and says why.
-        test_support::child_process downgrade(L"msiexec.exe /i " + package + L" /qb");
-        const HWND box = wait_for_window_with(downgrade, IDOK);
-        ASSERT_NE(box, nullptr);
-        // The system's message box: its text is the static control that has one.
-        std::wstring text;
-        for (HWND label = nullptr; text.empty() && (label = ::FindWindowExW(box, label, L"Static", nullptr));)
-            text = tessel::windows::window_text(label);
-        EXPECT_TRUE(text.starts_with(L"A newer version of Ulmora Tools Server Configuration Utility is already installed."))
-            << text;
-        ::PostMessageW(box, WM_COMMAND, IDOK, 0);
-        EXPECT_EQ(downgrade.wait(60000), static_cast<DWORD>(ERROR_INSTALL_FAILURE));
-        EXPECT_EQ(installed_products(), products);
-    }
+    child_process downgrade(L"msiexec.exe /i " + package + L" /qb");
+    const HWND refusal = wait_for_window(downgrade, IDOK);
+    ASSERT_NE(refusal, nullptr);
+    std::wstring text;  // the system's message box: the static control that has a text
+    for (HWND label = nullptr; text.empty() && (label = ::FindWindowExW(refusal, label, L"Static", nullptr));)
+        text = window_text(label);
+    EXPECT_TRUE(text.starts_with(L"A newer version of Ulmora Tools Server Configuration Utility is already installed."))
+        << text;
+    ::PostMessageW(refusal, WM_COMMAND, IDOK, 0);
+    EXPECT_EQ(downgrade.wait(60000), static_cast<DWORD>(ERROR_INSTALL_FAILURE));
+    EXPECT_EQ(installed_products(), products);
 
-    // Uninstalling removes what the package put there and leaves the user's settings.
+    // Gone: what the package put there; kept: the settings the program wrote for the user.
     ASSERT_EQ(msiexec(L"/x " + next_package + L" /qn"), 0u);
     EXPECT_TRUE(installed_products().empty());
-    EXPECT_EQ(uninstall_value(products[0], L"DisplayName"), L"<none>");
+    EXPECT_EQ(uninstall_text(products[0], L"DisplayName"), L"<none>");
     EXPECT_FALSE(exists(vendor));
     EXPECT_FALSE(shortcut_exists());
-    tessel::unique_hkey settings;
-    EXPECT_EQ(::RegOpenKeyExW(HKEY_CURRENT_USER, settings_key, 0, KEY_READ, settings.put()), ERROR_SUCCESS);
+    EXPECT_EQ(::RegGetValueW(HKEY_CURRENT_USER, (settings_key + L"\\promo").c_str(), L"Title", RRF_RT_ANY, nullptr,
+                             nullptr, nullptr), ERROR_SUCCESS);
 }
 
 }  // namespace
