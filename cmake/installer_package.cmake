@@ -72,7 +72,7 @@ ${references}    </ComponentGroup>
             -I ${include_folder} -o ${partial} ${CMAKE_SOURCE_DIR}/res/installer/servercfg.wxs
     COMMAND ${CMAKE_COMMAND} -E rename ${partial} ${arg_OUTPUT}
     WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
-    DEPENDS ${CMAKE_SOURCE_DIR}/res/installer/servercfg.wxs ${include_folder}/language_packs.wxi
+    DEPENDS ${CMAKE_SOURCE_DIR}/res/installer/servercfg.wxs ${include_folder}/language_packs.wxi ${packs} ${icon}
             servercfg localization_language_packs ${console_target}
     COMMENT "Building the Windows Installer package ${arg_VERSION}"
     VERBATIM)
