@@ -52,12 +52,9 @@ ${references}    </ComponentGroup>
 </Include>
 " @ONLY)
 
-  set(console "")
-  set(console_target "")
-  if(TARGET ulmora_cfg)
-    set(console -D ConsoleCompanion=${bin_relative}/$<TARGET_FILE_NAME:ulmora_cfg>)
-    set(console_target ulmora_cfg)
-  endif()
+  # The console companion joins the package when the build has its target, wherever that is
+  # defined (the expression is read once every folder is configured).
+  set(has_console $<TARGET_EXISTS:ulmora_cfg>)
 
   # wixl ends with success also when it could not write the package: the package gets its
   # name only once it is there.
@@ -68,14 +65,15 @@ ${references}    </ComponentGroup>
     COMMAND ${CMAKE_COMMAND} -E make_directory ${output_folder}
     COMMAND ${CMAKE_COMMAND} -E rm -f ${partial}
     COMMAND ${TESSEL_WIXL} -a x64 -D Version=${arg_VERSION}.0 -D UpgradeBelow=${upgrade_below}
-            -D Bin=${bin_relative} -D Icon=${icon_relative} ${console}
+            -D Bin=${bin_relative} -D Icon=${icon_relative}
+            "$<${has_console}:-D;ConsoleCompanion=${bin_relative}/$<TARGET_FILE_NAME:ulmora_cfg>>"
             -I ${include_folder} -o ${partial} ${CMAKE_SOURCE_DIR}/res/installer/servercfg.wxs
     COMMAND ${CMAKE_COMMAND} -E rename ${partial} ${arg_OUTPUT}
     WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
     DEPENDS ${CMAKE_SOURCE_DIR}/res/installer/servercfg.wxs ${include_folder}/language_packs.wxi ${packs} ${icon}
-            servercfg localization_language_packs ${console_target}
+            servercfg localization_language_packs "$<${has_console}:ulmora_cfg>"
     COMMENT "Building the Windows Installer package ${arg_VERSION}"
-    VERBATIM)
+    COMMAND_EXPAND_LISTS VERBATIM)
   tessel_sign_file(${arg_OUTPUT})
   add_custom_target(${target} ALL DEPENDS ${arg_OUTPUT})
 endfunction()
