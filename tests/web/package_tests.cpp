@@ -93,6 +93,7 @@ TEST(package, is_signed_installs_runs_upgrades_refuses_a_downgrade_and_uninstall
     ASSERT_TRUE(installed_products().empty());
     ASSERT_EQ(msiexec(L"/i " + package + L" /qn"), 0u);
     EXPECT_TRUE(exists(folder + L"\\ServerCfg.exe"));
+    EXPECT_EQ(exists(folder + L"\\ulmora-cfg.exe"), exists(bin + L"ulmora-cfg.exe")) << "the console companion";
     EXPECT_EQ(web_test::files_in(folder + L"\\languages"), web_test::files_in(bin + L"languages"));
     EXPECT_TRUE(shortcut_exists());
     std::vector<std::wstring> products = installed_products();
