@@ -8,6 +8,8 @@
 #include "msgbox/link_opener.h"
 #include "web/download.h"
 #include "web/installer_trust.h"
+
+#include "web/package_installation.h"
 #include "web/progress_dialog.h"
 #include "web/staging_folder.h"
 
@@ -171,7 +173,16 @@ fibra::fire_and_forget run_update_check(update_check_options options)
 
         store_promotion(options, response.promo);
 
-        if (is_newer_release(response.version, own_packed)) {
+        const bool newer = is_newer_release(response.version, own_packed);
+        if (newer && installed_by_package(module_path())) {
+            // Whoever deployed the package updates this copy: it is only told of, and an
+            // automatic check keeps quiet.
+            if (options.mode == update_check_mode::on_demand)
+                show(options,
+                     ts_printf::format(load_string(string_ids::update_deployed_copy),
+                                       dotted_version(unpacked_version(response.version))),
+                     MB_OK | MB_ICONINFORMATION);
+        } else if (newer) {
             const std::wstring offer = ts_printf::format(load_string(string_ids::update_offer),
                                                          dotted_version(unpacked_version(response.version)));
             if (show(options, offer, MB_YESNO | MB_ICONQUESTION) == IDYES) {

@@ -15,9 +15,12 @@
 // A check asks the update service, stores its promotion in the settings, and when a newer
 // release exists offers it: on Yes it downloads the installer with a progress dialog,
 // starts it with this process's handle and posts WM_CLOSE to the main window; a declined
-// automatic offer asks whether to stop checking automatically. Then it offers the
-// language packs made for this version whose language is not installed. An automatic
-// check shows no error of its own; a failed download the user asked for is always shown.
+// automatic offer asks whether to stop checking automatically. A copy that the Windows
+// Installer package installed is updated by whoever deployed it (package_installation.h):
+// it is offered nothing, and only a check the user asked for names the newer version. Then
+// the check offers the language packs made for this version whose language is not
+// installed. An automatic check shows no error of its own; a failed download the user
+// asked for is always shown.
 // All of it runs as a coroutine on the main window's UI thread and ends quietly when the
 // window's work is cancelled.
 
