@@ -8,7 +8,6 @@
 #include "msgbox/link_opener.h"
 #include "web/download.h"
 #include "web/installer_trust.h"
-
 #include "web/package_installation.h"
 #include "web/progress_dialog.h"
 #include "web/staging_folder.h"
