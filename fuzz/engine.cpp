@@ -343,7 +343,21 @@ void install_handlers() noexcept
         ::SetUnhandledExceptionFilter(on_unhandled);
         ::AddVectoredExceptionHandler(1, on_fatal);
         std::signal(SIGABRT, [](int) { die_with_finding(L"abort", 0); });
-        std::set_terminate([] { die_with_finding(L"terminate", 0); });
+        std::set_terminate([] {
+            // What escaped, and from where: a throw through a noexcept function lands here.
+            char what[512] = "terminate";
+            try {
+                if (const auto escaped = std::current_exception())
+                    std::rethrow_exception(escaped);
+            } catch (const std::exception& e) {
+                std::snprintf(what, sizeof what, "terminate: %s: %s", typeid(e).name(), e.what());
+            } catch (...) {
+                std::snprintf(what, sizeof what, "terminate: an exception of an unknown type");
+            }
+            CONTEXT context{};
+            ::RtlCaptureContext(&context);
+            die_with_finding(L"terminate", 0, nullptr, what, &context);
+        });
         // A hang: an input that never returns.
         std::thread([] {
             for (;;) {

@@ -159,14 +159,17 @@ int wmain(int argc, wchar_t** argv)
             }
         }
         const ULONGLONG start = ::GetTickCount64();
+        const std::uint64_t allocations_before = fuzz::memory::allocations();
         const fuzz::reader_report report = fuzz::run_campaign(t, options);
         const ULONGLONG elapsed_ms = std::max<ULONGLONG>(1, ::GetTickCount64() - start);
+        const double per_input = static_cast<double>(fuzz::memory::allocations() - allocations_before) /
+                                 static_cast<double>(std::max<std::uint64_t>(1, report.inputs));
         findings += report.findings.size();
         std::string line = fuzz::format_report(report);
-        char timing[160];
-        std::snprintf(timing, sizeof timing, "%llu s, %.0f inputs per second%s\n", elapsed_ms / 1000,
-                      static_cast<double>(report.inputs) * 1000.0 / static_cast<double>(elapsed_ms),
-                      fuzz::memory::page_heap_in_use() ? " with the page heap" : " without the page heap");
+        char timing[200];
+        std::snprintf(timing, sizeof timing, "%llu s, %.0f inputs per second %s the page heap, %.0f allocations per input\n",
+                      elapsed_ms / 1000, static_cast<double>(report.inputs) * 1000.0 / static_cast<double>(elapsed_ms),
+                      fuzz::memory::page_heap_in_use() ? "with" : "without", per_input);
         line += "    " + std::to_string(kept.size()) + " findings fixed and kept as regression cases; " + timing;
         // The commonest refusals; the count of distinct ones is in the report line.
         std::vector<std::pair<std::uint64_t, std::string>> texts;

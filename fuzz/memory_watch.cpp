@@ -19,6 +19,7 @@
 namespace {
 
 std::atomic<std::size_t> largest{0};
+std::atomic<std::uint64_t> count{0};
 std::atomic<bool> page_heap_on{true};
 constexpr std::size_t refused_above = std::size_t(1) << 30;
 
@@ -60,12 +61,18 @@ const crt_heap& crt() noexcept
 
 // aligned_form: asked through an aligned operator new, whose delete frees with the C
 // runtime's aligned free when the block is not the page heap's.
-void* allocate(std::size_t size, std::size_t alignment = 1, bool aligned_form = false) noexcept
+bool watch(std::size_t size) noexcept
 {
+    count.fetch_add(1, std::memory_order_relaxed);
     std::size_t seen = largest.load(std::memory_order_relaxed);
     while (size > seen && !largest.compare_exchange_weak(seen, size, std::memory_order_relaxed)) {
     }
-    if (size > refused_above)
+    return size <= refused_above;
+}
+
+void* allocate(std::size_t size, std::size_t alignment = 1, bool aligned_form = false) noexcept
+{
+    if (!watch(size))
         return nullptr;
     if (page_heap_on.load(std::memory_order_relaxed))
         return fuzz::page_heap::allocate(size, alignment);
@@ -103,6 +110,11 @@ std::size_t largest_request() noexcept
     return largest.load(std::memory_order_relaxed);
 }
 
+std::uint64_t allocations() noexcept
+{
+    return count.load(std::memory_order_relaxed);
+}
+
 void use_page_heap(bool on) noexcept
 {
     page_heap_on.store(on, std::memory_order_relaxed);
@@ -122,14 +134,14 @@ void* malloc(std::size_t size)
     return allocate(size);
 }
 
-void* calloc(std::size_t count, std::size_t size)
+void* calloc(std::size_t number, std::size_t size)
 {
-    if (size && count > SIZE_MAX / size)
+    if (size && number > SIZE_MAX / size)
         return nullptr;
     if (!page_heap_on.load(std::memory_order_relaxed))
-        return crt().calloc(count, size);
+        return watch(number * size) ? crt().calloc(number, size) : nullptr;
     // Freshly committed pages are zero.
-    return allocate(count * size);
+    return allocate(number * size);
 }
 
 void* realloc(void* p, std::size_t size)

@@ -202,7 +202,9 @@ void release(void* block) noexcept
         exclusive lock;
         slot* s = const_cast<slot*>(find(address));
         if (s && s->block == address && s->state == slot_state::live) {
-            // Decommitting drops the contents too: a late read sees a fault, not old data.
+            // Decommitted rather than protected: the kernel then merges the freed pages
+            // with the guard pages around them into one map, where protected pages would
+            // each keep a map of their own and exhaust the process's maps within seconds.
             if (!::VirtualFree(reinterpret_cast<void*>(s->committed), s->guard() - s->committed, MEM_DECOMMIT))
                 fail_fast("page heap: cannot decommit a freed block\n");
             s->state = slot_state::quarantined;
