@@ -248,6 +248,10 @@ void format_stack(char* text, std::size_t capacity, const CONTEXT& faulting) noe
         DWORD64 image_base = 0;
         PRUNTIME_FUNCTION function = ::RtlLookupFunctionEntry(context.Rip, &image_base, nullptr);
         if (!function) {  // a leaf: the return address is on top of the stack
+            MEMORY_BASIC_INFORMATION stack{};
+            if (::VirtualQuery(reinterpret_cast<const void*>(context.Rsp), &stack, sizeof stack) != sizeof stack ||
+                stack.State != MEM_COMMIT || !(stack.Protect & PAGE_READWRITE))
+                break;  // a broken stack: faulting here would hide the finding
             context.Rip = *reinterpret_cast<const DWORD64*>(context.Rsp);
             context.Rsp += 8;
             continue;
