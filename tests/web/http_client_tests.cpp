@@ -2,7 +2,6 @@
 
 #include "web_test_support.h"
 
-#include "message_pump.h"
 #include "nsm/archive.h"
 #include "web/http_client.h"
 #include "web/update_service.h"
