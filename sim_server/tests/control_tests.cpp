@@ -126,6 +126,12 @@ TEST_F(sim_control, commands_change_state_and_notify_on_the_creating_thread)
     EXPECT_NE(answer.text.find(L"running no"), std::wstring::npos);
     EXPECT_NE(answer.text.find(L"fail GetName 0x80070015 device=hub"), std::wstring::npos);
     EXPECT_NE(answer.text.find(L"device flash \"Arcturus Flash 32GB\""), std::wstring::npos);
+    EXPECT_NE(answer.text.find(L"\npending 0"), std::wstring::npos);
+    // A settings call shows until it has ended.
+    EXPECT_TRUE(command(pipe_name_, {L"delay", L"read", L"60000"}).ok);
+    com_ptr<IUsbServerOperation> reading;
+    ASSERT_EQ(server->GetSettingsAsync(reading.put()), S_OK);
+    EXPECT_NE(command(pipe_name_, {L"list"}).text.find(L"\npending 1"), std::wstring::npos);
 
     // Refused commands change nothing and say why.
     const std::vector<std::vector<std::wstring>> refused = {
