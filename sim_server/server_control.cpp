@@ -320,6 +320,7 @@ std::wstring usb_server::describe_state() const
         text += L" statistics=" + yes_no(*settings_.statistics);
     text += L"\ndelay read=" + std::to_wstring(read_delay_ms_) + L" write=" + std::to_wstring(write_delay_ms_);
     text += L"\nsettings writes " + std::to_wstring(settings_writes_);
+    text += L"\npending " + std::to_wstring(operations_.size());
     return text;
 }
 

@@ -54,7 +54,7 @@ TEST(ui_dispatch, cancelled_context_throws_even_on_the_ui_thread)
     switch_and_record(posting, log, done);
     EXPECT_FALSE(done);
     posting.cancel_work();
-    test_support::pump_until([&] { return done; });
+    ASSERT_TRUE(test_support::pump_until([&] { return done; })) << "the cancelled continuation never ran";
     EXPECT_EQ(log, (std::vector<std::wstring>{L"resumed on UI thread", L"cancelled", L"cancelled"}));
 }
 
@@ -70,11 +70,16 @@ TEST(ui_dispatch, always_post_runs_after_messages_already_queued)
     switch_and_record(context, log, done);
     EXPECT_TRUE(log.empty()) << "always-post must not continue inline";
 
-    MSG message;
-    while (!done && ::GetMessageW(&message, nullptr, 0, 0) > 0) {
-        if (message.message == WM_APP + 7)
+    // The messages are taken here, not dispatched (a thread message has no window), for a
+    // few seconds at most: a continuation that never comes fails the test, not hangs it.
+    const ULONGLONG deadline = ::GetTickCount64() + 5000;
+    for (MSG message; !done && ::GetTickCount64() < deadline;) {
+        if (!::PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE))
+            ::MsgWaitForMultipleObjects(0, nullptr, FALSE, 20, QS_ALLINPUT);
+        else if (message.message == WM_APP + 7)
             log.push_back(L"earlier message");
     }
+    ASSERT_TRUE(done) << "the continuation never ran";
     EXPECT_EQ(log, (std::vector<std::wstring>{L"earlier message", L"resumed on UI thread"}));
 }
 

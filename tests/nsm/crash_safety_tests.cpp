@@ -13,6 +13,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <string>
 
 namespace {
@@ -20,6 +21,7 @@ namespace {
 struct child_result {
     std::string output;
     bool paused = false;
+    bool timed_out = false;
 };
 
 // Runs the save in a child that stops before registry change `step`; a paused child is
@@ -45,16 +47,28 @@ child_result save_until(const std::wstring& key_path, long step)
     tessel::unique_handle process(info.hProcess), thread(info.hThread);
     writer.reset();
 
+    // The child prints one line, then waits or ends. Only what the pipe holds is read, so
+    // that a child that hangs before its line fails the test instead of blocking it.
     child_result result;
-    char buffer[256];
-    DWORD got = 0;
-    // The child prints one line, then waits or ends.
-    while (result.output.find('\n') == std::string::npos && ::ReadFile(read_end, buffer, sizeof buffer, &got, nullptr) &&
-           got)
-        result.output.append(buffer, got);
+    const ULONGLONG deadline = ::GetTickCount64() + 30000;
+    for (bool ended = false; result.output.find('\n') == std::string::npos;) {
+        char buffer[256];
+        DWORD available = 0, got = 0;
+        if (::PeekNamedPipe(read_end, nullptr, 0, nullptr, &available, nullptr) && available &&
+            ::ReadFile(read_end, buffer, std::min<DWORD>(available, sizeof buffer), &got, nullptr)) {
+            result.output.append(buffer, got);
+            continue;
+        }
+        if (ended)
+            break;  // ended without its line, and everything it wrote has been read
+        if (::GetTickCount64() > deadline) {
+            result.timed_out = true;
+            break;
+        }
+        ended = ::WaitForSingleObject(process.get(), 10) == WAIT_OBJECT_0;
+    }
     result.paused = result.output.rfind("paused ", 0) == 0;
-    if (result.paused)
-        ::TerminateProcess(process.get(), 9);
+    ::TerminateProcess(process.get(), 9);  // a paused child ends here, as a crash would end it
     ::WaitForSingleObject(process.get(), 10000);
     return result;
 }
@@ -79,6 +93,8 @@ TEST(settings_crash, a_save_ended_at_any_step_leaves_a_key_that_loads_with_old_n
         ASSERT_LT(step, 200) << "the save never finished";
         save_settings(before, HKEY_CURRENT_USER, key.path());
         const child_result run = save_until(key.path(), step);
+        ASSERT_FALSE(run.timed_out) << "the save stopping before change " << step << " printed nothing in time: "
+                                    << run.output;
         if (!run.paused) {
             ASSERT_EQ(run.output.rfind("saved ", 0), 0u) << run.output;
             break;

@@ -42,6 +42,9 @@ TEST(installer, silent_install_waits_for_the_program_being_updated_and_uninstall
     ASSERT_EQ(::SHGetKnownFolderPath(FOLDERID_CommonPrograms, 0, nullptr, &programs), S_OK);
     const tessel::unique_cotaskmem programs_owner(programs);
     const std::wstring shortcut = std::wstring(programs) + L"\\QMX Software\\Ulmora Tools Server Configuration.lnk";
+    const std::wstring reference_folder = folder + L"-reference";
+    std::filesystem::remove_all(folder);
+    std::filesystem::remove_all(reference_folder);
     // The installer makes the data folders; the uninstaller takes them and the test value.
     const std::wstring updates = tessel::web::updates_folder_path();
     const std::wstring data = updates.substr(0, updates.rfind(L"\\Ulmora Tools\\Updates"));
@@ -52,8 +55,11 @@ TEST(installer, silent_install_waits_for_the_program_being_updated_and_uninstall
                                 service.c_str(), static_cast<DWORD>((service.size() + 1) * sizeof(wchar_t))),
               ERROR_SUCCESS);
 
-    // A program that ends in three seconds stands for the running configuration utility.
-    test_support::child_process program(L"\"" + tessel::module_folder() + L"web_fake_installer.exe\" --sleep=3000");
+    // A program that runs until the test ends it stands for the running configuration
+    // utility. An installer that did not wait for it would create its folder first thing,
+    // which it would have done by the time a second installer, started after it and
+    // waiting for nothing, has installed everything: only then is the absence believed.
+    test_support::child_process program(L"\"" + tessel::module_folder() + L"web_fake_installer.exe\" --sleep=120000");
     ASSERT_TRUE(program.started());
     HANDLE inheritable = nullptr;
     ASSERT_TRUE(::DuplicateHandle(::GetCurrentProcess(), program.handle(), ::GetCurrentProcess(), &inheritable,
@@ -62,9 +68,16 @@ TEST(installer, silent_install_waits_for_the_program_being_updated_and_uninstall
     test_support::child_process installer(
         L"\"" + setup + L"\" /S /UPDATE=" + std::to_wstring(reinterpret_cast<std::uintptr_t>(inheritable)) + L" /D=" + folder,
         {}, true);
+    test_support::child_process reference(L"\"" + setup + L"\" /S /D=" + reference_folder);
+    EXPECT_EQ(reference.wait(60000), 0u);
+    EXPECT_TRUE(exists(reference_folder + L"\\uninstall.exe")) << "the reference installation did not finish";
+    std::filesystem::remove_all(reference_folder);
+    EXPECT_EQ(installer.wait(0), STILL_ACTIVE) << "the installer did not wait for the program";
+    EXPECT_FALSE(exists(folder)) << "the installer wrote files while the program ran";
+
+    // Once the program has ended, the installer goes on.
+    program.kill();
     EXPECT_EQ(installer.wait(60000), 0u);
-    // The installer ended after the program it waited for, not before.
-    EXPECT_NE(program.wait(0), STILL_ACTIVE);
 
     EXPECT_TRUE(exists(folder + L"\\ServerCfg.exe"));
     EXPECT_TRUE(exists(folder + L"\\uninstall.exe"));

@@ -212,17 +212,25 @@ TEST_F(update_check_test, installer_that_cannot_start_is_reported_and_the_progra
 
 TEST_F(update_check_test, cancel_in_the_progress_dialog_ends_the_download_quietly)
 {
-    // The installer comes slowly: its server pauses for three seconds half-way.
+    // The installer comes slowly: the server holds its second part until the user has
+    // pressed Cancel and the dialog has taken the click (the button goes grey). Then, or
+    // when the dialog never came, the rest is let go, so the check ends either way.
     std::vector<std::wstring> texts;
     bool cancel_seen = false;
     std::thread user([&] {
+        const ULONGLONG deadline = ::GetTickCount64() + 20000;
         HWND progress = nullptr;
-        for (int i = 0; i < 200 && !(progress && ::IsWindowVisible(progress)); ++i, ::Sleep(25))
+        while (!(progress && ::IsWindowVisible(progress)) && ::GetTickCount64() < deadline) {
+            ::Sleep(25);
             progress = ::FindWindowW(L"#32770", L"Downloading Update");
-        if (!progress)
-            return;
-        cancel_seen = ::IsWindowVisible(::GetDlgItem(progress, IDCANCEL)) != FALSE;
-        ::PostMessageW(::GetDlgItem(progress, IDCANCEL), BM_CLICK, 0, 0);
+        }
+        if (const HWND cancel = progress ? ::GetDlgItem(progress, IDCANCEL) : nullptr) {
+            cancel_seen = ::IsWindowVisible(cancel) != FALSE;
+            ::PostMessageW(cancel, BM_CLICK, 0, 0);
+            while (::IsWindowEnabled(cancel) && ::GetTickCount64() < deadline)
+                ::Sleep(25);
+        }
+        web_test::release_held_response(L"slow");
     });
     texts = check(L"slow", update_check_mode::on_demand, {IDYES});
     user.join();

@@ -8,6 +8,7 @@
 
 #include <aclapi.h>
 #include <sddl.h>
+#include <wininet.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -41,6 +42,20 @@ const server_info& server()
     if (info.https_port == 0)
         ADD_FAILURE() << "no loopback test server: run this test through tests/web/run_with_server.sh";
     return info;
+}
+
+bool release_held_response(const std::wstring& name)
+{
+    const tessel::unique_hinternet session(::InternetOpenW(L"web tests", INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0));
+    const std::wstring address = L"http://localhost:" + std::to_wstring(server().http_port) + L"/release/" + name;
+    const tessel::unique_hinternet request(
+        session ? ::InternetOpenUrlW(session.get(), address.c_str(), nullptr, 0,
+                                     INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE | INTERNET_FLAG_NO_UI, 0)
+                : nullptr);
+    DWORD status = 0, size = sizeof status;
+    return request &&
+           ::HttpQueryInfoW(request.get(), HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status, &size, nullptr) &&
+           status == 200;
 }
 
 std::wstring fresh_folder(const std::wstring& name)

@@ -32,6 +32,10 @@ struct server_info {
 // to the LocalMachine "Root" store). Fails the test when there is no server.
 const server_info& server();
 
+// Lets the server's held response /hold/<name> go on (also one that has not started yet).
+// Goes to the plain http port, so that it never waits for a connection the program holds.
+bool release_held_response(const std::wstring& name);
+
 // A fresh empty folder under the test's temporary folder.
 std::wstring fresh_folder(const std::wstring& name);
 // The names of the files in a folder.
