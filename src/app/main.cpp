@@ -12,6 +12,7 @@
 #include "base/coroutine.h"
 #include "base/failure.h"
 #include "base/module_path.h"
+#include "base/process_hardening.h"
 #include "base/registered_messages.h"
 #include "base/service_registry.h"
 #include "base/utf.h"
@@ -129,7 +130,7 @@ update_hooks update_hooks_of(main_dialog& dialog)
 int run(int show_command)
 {
     // Before anything loads a library: no DLL from beside the program or the current folder.
-    harden_process();
+    tessel::harden_process();
 
     // 1. Only one copy on the screen: bring the other one to the front.
     if (HWND other = find_window_with_title_prefix(product_title)) {

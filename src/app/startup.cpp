@@ -1,6 +1,7 @@
 #include "app/startup.h"
 
 #include "base/failure.h"
+#include "base/process_hardening.h"
 #include "base/unique_handle.h"
 #include "controls/dark_theme.h"
 #include "format/ts_printf.h"
@@ -13,49 +14,12 @@ namespace servercfg {
 
 bool restart_requested = false;
 
-namespace {
-
-bool safe_search_order = false;
-
-}  // namespace
-
-bool harden_process() noexcept
-{
-    ::HeapSetInformation(nullptr, HeapEnableTerminationOnCorruption, nullptr, 0);
-    // Looked up, not imported: systems without the update that brought it would not even
-    // start the program otherwise.
-    using set_default_fn = BOOL(WINAPI*)(DWORD);
-    const HMODULE kernel = ::GetModuleHandleW(L"kernel32.dll");
-    const auto set_default = kernel ? reinterpret_cast<set_default_fn>(reinterpret_cast<void*>(
-                                          ::GetProcAddress(kernel, "SetDefaultDllDirectories")))
-                                    : nullptr;
-    safe_search_order = set_default && set_default(LOAD_LIBRARY_SEARCH_SYSTEM32);
-    // Without it, at least the current folder leaves the search order.
-    ::SetDllDirectoryW(L"");
-    return safe_search_order;
-}
-
-HMODULE load_system_library(const wchar_t* name) noexcept
-{
-    if (safe_search_order)
-        return ::LoadLibraryExW(name, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
-    try {
-        wchar_t folder[MAX_PATH];
-        const UINT length = ::GetSystemDirectoryW(folder, MAX_PATH);
-        if (length == 0 || length >= MAX_PATH)
-            return nullptr;
-        return ::LoadLibraryW((std::wstring(folder, length) + L"\\" + name).c_str());
-    } catch (...) {
-        return nullptr;
-    }
-}
-
 void apply_title_bar_theme(HWND window) noexcept
 {
     // DWMWA_USE_IMMERSIVE_DARK_MODE; mingw's headers lack the name.
     constexpr DWORD use_dark_mode = 20;
     using set_attribute_fn = HRESULT(WINAPI*)(HWND, DWORD, const void*, DWORD);
-    static const HMODULE dwm = load_system_library(L"dwmapi.dll");
+    static const HMODULE dwm = tessel::load_system_library(L"dwmapi.dll");
     const auto set_attribute = dwm ? reinterpret_cast<set_attribute_fn>(reinterpret_cast<void*>(
                                          ::GetProcAddress(dwm, "DwmSetWindowAttribute")))
                                    : nullptr;

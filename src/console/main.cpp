@@ -10,6 +10,7 @@
 #include "base/cmd_line.h"
 #include "base/failure.h"
 #include "base/module_path.h"
+#include "base/process_hardening.h"
 #include "localization/localization.h"
 #include "nsm/app_settings.h"
 
@@ -19,6 +20,9 @@ namespace {
 
 int run()
 {
+    // Before anything loads a library: the program runs elevated as often as not.
+    tessel::harden_process();
+
     // The window program's language setting; a record that cannot be read means the
     // user's locale decides, as it does for the window.
     app_settings settings;

@@ -231,7 +231,9 @@ TEST_F(console_process, a_bad_document_ends_with_3_before_the_server_is_asked_an
         ::DeleteFileW(path.c_str());
     }
     const std::wstring large = document("cfg-large.json", std::string(1024 * 1024 + 1, ' '));
-    EXPECT_TRUE(has(run(L"watch " + quoted(large)).err, "larger than 1 MB"));
+    const auto too_large = run(L"watch " + quoted(large));
+    EXPECT_EQ(too_large.exit, 3u);
+    EXPECT_TRUE(has(too_large.err, "larger than 1 MB")) << too_large.err;
     ::DeleteFileW(large.c_str());
     EXPECT_EQ(census_ends(), 0) << "no run may have loaded the server";
     EXPECT_EQ(::GetFileAttributesW(state_path_.c_str()), INVALID_FILE_ATTRIBUTES) << "nothing was changed";
@@ -244,8 +246,11 @@ TEST_F(console_process, watch_shares_devices_as_they_come_and_waits_out_a_server
     {
         background_run watch(L"watch " + quoted(path), true);
         ASSERT_TRUE(watch.shows("Watching the server's devices")) << watch.output();
-        ASSERT_TRUE(control({L"add", L"scope", L"Lab Scope", L"instance_id=USB\\VID_1AB1&PID_0588\\DS1ZA1"}));
-        ASSERT_TRUE(control({L"add", L"mouse", L"Office Mouse", L"class=mouse"}));
+        const auto tool = [](const std::wstring& arguments) {
+            return test_support::run_tool(L"ulmora-sim-ctl.exe", arguments).exit_code;
+        };
+        ASSERT_EQ(tool(L"add scope \"Lab Scope\" instance_id=USB\\VID_1AB1&PID_0588\\DS1ZA1"), 0u);
+        ASSERT_EQ(tool(L"add mouse \"Office Mouse\" class=mouse"), 0u);
         const ULONGLONG added = ::GetTickCount64();
         EXPECT_TRUE(eventually([&] { return has(tessel::utf16_to_utf8(*control({L"list"})), "share scope key=\"lab\""); },
                                2000));
