@@ -13,6 +13,8 @@
 #include <shlguid.h>
 #include <shlobj.h>
 
+#include <cwctype>
+
 namespace tessel {
 namespace {
 
@@ -104,7 +106,7 @@ public:
         }
         uninitialize();
         if (result != S_OK)
-            debug_report(ts_printf::format(L"no desktop shell to start a link as the signed-in user ({08X})",
+            debug_report(ts_printf::format(L"no desktop shell to start a link as the signed-in user ({b016X})",
                                            static_cast<std::uint32_t>(result)));
         return result == S_OK;
     }

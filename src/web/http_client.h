@@ -247,7 +247,8 @@ void throw_if_not_ok(HINTERNET request);
 // The address the request ended at, after any redirects.
 [[nodiscard]] std::wstring final_address(HINTERNET request);
 // Where a redirect answer (301, 302, 303, 307, 308) points, resolved against the address it
-// came from and canonicalised; nothing for any other answer.
+// came from and canonicalised (empty when it names nowhere usable); nothing for any other
+// answer.
 [[nodiscard]] std::optional<std::wstring> redirect_target(HINTERNET request, std::wstring_view from);
 [[nodiscard]] bool is_https_address(std::wstring_view address) noexcept;
 

@@ -52,7 +52,8 @@ task<http_request> open_https(const HttpClient& client, std::wstring address, st
         std::optional<std::wstring> target = redirect_target(request.handle(), address);
         if (!target)
             co_return request;
-        if (redirects == max_redirects)
+        // A redirect without a usable target is as broken as one too many.
+        if (redirects == max_redirects || target->empty())
             throw_win32(ERROR_HTTP_REDIRECT_FAILED);
         address = std::move(*target);
     }

@@ -47,8 +47,8 @@ inline constexpr HRESULT e_bad_response = HRESULT_FROM_WIN32(ERROR_INVALID_DATA)
 
 // Opens an https address and follows its redirects, at most max_redirects of them, each
 // checked as it comes: an address or a redirect target that is not https fails with
-// e_insecure_address before it is requested, one redirect too many with
-// HRESULT_FROM_WIN32(ERROR_HTTP_REDIRECT_FAILED). The request that answered otherwise is
+// e_insecure_address before it is requested, one redirect too many (or one that names no
+// address) with HRESULT_FROM_WIN32(ERROR_HTTP_REDIRECT_FAILED). The request that answered otherwise is
 // returned, whatever its status.
 inline constexpr int max_redirects = 5;
 task<http_request> open_https(const HttpClient& client, std::wstring address, std::wstring headers, stop_token stop);
