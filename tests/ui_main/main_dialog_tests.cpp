@@ -111,22 +111,12 @@ TEST_F(main_window, keeps_its_controls_anchored_when_resized_and_never_shrinks_b
 int icon_edge(HICON icon)
 {
     ICONINFO info{};
-    if (!icon || !::GetIconInfo(icon, &info))
-        return 0;
     BITMAP bitmap{};
-    ::GetObjectW(info.hbmColor ? info.hbmColor : info.hbmMask, sizeof bitmap, &bitmap);
+    if (icon && ::GetIconInfo(icon, &info))
+        ::GetObjectW(info.hbmColor, sizeof bitmap, &bitmap);
     ::DeleteObject(info.hbmColor);
     ::DeleteObject(info.hbmMask);
     return bitmap.bmWidth;
-}
-
-// The share marker a row draws: the icon handle in "[[[H[[[r:<handle>: ]]]]]]".
-HICON marker_of(const servercfg::device_row& row)
-{
-    const std::size_t at = row.share.find(L"[[[r:");
-    return at == std::wstring::npos ? nullptr
-                                    : reinterpret_cast<HICON>(static_cast<std::uintptr_t>(
-                                          std::wcstoull(row.share.c_str() + at + 5, nullptr, 10)));
 }
 
 // The tree takes a new DPI only after its window (WM_DPICHANGED_AFTERPARENT, which Windows
@@ -138,8 +128,13 @@ TEST_F(main_window, markers_and_class_icons_follow_the_trees_icon_size_after_a_d
     tessel::value_on_stack<main_dialog> dialog(server_);
     const HWND window = dialog.create(SW_SHOW);
     pump();
+    // The share marker a row draws: the icon handle in "[[[H[[[r:<handle>: ]]]]]]".
+    const auto marker = [&] {
+        const std::wstring& share = dialog.model().row_at(0).share;
+        return icon_edge(reinterpret_cast<HICON>(std::wcstoull(share.c_str() + share.find(L"[[[r:") + 5, nullptr, 10)));
+    };
     const int before = dialog.tree()->list().icon_pixel_size();
-    ASSERT_EQ(icon_edge(marker_of(dialog.model().row_at(0))), before);
+    ASSERT_EQ(marker(), before);
 
     NONCLIENTMETRICSW metrics{};
     metrics.cbSize = sizeof metrics;
@@ -156,7 +151,7 @@ TEST_F(main_window, markers_and_class_icons_follow_the_trees_icon_size_after_a_d
 
     const int after = dialog.tree()->list().icon_pixel_size();
     ASSERT_NE(after, before);
-    EXPECT_EQ(icon_edge(marker_of(dialog.model().row_at(0))), after) << "the share marker";
+    EXPECT_EQ(marker(), after) << "the share marker";
     const auto* flash_icon = std::get_if<servercfg::shared_icon>(&dialog.model().row_at(0).icon);
     ASSERT_TRUE(flash_icon && *flash_icon);
     EXPECT_EQ(icon_edge((*flash_icon)->get()), after) << "the class icon";
