@@ -12,6 +12,7 @@
 
 #include <setupapi.h>
 
+#include <algorithm>
 #include <functional>
 #include <optional>
 #include <string>
@@ -187,11 +188,10 @@ TEST_F(device_window, the_menu_key_and_shift_f10_open_the_rows_context_menu)
 // heap checking fills freed memory, so a command that still reads the old node crashes.
 TEST_F(device_window, a_row_that_goes_while_its_context_menu_is_open_is_left_alone)
 {
-    struct heap_checking {
-        heap_checking() { ::SetEnvironmentVariableW(L"WINEDEBUG", L"warn+heap"); }
-        ~heap_checking() { ::SetEnvironmentVariableW(L"WINEDEBUG", L"-all"); }
-    } checking;
-    ASSERT_NO_FATAL_FAILURE(start());
+    ::SetEnvironmentVariableW(L"WINEDEBUG", L"warn+heap");
+    start();
+    ::SetEnvironmentVariableW(L"WINEDEBUG", L"-all");
+    ASSERT_FALSE(HasFatalFailure());
     select(L"0\tGeneric USB 3.0 Hub");
     ui_driver(L"key " + window + tree + L"0x5D");
     ASSERT_EQ(ui_driver(L"menu 10000").exit_code, 0u) << "the context menu did not open";
@@ -279,41 +279,31 @@ TEST_F(device_window, the_language_list_asks_once_per_choice_and_a_new_language_
     std::wstring settings = open_settings();
     ASSERT_FALSE(settings.empty());
     const std::wstring language = L"key " + settings + L" " + std::to_wstring(sids::language) + L" ";
-    // Looking through the closed list with the arrow keys asks nothing; Enter asks, and
-    // after No the list shows English again.
-    ui_driver(language + L"0x28");  // Down: Deutsch
-    ui_driver(language + L"0x26");  // Up: English
-    ui_driver(language + L"0x28");
     const std::wstring combo = L"text " + settings + L" " + std::to_wstring(sids::language);
-    ASSERT_TRUE(eventually([&] { return ui_driver(combo).output == L"Deutsch"; }, 5000));
-    EXPECT_TRUE(wait_for(message_text_id, 0, L"UI Language Changed").empty()) << "asked while looking through the list";
-    ui_driver(language + L"13");  // Enter
-    std::wstring question = wait_for(message_text_id, 10000, L"UI Language Changed");
-    ASSERT_FALSE(question.empty()) << "no question after Enter";
-    ui_driver(L"click " + question + L" 7");  // No
+    const auto choose = [&](const wchar_t* answer) {
+        ui_driver(language + L"0x28");  // Down: Deutsch, which asks nothing yet
+        EXPECT_TRUE(eventually([&] { return ui_driver(combo).output == L"Deutsch"; }, 5000));
+        EXPECT_TRUE(wait_for(message_text_id, 0, L"UI Language Changed").empty()) << "asked while looking";
+        ui_driver(language + L"13");  // Enter: the choice
+        const std::wstring question = wait_for(message_text_id, 10000, L"UI Language Changed");
+        ASSERT_FALSE(question.empty()) << "no question after Enter";
+        ui_driver(L"click " + question + L" " + answer);
+    };
+    ASSERT_NO_FATAL_FAILURE(choose(L"7"));  // No: English again
     EXPECT_TRUE(eventually([&] { return ui_driver(combo).output == L"English"; }, 5000));
-
-    // Again, and Yes: the program closes and a new copy starts in German.
-    ui_driver(language + L"0x28");
-    ui_driver(language + L"13");
-    question = wait_for(message_text_id, 10000, L"UI Language Changed");
-    ASSERT_FALSE(question.empty()) << "no question after Enter";
-    ui_driver(L"click " + question + L" 6");  // Yes
+    ASSERT_NO_FATAL_FAILURE(choose(L"6"));  // Yes: the program closes, a new copy starts in German
     EXPECT_EQ(run_->wait(), 0u);
     const std::wstring german = wait_for(main_tree_placeholder_id, 20000);
     ASSERT_FALSE(german.empty()) << "no new copy started";
-    EXPECT_EQ(ui_driver(L"text " + german + L" 1016").output, L"Getrennte ausblenden");
     EXPECT_EQ(ui_driver(L"text " + german + L" 2").output, L"Schlie\u00DFen");
     ui_driver(L"close " + german);
-    // The new copy is not ours to wait for: its server writes the census line of its end
-    // into the same file, after the first copy's.
-    const auto ends = [&] {
-        int count = 0;
-        for (const std::string& line : census_report())
-            count += line.rfind("end ", 0) == 0;
-        return count;
-    };
-    EXPECT_TRUE(eventually([&] { return ends() == 2; }, 20000)) << "the new copy did not end normally";
+    // The new copy is not ours to wait for: its server adds the census line of its end to
+    // the file, after the first copy's.
+    EXPECT_TRUE(eventually([&] { return std::ranges::count_if(census_report(), [](const std::string& line) {
+                                            return line.starts_with("end ");
+                                        }) == 2; },
+                           20000))
+        << "the new copy did not end normally";
 }
 
 TEST_F(device_window, a_burst_of_ten_thousand_notifications_ends_equal_to_the_server)

@@ -15,6 +15,7 @@
 //   ui_driver key <window> <control id> <key> [shift]  posts a key press (virtual-key code) to it
 //   ui_driver char <window> <control id> <code>        posts a typed character (3 is Ctrl+C)
 //   ui_driver menu <timeout ms>                        exit 0 once a popup menu is open
+//   ui_driver hover <window> <control id> <row>        moves the mouse onto the row's name
 //   ui_driver settext <window> <control id> <text>     sets a control's text
 //   ui_driver enabled <window> <control id>            prints 1 or 0
 //   ui_driver checked <window> <control id>            prints 0, 1 or 2
@@ -174,6 +175,27 @@ int wmain(int argc, wchar_t** argv)
         print_utf8(take_bstr(description));
         return SUCCEEDED(hr) ? 0 : 1;
     }
+    if (command == L"hover" && argc == 5) {
+        // Onto the row's first text (past the indent, the expander and the icon), then a
+        // small move there, which is what starts a tooltip's delay.
+        ::CoInitialize(nullptr);
+        IAccessible* accessible = accessible_of(::GetDlgItem(parse_window(argv[2]), std::wcstol(argv[3], nullptr, 10)));
+        if (!accessible)
+            return 1;
+        VARIANT child;
+        child.vt = VT_I4;
+        child.lVal = std::wcstol(argv[4], nullptr, 10) + 1;
+        long left = 0, top = 0, width = 0, height = 0;
+        const HRESULT hr = accessible->accLocation(&left, &top, &width, &height, child);
+        accessible->Release();
+        if (FAILED(hr) || height <= 0)
+            return 1;
+        const int x = left + 3 * height, y = top + height / 2;
+        ::SetCursorPos(x - 2, y);
+        ::Sleep(100);
+        ::SetCursorPos(x, y);
+        return 0;
+    }
     if (command == L"menu" && argc == 3) {
         const ULONGLONG deadline = ::GetTickCount64() + std::wcstoul(argv[2], nullptr, 10);
         do {
@@ -246,6 +268,7 @@ int wmain(int argc, wchar_t** argv)
     std::fputs("usage: ui_driver wait <title> <id> [ms] | text <window> <id> | click <window> <id> | close <window> | "
                "record <file> [...] | rows <window> <id> | select <window> <id> <row> | key <window> <id> <key> [shift] | "
                "settext <window> <id> <text> | describe <window> <id> <row> | char <window> <id> <code> | menu <ms> | "
+               "hover <window> <id> <row> | "
                "enabled <window> <id> | "
                "checked <window> <id> | clipboard | load <library>\n",
                stderr);
