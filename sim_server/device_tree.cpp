@@ -6,14 +6,13 @@
 #include <devpropdef.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cwchar>
 #include <iterator>
 
 extern "C" IMAGE_DOS_HEADER __ImageBase;
 
-// In setupapi's import library, missing from mingw's header.
-extern "C" WINSETUPAPI BOOL WINAPI SetupDiSetDevicePropertyW(HDEVINFO set, PSP_DEVINFO_DATA data,
-                                                             const DEVPROPKEY* key, DEVPROPTYPE type,
-                                                             const BYTE* buffer, DWORD size, DWORD flags);
 
 namespace sim_server {
 namespace {
@@ -36,6 +35,65 @@ void set_text_property(HDEVINFO set, SP_DEVINFO_DATA& data, DWORD property, cons
     tessel::throw_last_error_if(!::SetupDiSetDeviceRegistryPropertyW(
         set, &data, property, reinterpret_cast<const BYTE*>(text.c_str()),
         static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))));
+}
+
+void set_multi_text_property(HDEVINFO set, SP_DEVINFO_DATA& data, DWORD property, const std::vector<std::wstring>& texts)
+{
+    std::wstring units;
+    for (const std::wstring& text : texts) {
+        units += text;
+        units.push_back(L'\0');
+    }
+    units.push_back(L'\0');
+    tessel::throw_last_error_if(!::SetupDiSetDeviceRegistryPropertyW(
+        set, &data, property, reinterpret_cast<const BYTE*>(units.data()),
+        static_cast<DWORD>(units.size() * sizeof(wchar_t))));
+}
+
+std::uint64_t to_uint64(const FILETIME& t) noexcept
+{
+    return (std::uint64_t{t.dwHighDateTime} << 32) | t.dwLowDateTime;
+}
+
+// This process's ID and start time: what a node records as its owner.
+std::array<std::uint64_t, 2> this_process_as_owner() noexcept
+{
+    FILETIME created{}, exited{}, kernel{}, user{};
+    ::GetProcessTimes(::GetCurrentProcess(), &created, &exited, &kernel, &user);
+    return {::GetCurrentProcessId(), to_uint64(created)};
+}
+
+// False once the process has ended, or its ID belongs to a later process.
+bool owner_is_alive(const std::array<std::uint64_t, 2>& owner) noexcept
+{
+    const tessel::unique_handle process(
+        ::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, static_cast<DWORD>(owner[0])));
+    if (!process)
+        return ::GetLastError() == ERROR_ACCESS_DENIED;  // one we may not look at is running
+    DWORD code = 0;
+    FILETIME created{}, exited{}, kernel{}, user{};
+    if (::GetExitCodeProcess(process.get(), &code) && code != STILL_ACTIVE)
+        return false;
+    return !::GetProcessTimes(process.get(), &created, &exited, &kernel, &user) || to_uint64(created) == owner[1];
+}
+
+// Removes the node with this ID when a substitute server made it and its process has
+// ended. Nodes of live servers, and nodes nobody marked, stay.
+bool remove_abandoned_node(const std::wstring& instance_id) noexcept
+{
+    const unique_hdevinfo set(::SetupDiCreateDeviceInfoList(nullptr, nullptr));
+    SP_DEVINFO_DATA data{};
+    data.cbSize = sizeof data;
+    if (!set || !::SetupDiOpenDeviceInfoW(set.get(), instance_id.c_str(), nullptr, 0, &data))
+        return false;
+    std::array<std::uint64_t, 2> owner{};
+    DEVPROPTYPE type = 0;
+    DWORD size = 0;
+    if (!::SetupDiGetDevicePropertyW(set.get(), &data, &node_owner_key, &type, reinterpret_cast<BYTE*>(owner.data()),
+                                     sizeof owner, &size, 0) ||
+        type != DEVPROP_TYPE_BINARY || size != sizeof owner || owner_is_alive(owner))
+        return false;
+    return ::SetupDiRemoveDevice(set.get(), &data) != FALSE;
 }
 
 std::wstring guid_text(const GUID& guid)
@@ -100,21 +158,60 @@ local_device_tree::~local_device_tree()
         remove_node(nodes_.back().DevInst);
 }
 
-SP_DEVINFO_DATA local_device_tree::create_node(const GUID& class_guid, const std::wstring& description,
-                                               const std::optional<std::wstring>& friendly_name,
-                                               const std::wstring& location)
+SP_DEVINFO_DATA local_device_tree::create_named_node(const node_facts& facts)
 {
-    ensure_class_icon(class_guid);
     SP_DEVINFO_DATA data{};
     data.cbSize = sizeof data;
-    tessel::throw_last_error_if(!::SetupDiCreateDeviceInfoW(set_.get(), node_base_name, &class_guid,
-                                                            description.c_str(), nullptr, DICD_GENERATE_ID, &data));
+    const auto create = [&](const std::wstring& id) {
+        if (::SetupDiCreateDeviceInfoW(set_.get(), id.c_str(), &facts.class_guid, facts.description.c_str(), nullptr, 0,
+                                       &data))
+            return true;
+        tessel::throw_last_error_if(::GetLastError() != ERROR_DEVINST_ALREADY_EXISTS);
+        return false;
+    };
+    if (create(facts.instance_id) || (remove_abandoned_node(facts.instance_id) && create(facts.instance_id)))
+        return data;
+    const std::wstring stem = facts.instance_id.substr(0, facts.instance_id.rfind(L'\\') + 1);
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        wchar_t made_up[32]{};
+        std::swprintf(made_up, std::size(made_up), L"9&%lX&0&%u", ::GetCurrentProcessId(), ++made_up_parts_);
+        if (create(stem + made_up))
+            return data;
+    }
+    tessel::throw_win32(ERROR_DEVINST_ALREADY_EXISTS);
+}
+
+SP_DEVINFO_DATA local_device_tree::create_node(const node_facts& facts)
+{
+    ensure_class_icon(facts.class_guid);
+    SP_DEVINFO_DATA data{};
+    data.cbSize = sizeof data;
+    if (!facts.instance_id.empty())
+        data = create_named_node(facts);
+    else
+        tessel::throw_last_error_if(!::SetupDiCreateDeviceInfoW(set_.get(), node_base_name, &facts.class_guid,
+                                                                facts.description.c_str(), nullptr, DICD_GENERATE_ID,
+                                                                &data));
     try {
-        set_text_property(set_.get(), data, SPDRP_DEVICEDESC, description);
-        if (friendly_name)
-            set_text_property(set_.get(), data, SPDRP_FRIENDLYNAME, *friendly_name);
-        if (!location.empty())
-            set_text_property(set_.get(), data, SPDRP_LOCATION_INFORMATION, location);
+        set_text_property(set_.get(), data, SPDRP_DEVICEDESC, facts.description);
+        if (facts.friendly_name)
+            set_text_property(set_.get(), data, SPDRP_FRIENDLYNAME, *facts.friendly_name);
+        if (!facts.location.empty())
+            set_text_property(set_.get(), data, SPDRP_LOCATION_INFORMATION, facts.location);
+        if (!facts.hardware_ids.empty())
+            set_multi_text_property(set_.get(), data, SPDRP_HARDWAREID, facts.hardware_ids);
+        // Windows derives the class name from the class and refuses to set it; Wine keeps
+        // what it is given and knows no name for some classes (USB) by itself.
+        if (const std::wstring name = setup_class_name(facts.class_guid); !name.empty())
+            if (!::SetupDiSetDeviceRegistryPropertyW(set_.get(), &data, SPDRP_CLASS,
+                                                     reinterpret_cast<const BYTE*>(name.c_str()),
+                                                     static_cast<DWORD>((name.size() + 1) * sizeof(wchar_t))))
+                tessel::debug_report(L"substitute server: the system keeps the setup class name itself");
+        const auto owner = this_process_as_owner();
+        tessel::throw_last_error_if(!::SetupDiSetDevicePropertyW(set_.get(), &data, &node_owner_key,
+                                                                 DEVPROP_TYPE_BINARY,
+                                                                 reinterpret_cast<const BYTE*>(owner.data()),
+                                                                 sizeof owner, 0));
         tessel::throw_last_error_if(!::SetupDiRegisterDeviceInfo(set_.get(), &data, 0, nullptr, nullptr, nullptr));
     } catch (...) {
         // A node that was created but not registered is only a phantom; drop it anyway.
@@ -133,7 +230,8 @@ void local_device_tree::add_children(SP_DEVINFO_DATA& parent, const std::vector<
         return;
     std::wstring ids;  // a string list: each ID with its terminator, and one more at the end
     for (const local_node_spec& child : children) {
-        SP_DEVINFO_DATA data = create_node(child.class_guid, child.description, child.friendly_name, {});
+        SP_DEVINFO_DATA data = create_node(
+            {child.class_guid, child.description, child.friendly_name, {}, child.instance_id, child.hardware_ids});
         descendants_[root].push_back(data.DevInst);
         wchar_t id[MAX_DEVICE_ID_LEN]{};
         tessel::throw_last_error_if(
@@ -151,7 +249,8 @@ void local_device_tree::add_children(SP_DEVINFO_DATA& parent, const std::vector<
 
 DWORD local_device_tree::add(const device_spec& device)
 {
-    SP_DEVINFO_DATA data = create_node(device.class_guid, device.description, device.friendly_name, device.location);
+    SP_DEVINFO_DATA data = create_node({device.class_guid, device.description, device.friendly_name, device.location,
+                                        device.instance_id, device.hardware_ids});
     try {
         add_children(data, device.children, data.DevInst);
     } catch (...) {
@@ -170,6 +269,19 @@ void local_device_tree::remove(DWORD devinst) noexcept
             remove_node(*it);
     }
     remove_node(devinst);
+}
+
+std::wstring local_device_tree::instance_id(DWORD devinst) const
+{
+    const auto it = std::find_if(nodes_.begin(), nodes_.end(),
+                                 [devinst](const SP_DEVINFO_DATA& data) { return data.DevInst == devinst; });
+    if (it == nodes_.end())
+        return {};
+    SP_DEVINFO_DATA data = *it;
+    wchar_t id[MAX_DEVICE_ID_LEN]{};
+    if (!::SetupDiGetDeviceInstanceIdW(set_.get(), &data, id, static_cast<DWORD>(std::size(id)), nullptr))
+        return {};
+    return id;
 }
 
 void local_device_tree::remove_node(DWORD devinst) noexcept

@@ -15,22 +15,24 @@ namespace {
 struct named_guid {
     std::wstring_view name;
     GUID guid;
+    // The setup class name Windows gives the class.
+    std::wstring_view class_name;
 };
 
 // The setup classes a scenario names most often; any other class is given as a GUID.
 constexpr named_guid device_classes[] = {
-    {L"usb", {0x36fc9e60, 0xc465, 0x11cf, {0x80, 0x56, 0x44, 0x45, 0x53, 0x54, 0x00, 0x00}}},
-    {L"hid", {0x745a17a0, 0x74d3, 0x11d0, {0xb6, 0xfe, 0x00, 0xa0, 0xc9, 0x0f, 0x57, 0xda}}},
-    {L"disk", {0x4d36e967, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}},
-    {L"keyboard", {0x4d36e96b, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}},
-    {L"mouse", {0x4d36e96f, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}},
-    {L"printer", {0x4d36e979, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}},
-    {L"smartcard", {0x50dd5230, 0xba8a, 0x11d1, {0xbf, 0x5d, 0x00, 0x00, 0xf8, 0x05, 0xf5, 0x30}}},
-    {L"image", {0x6bdd1fc6, 0x810f, 0x11d0, {0xbe, 0xc7, 0x08, 0x00, 0x2b, 0xe2, 0x09, 0x2f}}},
-    {L"media", {0x4d36e96c, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}},
-    {L"net", {0x4d36e972, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}},
-    {L"ports", {0x4d36e978, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}},
-    {L"bluetooth", {0xe0cbf06c, 0xcd8b, 0x4647, {0xbb, 0x8a, 0x26, 0x3b, 0x43, 0xf0, 0xf9, 0x74}}},
+    {L"usb", {0x36fc9e60, 0xc465, 0x11cf, {0x80, 0x56, 0x44, 0x45, 0x53, 0x54, 0x00, 0x00}}, L"USB"},
+    {L"hid", {0x745a17a0, 0x74d3, 0x11d0, {0xb6, 0xfe, 0x00, 0xa0, 0xc9, 0x0f, 0x57, 0xda}}, L"HIDClass"},
+    {L"disk", {0x4d36e967, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}, L"DiskDrive"},
+    {L"keyboard", {0x4d36e96b, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}, L"Keyboard"},
+    {L"mouse", {0x4d36e96f, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}, L"Mouse"},
+    {L"printer", {0x4d36e979, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}, L"Printer"},
+    {L"smartcard", {0x50dd5230, 0xba8a, 0x11d1, {0xbf, 0x5d, 0x00, 0x00, 0xf8, 0x05, 0xf5, 0x30}}, L"SmartCardReader"},
+    {L"image", {0x6bdd1fc6, 0x810f, 0x11d0, {0xbe, 0xc7, 0x08, 0x00, 0x2b, 0xe2, 0x09, 0x2f}}, L"Image"},
+    {L"media", {0x4d36e96c, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}, L"MEDIA"},
+    {L"net", {0x4d36e972, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}, L"Net"},
+    {L"ports", {0x4d36e978, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}, L"Ports"},
+    {L"bluetooth", {0xe0cbf06c, 0xcd8b, 0x4647, {0xbb, 0x8a, 0x26, 0x3b, 0x43, 0xf0, 0xf9, 0x74}}, L"Bluetooth"},
 };
 
 struct named_hresult {
@@ -120,9 +122,9 @@ std::optional<HRESULT> parse_hresult(std::wstring_view text)
 
 std::optional<GUID> parse_device_class(std::wstring_view text)
 {
-    for (const auto& [name, guid] : device_classes)
-        if (text == name)
-            return guid;
+    for (const named_guid& c : device_classes)
+        if (text == c.name)
+            return c.guid;
     // IIDFromString, unlike CLSIDFromString, never looks the text up as a ProgID.
     if (text.size() != 38 || text.front() != L'{')
         return std::nullopt;
@@ -131,6 +133,29 @@ std::optional<GUID> parse_device_class(std::wstring_view text)
     if (FAILED(::IIDFromString(copy.c_str(), &guid)))
         return std::nullopt;
     return guid;
+}
+
+std::wstring setup_class_name(const GUID& class_guid)
+{
+    for (const named_guid& c : device_classes)
+        if (IsEqualGUID(c.guid, class_guid))
+            return std::wstring(c.class_name);
+    return {};
+}
+
+std::string check_instance_id(std::wstring_view id)
+{
+    if (id.size() > 199)
+        return "is longer than 199 characters";
+    for (const wchar_t c : id)
+        if (c <= L' ' || c > L'~' || c == L',')
+            return "may hold only printable ASCII without blanks or commas";
+    const std::size_t first = id.find(L'\\');
+    const std::size_t second = first == std::wstring_view::npos ? first : id.find(L'\\', first + 1);
+    if (second == std::wstring_view::npos || id.find(L'\\', second + 1) != std::wstring_view::npos || first == 0 ||
+        second == first + 1 || second + 1 == id.size())
+        return "must be three parts separated by backslashes (enumerator\\device\\instance)";
+    return {};
 }
 
 scenario default_scenario()
@@ -146,21 +171,33 @@ scenario default_scenario()
     s.settings_write_delay_ms = 150;
 
     const auto cls = [](std::wstring_view name) { return *parse_device_class(name); };
+    // USB-style identities: the hub has no serial number (Windows made up the last part of
+    // its ID, which then holds '&'); the other devices report one.
     s.devices = {
         {L"flash", L"Arcturus Flash 32GB", L"1-1", cls(L"disk"), L"USB Mass Storage Device",
-         L"Arcturus Flash 32GB USB Device", true, L"WORKSTATION-07", false},
+         L"Arcturus Flash 32GB USB Device", true, L"WORKSTATION-07", false, {},
+         L"USB\\VID_3F41&PID_2A07\\AC3200417F5E0091", {L"USB\\VID_3F41&PID_2A07&REV_0110", L"USB\\VID_3F41&PID_2A07"}},
         {L"hub", L"Generic USB 3.0 Hub", L"1-2", cls(L"usb"), L"Generic SuperSpeed USB Hub", std::nullopt, true, L"",
          false,
          {{cls(L"usb"), L"USB Mass Storage Device", std::nullopt,
-           {{cls(L"disk"), L"Disk drive", L"Pellucid Card Reader USB Device", {}}}},
+           {{cls(L"disk"), L"Disk drive", L"Pellucid Card Reader USB Device", {},
+             L"USBSTOR\\DISK&VEN_PELLUCID&PROD_CARD_READER&REV_1.00\\000000001532&0",
+             {L"USBSTOR\\DiskPellucidCard_Reader___1.00", L"GenDisk"}}},
+           L"USB\\VID_3F41&PID_0749\\000000001532", {L"USB\\VID_3F41&PID_0749&REV_1532", L"USB\\VID_3F41&PID_0749"}},
           {cls(L"hid"), L"USB Input Device", std::nullopt,
-           {{cls(L"mouse"), L"HID-compliant mouse", L"Tern Optical Mouse", {}}}}}},
+           {{cls(L"mouse"), L"HID-compliant mouse", L"Tern Optical Mouse", {},
+             L"HID\\VID_3A72&PID_0005\\7&2A1B3C4D&0&0000", {L"HID\\VID_3A72&PID_0005&REV_0100", L"HID\\VID_3A72&PID_0005"}}},
+           L"USB\\VID_3A72&PID_0005\\6&1F2D3C4&0&3", {L"USB\\VID_3A72&PID_0005&REV_0100", L"USB\\VID_3A72&PID_0005"}}},
+         L"USB\\VID_1A40&PID_0801\\5&2C4B1A0&0&2", {L"USB\\VID_1A40&PID_0801&REV_0100", L"USB\\VID_1A40&PID_0801"}},
         {L"keyboard", L"Kestrel K120 Keyboard", L"1-2.1", cls(L"keyboard"), L"HID Keyboard Device",
-         L"Kestrel K120 Keyboard", true, L"", true},
+         L"Kestrel K120 Keyboard", true, L"", true, {},
+         L"USB\\VID_3A72&PID_C120\\KS1200043981", {L"USB\\VID_3A72&PID_C120&REV_0200", L"USB\\VID_3A72&PID_C120"}},
         {L"printer", L"Labelwise LP-420 Label Printer", L"1-2.3", cls(L"printer"), L"USB Printing Support",
-         L"Labelwise LP-420", true, L"", false},
+         L"Labelwise LP-420", true, L"", false, {},
+         L"USB\\VID_2D14&PID_0420\\LP420A0231977", {L"USB\\VID_2D14&PID_0420&REV_0100", L"USB\\VID_2D14&PID_0420"}},
         {L"dongle", L"Vaultkey Licence Dongle", L"1-4", cls(L"smartcard"), L"Vaultkey USB Token", std::nullopt, false,
-         L"", false},
+         L"", false, {},
+         L"USB\\VID_0B7A&PID_2291\\VK2291003851", {L"USB\\VID_0B7A&PID_2291&REV_0100", L"USB\\VID_0B7A&PID_2291"}},
     };
     s.shares = {
         {L"flash", L"correct-horse-battery"},
@@ -170,9 +207,40 @@ scenario default_scenario()
     return s;
 }
 
+namespace {
+
+// Instance IDs unique over the whole scenario, whatever their case: Windows keeps them in
+// upper case.
+void check_node_identity(const std::wstring& instance_id, const std::vector<std::wstring>& hardware_ids,
+                         const std::vector<local_node_spec>& children, const std::string& where,
+                         std::set<std::wstring>& instance_ids)
+{
+    if (!instance_id.empty()) {
+        if (const std::string fault = check_instance_id(instance_id); !fault.empty())
+            throw scenario_error(where + ": the instance ID " + quoted(instance_id) + " " + fault);
+        std::wstring key = instance_id;  // checked to be ASCII
+        for (wchar_t& c : key)
+            if (c >= L'a' && c <= L'z')
+                c = static_cast<wchar_t>(c - L'a' + L'A');
+        if (!instance_ids.insert(std::move(key)).second)
+            throw scenario_error(where + ": the instance ID " + quoted(instance_id) + " is used twice");
+    }
+    for (const std::wstring& id : hardware_ids)
+        if (id.empty() || id.size() > 199 ||
+            std::any_of(id.begin(), id.end(), [](wchar_t c) { return c <= L' ' || c > L'~' || c == L','; }))
+            throw scenario_error(where + ": the hardware ID " + quoted(id) +
+                                 " must be 1 to 199 characters of printable ASCII without blanks or commas");
+    for (std::size_t i = 0; i < children.size(); ++i)
+        check_node_identity(children[i].instance_id, children[i].hardware_ids, children[i].children,
+                            where + ".children[" + std::to_string(i) + "]", instance_ids);
+}
+
+}  // namespace
+
 void validate(const scenario& s)
 {
     std::set<std::wstring> ids;
+    std::set<std::wstring> instance_ids;
     for (size_t i = 0; i < s.devices.size(); ++i) {
         const device_spec& device = s.devices[i];
         const std::string where = "devices[" + std::to_string(i) + "]";
@@ -182,6 +250,7 @@ void validate(const scenario& s)
             throw scenario_error(where + ": the device id " + quoted(device.id) + " is used twice");
         if (device.name.empty())
             throw scenario_error(where + ": the device name is empty");
+        check_node_identity(device.instance_id, device.hardware_ids, device.children, where, instance_ids);
     }
     for (size_t i = 0; i < s.shares.size(); ++i)
         if (!ids.contains(s.shares[i].device_id))

@@ -21,6 +21,11 @@ struct local_node_spec {
     std::wstring description;
     std::optional<std::wstring> friendly_name;
     std::vector<local_node_spec> children;
+    // The node's instance ID as Windows would name it ("USB\VID_3F41&PID_2A07\AC32..."),
+    // see check_instance_id; empty: a root-enumerated one is made up.
+    std::wstring instance_id{};
+    // What the node's SPDRP_HARDWAREID lists, most specific first; may be empty.
+    std::vector<std::wstring> hardware_ids{};
 };
 
 struct device_spec {
@@ -40,6 +45,9 @@ struct device_spec {
     bool needs_share_confirmation = false;
     // The local nodes below the device's own node.
     std::vector<local_node_spec> children{};
+    // As for local nodes: the device node's instance ID (empty: made up) and hardware IDs.
+    std::wstring instance_id{};
+    std::vector<std::wstring> hardware_ids{};
 };
 
 struct share_spec {
@@ -116,5 +124,12 @@ inline constexpr wchar_t scenario_variable[] = L"ULMORA_SIM_SCENARIO";
 // "usb", "hid", "disk", "keyboard", "mouse", "printer", "smartcard", "image", "media",
 // "net", "ports", "bluetooth" or a GUID in braces.
 [[nodiscard]] std::optional<GUID> parse_device_class(std::wstring_view text);
+// The setup class name of one of those classes ("USB", "DiskDrive"...); empty for others.
+[[nodiscard]] std::wstring setup_class_name(const GUID& class_guid);
+
+// What an instance ID given by a scenario must look like: "<enumerator>\<device>\<instance>",
+// three non-empty parts of printable ASCII without blanks or commas, at most 199
+// characters (Windows' limit). Empty when it does; otherwise what is wrong.
+[[nodiscard]] std::string check_instance_id(std::wstring_view id);
 
 }  // namespace sim_server

@@ -7,8 +7,10 @@
 //   "devices": [{"id": "flash", "name": "Arcturus Flash 32GB", "location": "1-1", "class": "disk",
 //                "description": "USB Mass Storage Device", "friendly_name": "...", "connected": true,
 //                "client": "WORKSTATION-07", "needs_share_confirmation": false,
+//                "instance_id": "USB\\VID_3F41&PID_2A07\\AC3200417F5E0091",
+//                "hardware_ids": ["USB\\VID_3F41&PID_2A07&REV_0110", "USB\\VID_3F41&PID_2A07"],
 //                "children": [{"class": "disk", "description": "Disk drive", "friendly_name": "...",
-//                              "children": []}]}],
+//                              "instance_id": "...", "hardware_ids": [...], "children": []}]}],
 //   "shares": [{"device": "flash", "key": "secret"}],
 //   "failures": [{"method": "ShareDevice", "hresult": "0x80070005", "device": "flash"}]
 // }
@@ -216,13 +218,17 @@ struct child_record {
     std::wstring description = L"USB Device";
     nullable<std::wstring> friendly_name;
     std::vector<child_record> children;
+    std::wstring instance_id;
+    std::vector<std::wstring> hardware_ids;
     bool operator==(const child_record&) const = default;
     static constexpr auto nsm_members()
     {
         return nsm::members(nsm::member("class", &child_record::cls),
                             nsm::member("description", &child_record::description),
                             nsm::member("friendly_name", &child_record::friendly_name),
-                            nsm::member("children", &child_record::children));
+                            nsm::member("children", &child_record::children),
+                            nsm::member("instance_id", &child_record::instance_id),
+                            nsm::member("hardware_ids", &child_record::hardware_ids));
     }
 };
 
@@ -237,6 +243,8 @@ struct device_record {
     std::wstring client;
     bool needs_share_confirmation = false;
     std::vector<child_record> children;
+    std::wstring instance_id;
+    std::vector<std::wstring> hardware_ids;
     bool operator==(const device_record&) const = default;
     static constexpr auto nsm_members()
     {
@@ -248,7 +256,9 @@ struct device_record {
                             nsm::member("connected", &device_record::connected),
                             nsm::member("client", &device_record::client),
                             nsm::member("needs_share_confirmation", &device_record::needs_share_confirmation),
-                            nsm::member("children", &device_record::children));
+                            nsm::member("children", &device_record::children),
+                            nsm::member("instance_id", &device_record::instance_id),
+                            nsm::member("hardware_ids", &device_record::hardware_ids));
     }
 };
 
@@ -462,7 +472,8 @@ private:
 
 local_node_spec node_of(child_record&& r)
 {
-    local_node_spec node{r.cls.guid, std::move(r.description), std::move(r.friendly_name.value), {}};
+    local_node_spec node{r.cls.guid,  std::move(r.description), std::move(r.friendly_name.value),
+                         {},          std::move(r.instance_id), std::move(r.hardware_ids)};
     for (child_record& child : r.children)
         node.children.push_back(node_of(std::move(child)));
     return node;
@@ -474,7 +485,8 @@ device_spec device_of(device_record&& r)
                      std::move(r.location),    r.cls.guid,
                      std::move(r.description), std::move(r.friendly_name.value),
                      r.connected,              std::move(r.client),
-                     r.needs_share_confirmation};
+                     r.needs_share_confirmation, {},
+                     std::move(r.instance_id), std::move(r.hardware_ids)};
     for (child_record& child : r.children)
         spec.children.push_back(node_of(std::move(child)));
     return spec;

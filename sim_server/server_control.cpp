@@ -16,7 +16,7 @@ constexpr wchar_t usage[] =
     L"commands:\n"
     L"  list\n"
     L"  add <id> <name> [location=..] [class=..] [description=..] [friendly=..] [connected=yes|no]\n"
-    L"      [client=..] [confirm=yes|no]\n"
+    L"      [client=..] [confirm=yes|no] [instance_id=..] [hardware_ids=<id>;<id>..]\n"
     L"  remove <id>\n"
     L"  plug <id> | unplug <id>\n"
     L"  connect <id> <client> [second] | disconnect <id> [second]\n"
@@ -97,6 +97,7 @@ std::wstring usb_server::execute_command(const std::vector<std::wstring>& words)
         spec.description = L"USB Device";
         if (find_device(spec.id))
             fail(L"the device \"" + spec.id + L"\" exists already");
+
         if (spec.id.empty() || spec.name.empty())
             fail(L"the device id and name must not be empty");
         for (size_t i = 3; i < words.size(); ++i) {
@@ -122,9 +123,29 @@ std::wstring usb_server::execute_command(const std::vector<std::wstring>& words)
                 spec.client = value;
             } else if (name == L"confirm") {
                 spec.needs_share_confirmation = flag_of(value);
+            } else if (name == L"instance_id") {
+                if (const std::string fault = check_instance_id(value); !fault.empty())
+                    fail(L"the instance ID \"" + value + L"\" " + tessel::utf8_to_utf16(fault));
+                spec.instance_id = value;
+            } else if (name == L"hardware_ids") {
+                for (std::size_t at = 0; at <= value.size();) {
+                    const std::size_t end = std::min(value.find(L';', at), value.size());
+                    spec.hardware_ids.push_back(value.substr(at, end - at));
+                    at = end + 1;
+                }
             } else {
                 fail(L"unknown device property \"" + name + L"\"");
             }
+        }
+        // The scenario's rules (instance IDs unique, hardware IDs well-formed) hold for it too.
+        scenario check;
+        for (const auto& device : devices_)
+            check.devices.push_back(device->state.spec);
+        check.devices.push_back(spec);
+        try {
+            validate(check);
+        } catch (const scenario_error& e) {
+            throw control_error(e.what());
         }
         notify(listener_event::device_added, add_device(spec));
         return L"added " + spec.id;
@@ -268,7 +289,7 @@ std::wstring usb_server::describe_state() const
         text += L"device " + spec.id + L" \"" + spec.name + L"\" location=" + spec.location +
                 L" connected=" + yes_no(spec.connected) + L" client=\"" + spec.client + L"\" confirm=" +
                 yes_no(spec.needs_share_confirmation) + L" devinst=" + std::to_wstring(device->state.devinst) +
-                L"\n";
+                L" instance=" + (tree_ ? tree_->instance_id(device->state.devinst) : std::wstring()) + L"\n";
     }
     for (const auto& share : shares_)
         text += L"share " + share->device->state.spec.id + L" key=\"" + share->key + L"\"\n";

@@ -1,7 +1,8 @@
 ; The product's installer: the configuration utility and its language packs for all users,
 ; a Start menu shortcut and an uninstaller registered under Add/Remove Programs.
 ;
-; makensis -DVERSION=1.0.0.0 -DBIN=<build>\bin -DOUTFILE=<path>\UlmoraToolsSetup.exe servercfg.nsi
+; makensis -DVERSION=1.0.0.0 -DBIN=<build>\bin -DOUTFILE=<path>\UlmoraToolsSetup.exe
+;          [-DSIGN_FILE=<scripts/sign-file> -DSIGN_KEY=<key>] servercfg.nsi
 ;
 ; Switches: /S silent, /D=<folder> (last) the installation folder, and /UPDATE=<handle>:
 ; the update path of the running program passes an inheritable handle of its own process;
@@ -21,6 +22,10 @@ RequestExecutionLevel admin
 !endif
 !ifndef BIN
   !error "BIN (the build's bin folder) must be defined"
+!endif
+; The uninstaller is signed with the installer's key before it is packed into the installer.
+!ifdef SIGN_FILE
+  !uninstfinalize '"${SIGN_FILE}" "${SIGN_KEY}" "%1" "%1"' = 0
 !endif
 !ifndef OUTFILE
   !define OUTFILE "UlmoraToolsSetup.exe"

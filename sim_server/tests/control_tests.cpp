@@ -1,9 +1,11 @@
 #include "control_protocol.h"
+#include "device_tree.h"
 #include "test_support.h"
 
 #include "base/utf.h"
 #include "child_process.h"
 
+#include <cstdint>
 #include <future>
 #include <thread>
 
@@ -200,11 +202,17 @@ TEST_F(sim_control, control_tool_talks_to_the_server)
     EXPECT_EQ(result.exit_code, 0u) << result.output;
 }
 
-TEST_F(sim_control, a_second_server_leaves_the_pipe_to_the_first)
+TEST_F(sim_control, a_second_server_leaves_the_pipe_and_the_instance_ids_to_the_first)
 {
     auto first = create();
     auto second = create();
     ASSERT_TRUE(first && second);
+    // An ID the first server holds: the second's node gets a made-up last part, as Windows
+    // names a second device with the same serial number.
+    const std::wstring flash_id = L"USB\\VID_3F41&PID_2A07\\AC3200417F5E0091";
+    EXPECT_EQ(device_id_of(devinst_of(device_named(first.get(), L"Arcturus Flash 32GB").get())), flash_id);
+    const std::wstring made_up = device_id_of(devinst_of(device_named(second.get(), L"Arcturus Flash 32GB").get()));
+    EXPECT_TRUE(made_up.starts_with(L"USB\\VID_3F41&PID_2A07\\9&")) << tessel::utf16_to_utf8(made_up);
     EXPECT_TRUE(command(pipe_name_, {L"unplug", L"flash"}).ok);
     VARIANT_BOOL connected = VARIANT_TRUE;
     first = nullptr;
@@ -212,6 +220,39 @@ TEST_F(sim_control, a_second_server_leaves_the_pipe_to_the_first)
     EXPECT_THROW((void)sim_server::send_command(pipe_name_, {L"list"}, 200), fibra::details::hresult_error);
     EXPECT_EQ(device_named(second.get(), L"Arcturus Flash 32GB")->IsConnected(&connected), S_OK);
     EXPECT_EQ(connected, VARIANT_TRUE);
+    second = nullptr;
+
+    // A node of a server whose process has ended is taken over; one that no server made stays.
+    const auto plant = [&](const std::wstring& id, bool ended_owner) {
+        const sim_server::unique_hdevinfo set(::SetupDiCreateDeviceInfoList(nullptr, nullptr));
+        SP_DEVINFO_DATA data{};
+        data.cbSize = sizeof data;
+        const GUID usb_class = *sim_server::parse_device_class(L"usb");
+        ASSERT_TRUE(::SetupDiCreateDeviceInfoW(set.get(), id.c_str(), &usb_class, L"left behind", nullptr, 0, &data))
+            << ::GetLastError();
+        // This process's ID with another start time: a process that has ended.
+        const std::uint64_t owner[2] = {::GetCurrentProcessId(), 1};
+        if (ended_owner) {
+            ASSERT_TRUE(::SetupDiSetDevicePropertyW(set.get(), &data, &sim_server::node_owner_key, DEVPROP_TYPE_BINARY,
+                                                    reinterpret_cast<const BYTE*>(owner), sizeof owner, 0));
+        }
+        ASSERT_TRUE(::SetupDiRegisterDeviceInfo(set.get(), &data, 0, nullptr, nullptr, nullptr));
+    };
+    plant(flash_id, true);
+    plant(L"USB\\VID_3F41&PID_0749\\000000001532", false);
+    auto third = create();
+    ASSERT_TRUE(third);
+    EXPECT_EQ(device_id_of(devinst_of(device_named(third.get(), L"Arcturus Flash 32GB").get())), flash_id);
+    EXPECT_EQ(read_local_node(L"USB\\VID_3F41&PID_0749\\000000001532").description, L"left behind");
+    const std::wstring list = command(pipe_name_, {L"list"}).text;
+    EXPECT_NE(list.find(L"instance=USB\\VID_3F41&PID_2A07\\AC3200417F5E0091\n"), std::wstring::npos)
+        << tessel::utf16_to_utf8(list);
+    third = nullptr;
+    const sim_server::unique_hdevinfo set(::SetupDiCreateDeviceInfoList(nullptr, nullptr));
+    SP_DEVINFO_DATA foreign{};
+    foreign.cbSize = sizeof foreign;
+    ASSERT_TRUE(::SetupDiOpenDeviceInfoW(set.get(), L"USB\\VID_3F41&PID_0749\\000000001532", nullptr, 0, &foreign));
+    EXPECT_TRUE(::SetupDiRemoveDevice(set.get(), &foreign));
 }
 
 TEST(sim_protocol, words_and_answers_survive_the_wire)

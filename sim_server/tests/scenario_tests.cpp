@@ -34,7 +34,9 @@ TEST(sim_scenario, a_full_document_is_read)
             {"id": "k", "name": "Kestrel \"K\"", "location": "2-1", "class": "keyboard",
              "description": "HID Keyboard Device", "friendly_name": "K", "connected": false,
              "client": "PC \ud83d\ude00", "needs_share_confirmation": true},
-            {"id": "x", "name": "X", "class": "{4D36E967-E325-11CE-BFC1-08002BE10318}"}
+            {"id": "x", "name": "X", "class": "{4D36E967-E325-11CE-BFC1-08002BE10318}",
+             "instance_id": "USB\\VID_3F41&PID_2A07\\AC32", "hardware_ids": ["USB\\VID_3F41&PID_2A07"],
+             "children": [{"instance_id": "USBSTOR\\DISK\\AC32&0", "hardware_ids": ["GenDisk"]}]}
         ],
         "shares": [{"device": "k", "key": "s"}, {"device": "k"}, {"device": "x", "key": null}],
         "failures": [{"method": "GetName", "hresult": 2147942405, "device": "x"},
@@ -62,6 +64,12 @@ TEST(sim_scenario, a_full_document_is_read)
     EXPECT_EQ(x.description, L"USB Device");
     EXPECT_FALSE(x.friendly_name);
     EXPECT_TRUE(x.connected);
+    EXPECT_EQ(x.instance_id, L"USB\\VID_3F41&PID_2A07\\AC32");
+    EXPECT_EQ(x.hardware_ids, std::vector<std::wstring>{L"USB\\VID_3F41&PID_2A07"});
+    ASSERT_EQ(x.children.size(), 1u);
+    EXPECT_EQ(x.children[0].instance_id, L"USBSTOR\\DISK\\AC32&0");
+    EXPECT_EQ(x.children[0].hardware_ids, std::vector<std::wstring>{L"GenDisk"});
+    EXPECT_TRUE(k.instance_id.empty()) << "no ID given: a root-enumerated one is made up";
     ASSERT_EQ(s.shares.size(), 3u);
     EXPECT_EQ(s.shares[0].key, L"s");
     EXPECT_EQ(s.shares[1].key, L"");
@@ -135,6 +143,20 @@ TEST(sim_scenario, errors_say_where_and_why)
               "failures[0]: the code must be a failure (negative HRESULT)");
     EXPECT_EQ(error_of("{\"failures\": [{\"method\": \"GetName\", \"hresult\": \"E_FAIL\", \"device\": \"z\"}]}"),
               "failures[0]: there is no device \"z\"");
+    // Instance IDs Windows could not have given, or two nodes with one ID.
+    const auto device_with = [](const char* identity) {
+        return std::string("{\"devices\": [{\"id\": \"a\", \"name\": \"A\", ") + identity + "}]}";
+    };
+    EXPECT_EQ(error_of(device_with(R"("instance_id": "USB\\VID_1")")),
+              "devices[0]: the instance ID \"USB\\VID_1\" must be three parts separated by backslashes "
+              "(enumerator\\device\\instance)");
+    EXPECT_EQ(error_of(device_with(R"("instance_id": "USB\\VID 1\\2")")),
+              "devices[0]: the instance ID \"USB\\VID 1\\2\" may hold only printable ASCII without blanks or commas");
+    EXPECT_EQ(error_of(device_with(R"("instance_id": "A\\B\\C", "children": [{"instance_id": "a\\b\\c"}])")),
+              "devices[0].children[0]: the instance ID \"a\\b\\c\" is used twice");
+    EXPECT_EQ(error_of(device_with(R"("hardware_ids": ["USB,1"])")),
+              "devices[0]: the hardware ID \"USB,1\" must be 1 to 199 characters of printable ASCII without blanks or "
+              "commas");
 }
 
 TEST(sim_scenario, hresults_and_classes_are_parsed_strictly)

@@ -1,6 +1,7 @@
 #include "test_support.h"
 
 #include "base/utf.h"
+#include "server_link/device_identity.h"
 
 #include <olectl.h>
 
@@ -85,7 +86,7 @@ TEST_F(sim_server_com, default_scenario_is_what_the_demo_shows)
 
     // Each device has a node in the local device tree that a device walk can read.
     const std::wstring flash_id = device_id_of(devinst_of(all[0].get()));
-    EXPECT_TRUE(flash_id.starts_with(L"ROOT\\ULMORA_SIM_DEVICE\\")) << tessel::utf16_to_utf8(flash_id);
+    EXPECT_EQ(flash_id, L"USB\\VID_3F41&PID_2A07\\AC3200417F5E0091");
     const local_node flash = read_local_node(flash_id);
     ASSERT_TRUE(flash.found);
     EXPECT_EQ(flash.friendly_name, L"Arcturus Flash 32GB USB Device");
@@ -95,6 +96,19 @@ TEST_F(sim_server_com, default_scenario_is_what_the_demo_shows)
     EXPECT_TRUE(hub.found);
     EXPECT_EQ(hub.friendly_name, L"") << "no friendly name: a walk falls back to the description";
     EXPECT_EQ(hub.description, L"Generic SuperSpeed USB Hub");
+    // What tells the devices apart, as the program and the console companion read it: the
+    // hub has no serial number, the card reader below it has one.
+    const auto flash_identity = servercfg::read_node_identity(flash_id);
+    EXPECT_EQ(flash_identity.vid_pid, (servercfg::usb_vid_pid{0x3F41, 0x2A07}));
+    EXPECT_EQ(flash_identity.serial, L"AC3200417F5E0091");
+    EXPECT_EQ(flash_identity.setup_class, L"DiskDrive");
+    const auto hub_identity = servercfg::read_node_identity(device_id_of(devinst_of(all[1].get())));
+    EXPECT_EQ(hub_identity.vid_pid, (servercfg::usb_vid_pid{0x1A40, 0x0801}));
+    EXPECT_EQ(hub_identity.serial, L"");
+    EXPECT_EQ(hub_identity.setup_class, L"USB") << "Wine knows no name for this class by itself";
+    const auto reader = servercfg::read_node_identity(L"USBSTOR\\DISK&VEN_PELLUCID&PROD_CARD_READER&REV_1.00\\000000001532&0");
+    EXPECT_EQ(reader.setup_class, L"DiskDrive");
+    EXPECT_EQ(reader.vid_pid, std::nullopt) << "neither its ID nor its hardware IDs name one";
     std::vector<DWORD> handles;
     for (const auto& d : all)
         handles.push_back(devinst_of(d.get()));

@@ -162,7 +162,7 @@ TEST_F(main_window, the_system_walk_finds_the_substitute_servers_child_nodes_and
     ::CoTaskMemFree(devices);
 
     ASSERT_TRUE(hub);
-    EXPECT_EQ(hub->instance_id.rfind(L"ROOT\\ULMORA_SIM_DEVICE\\", 0), 0u) << hub->instance_id;
+    EXPECT_EQ(hub->instance_id, L"USB\\VID_1A40&PID_0801\\5&2C4B1A0&0&2");
     ASSERT_EQ(hub->children.size(), 2u);
     ASSERT_EQ(hub->children[0].children.size(), 1u);
     // The row shows the card reader's (disk) icon, not the hub's own USB icon.
