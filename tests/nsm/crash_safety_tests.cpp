@@ -6,71 +6,23 @@
 #include "crash_records.h"
 #include "test_key.h"
 
-#include "base/module_path.h"
-#include "base/unique_handle.h"
+#include "child_process.h"
+
+#include "base/utf.h"
 
 #include <gtest/gtest.h>
 
 #include <windows.h>
 
-#include <algorithm>
 #include <string>
 
 namespace {
 
-struct child_result {
-    std::string output;
-    bool paused = false;
-    bool timed_out = false;
-};
-
-// Runs the save in a child that stops before registry change `step`; a paused child is
-// ended there, as a crash would end it.
-child_result save_until(const std::wstring& key_path, long step)
+// Runs the save in a child that ends abruptly before registry change `step`, as a crash
+// there would end it; a child that does not end in time is ended with code 99.
+test_support::tool_result save_until(const std::wstring& key_path, long step)
 {
-    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-    HANDLE read_end = nullptr, write_end = nullptr;
-    if (!::CreatePipe(&read_end, &write_end, &inherit, 0))
-        return {};
-    tessel::unique_handle reader(read_end), writer(write_end);
-    ::SetHandleInformation(read_end, HANDLE_FLAG_INHERIT, 0);
-    std::wstring line = L"\"" + tessel::module_folder() + L"settings_save_child.exe\" \"" + key_path + L"\" " +
-                        std::to_wstring(step);
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = write_end;
-    startup.hStdError = ::GetStdHandle(STD_ERROR_HANDLE);
-    PROCESS_INFORMATION info{};
-    if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info))
-        return {};
-    tessel::unique_handle process(info.hProcess), thread(info.hThread);
-    writer.reset();
-
-    // The child prints one line, then waits or ends. Only what the pipe holds is read, so
-    // that a child that hangs before its line fails the test instead of blocking it.
-    child_result result;
-    const ULONGLONG deadline = ::GetTickCount64() + 30000;
-    for (bool ended = false; result.output.find('\n') == std::string::npos;) {
-        char buffer[256];
-        DWORD available = 0, got = 0;
-        if (::PeekNamedPipe(read_end, nullptr, 0, nullptr, &available, nullptr) && available &&
-            ::ReadFile(read_end, buffer, std::min<DWORD>(available, sizeof buffer), &got, nullptr)) {
-            result.output.append(buffer, got);
-            continue;
-        }
-        if (ended)
-            break;  // ended without its line, and everything it wrote has been read
-        if (::GetTickCount64() > deadline) {
-            result.timed_out = true;
-            break;
-        }
-        ended = ::WaitForSingleObject(process.get(), 10) == WAIT_OBJECT_0;
-    }
-    result.paused = result.output.rfind("paused ", 0) == 0;
-    ::TerminateProcess(process.get(), 9);  // a paused child ends here, as a crash would end it
-    ::WaitForSingleObject(process.get(), 10000);
-    return result;
+    return test_support::run_tool(L"settings_save_child.exe", L"\"" + key_path + L"\" " + std::to_wstring(step));
 }
 
 template <class T>
@@ -92,14 +44,14 @@ TEST(settings_crash, a_save_ended_at_any_step_leaves_a_key_that_loads_with_old_n
     for (;; ++step) {
         ASSERT_LT(step, 200) << "the save never finished";
         save_settings(before, HKEY_CURRENT_USER, key.path());
-        const child_result run = save_until(key.path(), step);
-        ASSERT_FALSE(run.timed_out) << "the save stopping before change " << step << " printed nothing in time: "
-                                    << run.output;
-        if (!run.paused) {
-            ASSERT_EQ(run.output.rfind("saved ", 0), 0u) << run.output;
+        const auto run = save_until(key.path(), step);
+        ASSERT_NE(run.exit_code, 99u) << "the save stopping before change " << step << " did not end in time";
+        const std::string output = tessel::utf16_to_utf8(run.output);
+        if (output.rfind("paused ", 0) != 0) {
+            ASSERT_EQ(output.rfind("saved ", 0), 0u) << output;
             break;
         }
-        SCOPED_TRACE(run.output);
+        SCOPED_TRACE(output);
         app_settings loaded;
         try {
             load_settings(loaded, HKEY_CURRENT_USER, key.path());
