@@ -193,8 +193,13 @@ DWORD http_status(HINTERNET request) noexcept
 void throw_if_not_ok(HINTERNET request)
 {
     const DWORD status = http_status(request);
-    if (status != 0 && status != HTTP_STATUS_OK)
-        throw_hresult(E_INVALIDARG);
+    if (status == 0 || status == HTTP_STATUS_OK)
+        return;
+    wchar_t reason[256] = {};
+    DWORD size = sizeof reason - sizeof reason[0];
+    if (!::HttpQueryInfoW(request, HTTP_QUERY_STATUS_TEXT, reason, &size, nullptr))
+        reason[0] = L'\0';
+    throw http_status_error(status, reason);
 }
 
 std::int64_t announced_length(HINTERNET request) noexcept

@@ -21,6 +21,7 @@
 // WinINet holds: a read_chunk that has to wait can lose its count under Wine.
 
 #include "base/async_context.h"
+#include "base/failure.h"
 #include "base/unique_handle.h"
 #include "web/task.h"
 
@@ -240,7 +241,24 @@ private:
 
 // The response's status code; 0 when WinINet cannot tell.
 [[nodiscard]] DWORD http_status(HINTERNET request) noexcept;
-// A known status other than 200 fails the request with E_INVALIDARG.
+// The server's answer to a request it did not serve: the code stays E_INVALIDARG, what the
+// user reads is the status and its reason phrase.
+class http_status_error : public fibra::details::hresult_error {
+public:
+    http_status_error(DWORD status, std::wstring reason)
+        : hresult_error(E_INVALIDARG), status_(status), reason_(std::move(reason))
+    {
+    }
+    [[nodiscard]] DWORD status() const noexcept { return status_; }
+    // Empty when the server sent none.
+    [[nodiscard]] const std::wstring& reason() const noexcept { return reason_; }
+
+private:
+    DWORD status_;
+    std::wstring reason_;
+};
+
+// A known status other than 200 fails the request with http_status_error.
 void throw_if_not_ok(HINTERNET request);
 // The Content-Length the server announced, or -1 when it announced none.
 [[nodiscard]] std::int64_t announced_length(HINTERNET request) noexcept;

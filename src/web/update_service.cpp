@@ -140,6 +140,10 @@ failure_description describe_failure(std::exception_ptr error)
     } catch (const unsafe_folder_error& e) {
         return {ts_printf::format(load_string(string_ids::update_unsafe_folder), e.folder(), reason_text(e.reason())),
                 e.code()};
+    } catch (const http_status_error& e) {
+        if (e.reason().empty())
+            return {ts_printf::format(load_string(string_ids::update_server_answered_status), e.status()), e.code()};
+        return {ts_printf::format(load_string(string_ids::update_server_answered), e.status(), e.reason()), e.code()};
     } catch (const fibra::details::hresult_error& e) {
         return {text_of(e.code()), e.code()};
     } catch (const nsm::load_exception& e) {

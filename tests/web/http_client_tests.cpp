@@ -73,7 +73,8 @@ TEST_F(http_client_test, json_request_sends_agent_and_accept_and_reads_the_docum
 
 TEST_F(http_client_test, failures_carry_their_codes)
 {
-    // A 404 opens (the body is there to read) and then fails the request with E_INVALIDARG.
+    // A 404 opens (the body is there to read) and then fails the request with E_INVALIDARG,
+    // told to the user as the server's own answer.
     DWORD status = 0;
     const auto [opened, not_found] = run_task<bool>([&]() -> task<bool> {
         const http_request request = co_await client.get(client.resolve(L"status/404"), L"Accept: */*");
@@ -85,10 +86,11 @@ TEST_F(http_client_test, failures_carry_their_codes)
     EXPECT_EQ(code_of(not_found), E_INVALIDARG);
     HttpClient service;
     ASSERT_TRUE(service.initialize(server().base() + L"status/404/"));
-    EXPECT_EQ(code_of(run_task<update_response>([&]() {
-                          return fetch_update_response(service, 1, update_check_mode::automatic, {});
-                      }).second),
-              E_INVALIDARG);
+    const auto check_failure = describe_failure(run_task<update_response>([&]() {
+                                                    return fetch_update_response(service, 1, update_check_mode::on_demand, {});
+                                                }).second);
+    EXPECT_EQ(check_failure.code, E_INVALIDARG);
+    EXPECT_EQ(check_failure.text, L"The server answered 404 (Not Found).");
 
     // A port nobody listens on fails with WinINet's own code.
     HttpClient refused;
