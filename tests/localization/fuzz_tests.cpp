@@ -127,7 +127,8 @@ TEST(fuzz, oversized_counts_and_indexes_are_rejected_without_allocating)
     };
     constexpr std::uint32_t slots = 600;  // an image of 600 items' room and more
     bool loaded = false;
-    const auto legal = table_builder().text(L"Padding", std::wstring(slots * 4, L'p')).list(5, {{slots - 1, L"x"}}).image(false);
+    const auto legal =
+        table_builder().text(L"Padding", std::wstring(slots * 4, L'p')).list(5, {{slots - 1, L"x"}}).image(false);
     EXPECT_GE(bytes_allocated_by_load(legal, loaded), slots * sizeof(std::wstring_view));
     EXPECT_TRUE(loaded);
     for (const std::uint32_t index : {0xFFFFFFFFu, 0x10000000u, 4096u}) {
