@@ -1,6 +1,7 @@
 #include "engine.h"
 
 #include "guarded_memory.h"
+#include "page_heap.h"
 
 #include <windows.h>
 
@@ -9,6 +10,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <cwchar>
 #include <exception>
 #include <mutex>
 #include <thread>
@@ -221,25 +223,82 @@ void save_reproducer_raw(const wchar_t* kind) noexcept
     ::CloseHandle(file);
 }
 
-[[noreturn]] void die_with_finding(const wchar_t* kind, unsigned long code, const void* address = nullptr) noexcept
+// An address as module + offset, for addr2line (add the module's image base).
+int format_code_address(char* text, std::size_t capacity, const void* address) noexcept
 {
-    save_reproducer_raw(kind);
-    // The address as module + offset, for addr2line.
     HMODULE module = nullptr;
-    wchar_t module_name[MAX_PATH] = L"?";
+    wchar_t path[MAX_PATH] = L"?";
     if (::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
                              static_cast<const wchar_t*>(address), &module))
-        ::GetModuleFileNameW(module, module_name, MAX_PATH);
+        ::GetModuleFileNameW(module, path, MAX_PATH);
+    const wchar_t* name = std::wcsrchr(path, L'\\') ? std::wcsrchr(path, L'\\') + 1 : path;
     const auto offset = reinterpret_cast<std::uintptr_t>(address) - reinterpret_cast<std::uintptr_t>(module);
-    char line[512];
-    const int length = std::snprintf(line, sizeof line, "FINDING %s: %ls (0x%08lx at %ls+0x%llx) at input %llu; process ends\n",
-                                     current.reader, kind, code, module_name, static_cast<unsigned long long>(offset),
-                                     static_cast<unsigned long long>(current.index.load()));
+    return std::snprintf(text, capacity, "%ls+0x%llx", name, static_cast<unsigned long long>(offset));
+}
+
+// The calling frames of a faulting context, walked with the modules' unwind tables.
+void format_stack(char* text, std::size_t capacity, const CONTEXT& faulting) noexcept
+{
+    CONTEXT context = faulting;
+    std::size_t used = 0;
+    text[0] = 0;
+    for (int frame = 0; frame < 12 && context.Rip && used + 64 < capacity; ++frame) {
+        used += std::snprintf(text + used, capacity - used, "%s", frame ? " <- " : "");
+        used += format_code_address(text + used, capacity - used, reinterpret_cast<const void*>(context.Rip));
+        DWORD64 image_base = 0;
+        PRUNTIME_FUNCTION function = ::RtlLookupFunctionEntry(context.Rip, &image_base, nullptr);
+        if (!function) {  // a leaf: the return address is on top of the stack
+            MEMORY_BASIC_INFORMATION stack{};
+            if (::VirtualQuery(reinterpret_cast<const void*>(context.Rsp), &stack, sizeof stack) != sizeof stack ||
+                stack.State != MEM_COMMIT || !(stack.Protect & PAGE_READWRITE))
+                break;  // a broken stack: faulting here would hide the finding
+            context.Rip = *reinterpret_cast<const DWORD64*>(context.Rsp);
+            context.Rsp += 8;
+            continue;
+        }
+        void* handler_data = nullptr;
+        DWORD64 establisher = 0;
+        ::RtlVirtualUnwind(UNW_FLAG_NHANDLER, image_base, context.Rip, function, &context, &handler_data, &establisher,
+                           nullptr);
+    }
+}
+
+// what: a sentence saying what went wrong, when known better than by the code; stack:
+// the context to walk for the calling frames.
+[[noreturn]] void die_with_finding(const wchar_t* kind, unsigned long code, const void* address = nullptr,
+                                   const char* what = nullptr, const CONTEXT* stack = nullptr) noexcept
+{
+    save_reproducer_raw(kind);
+    char where[MAX_PATH + 32];
+    format_code_address(where, sizeof where, address);
+    char frames[1024] = "";
+    if (stack)
+        format_stack(frames, sizeof frames, *stack);
+    char line[2048];
+    const int length = what ? std::snprintf(line, sizeof line, "FINDING %s: %s (0x%08lx at %s) at input %llu; process ends\n"
+                                            "    stack: %s\n",
+                                            current.reader, what, code, where,
+                                            static_cast<unsigned long long>(current.index.load()), frames)
+                            : std::snprintf(line, sizeof line, "FINDING %s: %ls (0x%08lx at %s) at input %llu; process ends\n",
+                                            current.reader, kind, code, where,
+                                            static_cast<unsigned long long>(current.index.load()));
     DWORD written = 0;
-    ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), line, static_cast<DWORD>(length), &written, nullptr);
+    ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), line, static_cast<DWORD>(std::min<int>(length, sizeof line - 1)),
+                &written, nullptr);
     ::TerminateProcess(::GetCurrentProcess(), 3);
     for (;;) {
     }
+}
+
+[[noreturn]] void die_with_page_heap_finding(const char* kind, const char* what, const EXCEPTION_POINTERS& info) noexcept
+{
+    wchar_t wide_kind[32] = {};
+    for (std::size_t i = 0; kind[i] && i + 1 < std::size(wide_kind); ++i)
+        wide_kind[i] = static_cast<wchar_t>(kind[i]);
+    char sentence[512];
+    std::snprintf(sentence, sizeof sentence, "page heap: %s", what);
+    die_with_finding(wide_kind, info.ExceptionRecord->ExceptionCode, info.ExceptionRecord->ExceptionAddress, sentence,
+                     info.ContextRecord);
 }
 
 LONG WINAPI on_unhandled(EXCEPTION_POINTERS* info) noexcept
@@ -249,7 +308,25 @@ LONG WINAPI on_unhandled(EXCEPTION_POINTERS* info) noexcept
 
 LONG WINAPI on_fatal(EXCEPTION_POINTERS* info) noexcept
 {
-    // Only what nothing may handle: a stack overflow, a fail-fast, a broken instruction.
+    const EXCEPTION_RECORD& record = *info->ExceptionRecord;
+    // A fault in the page heap's space is a finding wherever it happens, before any
+    // handler of the reader or of the system could swallow it.
+    if (record.ExceptionCode == EXCEPTION_ACCESS_VIOLATION && record.NumberParameters >= 2) {
+        const auto* address = reinterpret_cast<const void*>(record.ExceptionInformation[1]);
+        if (page_heap::owns(address)) {
+            char what[256];
+            const char* kind = page_heap::describe_fault(address, record.ExceptionInformation[0] == 1, what, sizeof what);
+            die_with_page_heap_finding(kind, what, *info);
+        }
+    }
+    if (record.ExceptionCode == page_heap::misuse_code && record.NumberParameters >= 2) {
+        char what[256];
+        const char* kind = page_heap::describe_misuse(static_cast<page_heap::misuse>(record.ExceptionInformation[0]),
+                                                      reinterpret_cast<const void*>(record.ExceptionInformation[1]),
+                                                      what, sizeof what);
+        die_with_page_heap_finding(kind, what, *info);
+    }
+    // Otherwise only what nothing may handle: a stack overflow, a fail-fast, a broken instruction.
     const DWORD code = info->ExceptionRecord->ExceptionCode;
     if (code == EXCEPTION_STACK_OVERFLOW || code == 0xC0000409 || code == EXCEPTION_ILLEGAL_INSTRUCTION ||
         code == EXCEPTION_INT_DIVIDE_BY_ZERO)
@@ -270,7 +347,21 @@ void install_handlers() noexcept
         ::SetUnhandledExceptionFilter(on_unhandled);
         ::AddVectoredExceptionHandler(1, on_fatal);
         std::signal(SIGABRT, [](int) { die_with_finding(L"abort", 0); });
-        std::set_terminate([] { die_with_finding(L"terminate", 0); });
+        std::set_terminate([] {
+            // What escaped, and from where: a throw through a noexcept function lands here.
+            char what[512] = "terminate";
+            try {
+                if (const auto escaped = std::current_exception())
+                    std::rethrow_exception(escaped);
+            } catch (const std::exception& e) {
+                std::snprintf(what, sizeof what, "terminate: %s: %s", typeid(e).name(), e.what());
+            } catch (...) {
+                std::snprintf(what, sizeof what, "terminate: an exception of an unknown type");
+            }
+            CONTEXT context{};
+            ::RtlCaptureContext(&context);
+            die_with_finding(L"terminate", 0, nullptr, what, &context);
+        });
         // A hang: an input that never returns.
         std::thread([] {
             for (;;) {
@@ -355,18 +446,29 @@ bytes make_input(const target& t, const std::vector<bytes>& seeds, std::uint64_t
     return mutate_bytes(t, start, random, seeds, fields);
 }
 
-reader_report run_campaign(const target& t, const campaign_options& options)
+namespace {
+
+// Names the reader and where its reproducers go, for the crash and hang handlers.
+void start_reader(const target& t, const campaign_options& options)
 {
     install_handlers();
-    reader_report report;
-    report.name = t.name;
     std::snprintf(current.reader, sizeof current.reader, "%s", t.name.c_str());
     current.prefix[0] = 0;
+    current.index = 0;
     if (!options.output_folder.empty()) {
         const std::wstring prefix = widen(options.output_folder) + L"\\" + widen(t.name) + L"-";
         if (prefix.size() < MAX_PATH)
             std::wcscpy(current.prefix, prefix.c_str());
     }
+}
+
+}  // namespace
+
+reader_report run_campaign(const target& t, const campaign_options& options)
+{
+    start_reader(t, options);
+    reader_report report;
+    report.name = t.name;
 
     const std::vector<bytes> seeds = t.seeds();
     // Fields are worked out once per seed, not per input.
@@ -438,9 +540,7 @@ reader_report run_campaign(const target& t, const campaign_options& options)
 
 std::string replay(const target& t, std::span<const std::byte> input, const campaign_options& options)
 {
-    install_handlers();
-    std::snprintf(current.reader, sizeof current.reader, "%s", t.name.c_str());
-    current.prefix[0] = 0;
+    start_reader(t, options);
     test_support::guarded_buffer buffer(input.size() + 1);
     const outcome result = feed(t, buffer.place(input, t.alignment), options);
     if (result.finding)

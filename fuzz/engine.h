@@ -109,10 +109,15 @@ std::string replay(const target& t, std::span<const std::byte> input, const camp
 
 std::string format_report(const reader_report& report);
 
-// Process-wide allocation watch (the fuzz executables replace operator new).
+// Process-wide allocation watch (the fuzz executables replace operator new and malloc).
 namespace memory {
 void reset_peak() noexcept;
 [[nodiscard]] std::size_t largest_request() noexcept;
+// Blocks asked for since the process started, by new and by malloc alike.
+[[nodiscard]] std::uint64_t allocations() noexcept;
+// New blocks from the page heap (the default) or from the C runtime's heap.
+void use_page_heap(bool on) noexcept;
+[[nodiscard]] bool page_heap_in_use() noexcept;
 }  // namespace memory
 
 }  // namespace fuzz

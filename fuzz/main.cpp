@@ -1,14 +1,17 @@
 // servercfg-fuzz: the fuzz campaign over every reader of the program.
 //
-//   servercfg-fuzz [--reader <name>]... [--inputs <n>] [--seed <n>] [--out <folder>]
+//   servercfg-fuzz [--reader <name>]... [--inputs <n>] [--seed <n>] [--out <folder>] [--no-page-heap]
 //   servercfg-fuzz --replay <reader> <file>...
 //   servercfg-fuzz --list
+//   servercfg-fuzz [--out <folder>] --page-heap-probe overflow|use-after-free|double-delete
 //
 // A campaign first replays the reader's kept reproducers (fuzz/regressions/<reader>),
 // then runs <n> mutated inputs (default 1000000) and prints one report line per reader.
-// Findings are saved in <folder> (default: the current folder). The exit code is 0 when
-// nothing was found, 1 when something was, 2 for a usage error, 3 when a crash or hang
-// ended the run (its reproducer is saved first).
+// Findings are saved in <folder> (default: the current folder). Every block the process
+// allocates comes from the page heap unless --no-page-heap is given. The page heap probe
+// makes the named fault on purpose, as a reader would, to show that it is caught. The
+// exit code is 0 when nothing was found, 1 when something was, 2 for a usage error, 3
+// when a crash or hang ended the run (its reproducer is saved first).
 
 #include "engine.h"
 #include "targets.h"
@@ -23,19 +26,48 @@
 #include <cstdio>
 #include <cwchar>
 #include <algorithm>
-#include <utility>
+#include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
 
 int usage()
 {
-    std::fputs("usage: servercfg-fuzz [--reader <name>]... [--inputs <n>] [--seed <n>] [--out <folder>]\n"
+    std::fputs("usage: servercfg-fuzz [--reader <name>]... [--inputs <n>] [--seed <n>] [--out <folder>] [--no-page-heap]\n"
                "       servercfg-fuzz --replay <reader> <file>...\n"
-               "       servercfg-fuzz --list\n",
+               "       servercfg-fuzz --list\n"
+               "       servercfg-fuzz [--out <folder>] --page-heap-probe overflow|use-after-free|double-delete\n",
                stderr);
     return 2;
+}
+
+// A reader with a memory fault of its own, made the way a reader's bug would make it.
+// Every access is volatile, or the compiler drops a store right before the delete.
+fuzz::target page_heap_probe(const std::string& fault)
+{
+    fuzz::target probe;
+    probe.name = "page_heap_probe";
+    probe.run = [fault](std::span<const std::byte>) -> std::string {
+        if (fault == "overflow") {
+            const volatile std::size_t size = 13;
+            volatile char* block = new char[size];
+            block[size] = 1;
+            delete[] block;
+        } else if (fault == "use-after-free") {
+            auto* text = new std::string(40, 'x');
+            const volatile char* characters = text->data();
+            delete text;
+            [[maybe_unused]] const char first = characters[0];
+        } else if (fault == "double-delete") {
+            char* volatile block = new char[13];
+            delete[] block;
+            delete[] block;
+        }
+        return {};
+    };
+    return probe;
 }
 
 std::vector<std::wstring> regression_files(const std::string& reader)
@@ -66,6 +98,17 @@ int wmain(int argc, wchar_t** argv)
     for (int i = 1; i < argc; ++i) {
         const std::wstring arg = argv[i];
         const bool has_value = i + 1 < argc;
+        if (arg == L"--no-page-heap") {
+            fuzz::memory::use_page_heap(false);
+            continue;
+        }
+        if (arg == L"--page-heap-probe" && has_value) {
+            const fuzz::bytes input = fuzz::seed_data::narrow_bytes("probe");
+            const std::string fault = tessel::utf16_to_utf8(argv[i + 1]);
+            const std::string finding = fuzz::replay(page_heap_probe(fault), input, options);
+            std::printf("the page heap missed the %s%s%s\n", fault.c_str(), finding.empty() ? "" : "; ", finding.c_str());
+            return 1;
+        }
         if (arg == L"--list") {
             for (const auto& t : targets)
                 std::printf("%s\n", t.name.c_str());
@@ -116,11 +159,18 @@ int wmain(int argc, wchar_t** argv)
             }
         }
         const ULONGLONG start = ::GetTickCount64();
+        const std::uint64_t allocations_before = fuzz::memory::allocations();
         const fuzz::reader_report report = fuzz::run_campaign(t, options);
+        const ULONGLONG elapsed_ms = std::max<ULONGLONG>(1, ::GetTickCount64() - start);
+        const double per_input = static_cast<double>(fuzz::memory::allocations() - allocations_before) /
+                                 static_cast<double>(std::max<std::uint64_t>(1, report.inputs));
         findings += report.findings.size();
         std::string line = fuzz::format_report(report);
-        line += "    " + std::to_string(kept.size()) + " findings fixed and kept as regression cases; " +
-                std::to_string((::GetTickCount64() - start) / 1000) + " s\n";
+        char timing[200];
+        std::snprintf(timing, sizeof timing, "%llu s, %.0f inputs per second %s the page heap, %.0f allocations per input\n",
+                      elapsed_ms / 1000, static_cast<double>(report.inputs) * 1000.0 / static_cast<double>(elapsed_ms),
+                      fuzz::memory::page_heap_in_use() ? "with" : "without", per_input);
+        line += "    " + std::to_string(kept.size()) + " findings fixed and kept as regression cases; " + timing;
         // The commonest refusals; the count of distinct ones is in the report line.
         std::vector<std::pair<std::uint64_t, std::string>> texts;
         for (const auto& [text, count] : report.error_texts)

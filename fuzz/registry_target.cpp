@@ -170,11 +170,22 @@ void normalize(reg_key& k, int depth)
 // ---------------------------------------------------------------------------------------
 // The throwaway key, kept in step with the last input.
 
+// Writes exactly the recipe's bytes. For a string type the system reads one character
+// past the data, to add the terminator a caller forgot when that character is one: the
+// copy ends in a character that is not, so the data is taken as it is and the read stays
+// inside the copy.
+void set_value(HKEY key, const reg_value& v)
+{
+    bytes data = v.data;
+    data.insert(data.end(), 2, std::byte{0xFF});
+    ::RegSetValueExW(key, v.name.c_str(), 0, v.type, reinterpret_cast<const BYTE*>(data.data()),
+                     static_cast<DWORD>(v.data.size()));
+}
+
 void write_all(HKEY key, const reg_key& k)
 {
     for (const reg_value& v : k.values)
-        ::RegSetValueExW(key, v.name.c_str(), 0, v.type, reinterpret_cast<const BYTE*>(v.data.data()),
-                         static_cast<DWORD>(v.data.size()));
+        set_value(key, v);
     for (const reg_key& sub : k.keys) {
         tessel::unique_hkey child;
         if (::RegCreateKeyExW(key, sub.name.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, child.put(), nullptr) ==
@@ -194,8 +205,7 @@ void update(HKEY key, const reg_key& from, const reg_key& to)
         if (old == from.values.end() || old->type != v.type || old->data != v.data || old->name != v.name) {
             if (old != from.values.end() && old->name != v.name)
                 ::RegDeleteValueW(key, old->name.c_str());
-            ::RegSetValueExW(key, v.name.c_str(), 0, v.type, reinterpret_cast<const BYTE*>(v.data.data()),
-                             static_cast<DWORD>(v.data.size()));
+            set_value(key, v);
         }
     }
     for (const reg_key& old : from.keys)

@@ -19,6 +19,7 @@ std::vector<target> text_targets();
 std::vector<target> binary_targets();
 target registry_target();
 std::vector<target> server_targets();
+target configuration_target();
 
 // Seeds and helpers shared by the targets.
 namespace seed_data {

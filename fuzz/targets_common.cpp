@@ -113,6 +113,7 @@ std::vector<target> all_targets()
     targets.push_back(registry_target());
     for (auto& t : server_targets())
         targets.push_back(std::move(t));
+    targets.push_back(configuration_target());
     return targets;
 }
 

@@ -3,7 +3,7 @@
 #include "targets.h"
 #include "archive_walk.h"
 
-#include "app/cmd_line.h"
+#include "base/cmd_line.h"
 #include "base/utf.h"
 #include "controls/markup.h"
 #include "format/ts_printf.h"

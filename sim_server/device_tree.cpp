@@ -147,23 +147,27 @@ void ensure_class_icon(const GUID& class_guid) noexcept
 
 }  // namespace
 
-local_device_tree::local_device_tree() : set_(::SetupDiCreateDeviceInfoList(nullptr, nullptr))
-{
-    tessel::throw_last_error_if(!set_);
-}
+local_device_tree::local_device_tree() = default;
 
 local_device_tree::~local_device_tree()
 {
     while (!nodes_.empty())
-        remove_node(nodes_.back().DevInst);
+        remove_node(nodes_.back().data.DevInst);
 }
 
-SP_DEVINFO_DATA local_device_tree::create_named_node(const node_facts& facts)
+const local_device_tree::node* local_device_tree::find(DWORD devinst) const noexcept
+{
+    const auto it =
+        std::find_if(nodes_.begin(), nodes_.end(), [devinst](const node& n) { return n.data.DevInst == devinst; });
+    return it == nodes_.end() ? nullptr : &*it;
+}
+
+SP_DEVINFO_DATA local_device_tree::create_named_node(HDEVINFO set, const node_facts& facts, unsigned& made_up_parts)
 {
     SP_DEVINFO_DATA data{};
     data.cbSize = sizeof data;
     const auto create = [&](const std::wstring& id) {
-        if (::SetupDiCreateDeviceInfoW(set_.get(), id.c_str(), &facts.class_guid, facts.description.c_str(), nullptr, 0,
+        if (::SetupDiCreateDeviceInfoW(set, id.c_str(), &facts.class_guid, facts.description.c_str(), nullptr, 0,
                                        &data))
             return true;
         tessel::throw_last_error_if(::GetLastError() != ERROR_DEVINST_ALREADY_EXISTS);
@@ -174,74 +178,72 @@ SP_DEVINFO_DATA local_device_tree::create_named_node(const node_facts& facts)
     const std::wstring stem = facts.instance_id.substr(0, facts.instance_id.rfind(L'\\') + 1);
     for (int attempt = 0; attempt < 100; ++attempt) {
         wchar_t made_up[32]{};
-        std::swprintf(made_up, std::size(made_up), L"9&%lX&0&%u", ::GetCurrentProcessId(), ++made_up_parts_);
+        std::swprintf(made_up, std::size(made_up), L"9&%lX&0&%u", ::GetCurrentProcessId(), ++made_up_parts);
         if (create(stem + made_up))
             return data;
     }
     tessel::throw_win32(ERROR_DEVINST_ALREADY_EXISTS);
 }
 
-SP_DEVINFO_DATA local_device_tree::create_node(const node_facts& facts)
+local_device_tree::node& local_device_tree::create_node(const node_facts& facts)
 {
     ensure_class_icon(facts.class_guid);
+    unique_hdevinfo owned(::SetupDiCreateDeviceInfoList(nullptr, nullptr));
+    tessel::throw_last_error_if(!owned);
+    const HDEVINFO set = owned.get();
     SP_DEVINFO_DATA data{};
     data.cbSize = sizeof data;
     if (!facts.instance_id.empty())
-        data = create_named_node(facts);
+        data = create_named_node(set, facts, made_up_parts_);
     else
-        tessel::throw_last_error_if(!::SetupDiCreateDeviceInfoW(set_.get(), node_base_name, &facts.class_guid,
+        tessel::throw_last_error_if(!::SetupDiCreateDeviceInfoW(set, node_base_name, &facts.class_guid,
                                                                 facts.description.c_str(), nullptr, DICD_GENERATE_ID,
                                                                 &data));
     try {
-        set_text_property(set_.get(), data, SPDRP_DEVICEDESC, facts.description);
+        set_text_property(set, data, SPDRP_DEVICEDESC, facts.description);
         if (facts.friendly_name)
-            set_text_property(set_.get(), data, SPDRP_FRIENDLYNAME, *facts.friendly_name);
+            set_text_property(set, data, SPDRP_FRIENDLYNAME, *facts.friendly_name);
         if (!facts.location.empty())
-            set_text_property(set_.get(), data, SPDRP_LOCATION_INFORMATION, facts.location);
+            set_text_property(set, data, SPDRP_LOCATION_INFORMATION, facts.location);
         if (!facts.hardware_ids.empty())
-            set_multi_text_property(set_.get(), data, SPDRP_HARDWAREID, facts.hardware_ids);
+            set_multi_text_property(set, data, SPDRP_HARDWAREID, facts.hardware_ids);
         // Windows derives the class name from the class and refuses to set it; Wine keeps
         // what it is given and knows no name for some classes (USB) by itself.
         if (const std::wstring name = setup_class_name(facts.class_guid); !name.empty())
-            if (!::SetupDiSetDeviceRegistryPropertyW(set_.get(), &data, SPDRP_CLASS,
-                                                     reinterpret_cast<const BYTE*>(name.c_str()),
+            if (!::SetupDiSetDeviceRegistryPropertyW(set, &data, SPDRP_CLASS, reinterpret_cast<const BYTE*>(name.c_str()),
                                                      static_cast<DWORD>((name.size() + 1) * sizeof(wchar_t))))
                 tessel::debug_report(L"substitute server: the system keeps the setup class name itself");
         const auto owner = this_process_as_owner();
-        tessel::throw_last_error_if(!::SetupDiSetDevicePropertyW(set_.get(), &data, &node_owner_key,
-                                                                 DEVPROP_TYPE_BINARY,
+        tessel::throw_last_error_if(!::SetupDiSetDevicePropertyW(set, &data, &node_owner_key, DEVPROP_TYPE_BINARY,
                                                                  reinterpret_cast<const BYTE*>(owner.data()),
                                                                  sizeof owner, 0));
-        tessel::throw_last_error_if(!::SetupDiRegisterDeviceInfo(set_.get(), &data, 0, nullptr, nullptr, nullptr));
+        tessel::throw_last_error_if(!::SetupDiRegisterDeviceInfo(set, &data, 0, nullptr, nullptr, nullptr));
     } catch (...) {
         // A node that was created but not registered is only a phantom; drop it anyway.
-        ::SetupDiRemoveDevice(set_.get(), &data);
-        ::SetupDiDeleteDeviceInfo(set_.get(), &data);
+        ::SetupDiRemoveDevice(set, &data);
         throw;
     }
-    nodes_.push_back(data);
-    return data;
+    return nodes_.emplace_back(node{std::move(owned), data});
 }
 
-void local_device_tree::add_children(SP_DEVINFO_DATA& parent, const std::vector<local_node_spec>& children,
-                                     DWORD root)
+void local_device_tree::add_children(DWORD parent, const std::vector<local_node_spec>& children, DWORD root)
 {
     if (children.empty())
         return;
     std::wstring ids;  // a string list: each ID with its terminator, and one more at the end
     for (const local_node_spec& child : children) {
-        SP_DEVINFO_DATA data = create_node(
-            {child.class_guid, child.description, child.friendly_name, {}, child.instance_id, child.hardware_ids});
-        descendants_[root].push_back(data.DevInst);
-        wchar_t id[MAX_DEVICE_ID_LEN]{};
-        tessel::throw_last_error_if(
-            !::SetupDiGetDeviceInstanceIdW(set_.get(), &data, id, static_cast<DWORD>(std::size(id)), nullptr));
-        ids += id;
+        node& created =
+            create_node({child.class_guid, child.description, child.friendly_name, {}, child.instance_id, child.hardware_ids});
+        const DWORD devinst = created.data.DevInst;
+        descendants_[root].push_back(devinst);
+        ids += instance_id(devinst);
         ids.push_back(L'\0');
-        add_children(data, child.children, root);
+        add_children(devinst, child.children, root);
     }
     ids.push_back(L'\0');
-    tessel::throw_last_error_if(!::SetupDiSetDevicePropertyW(set_.get(), &parent, &device_children_key,
+    const node* const above = find(parent);
+    SP_DEVINFO_DATA data = above->data;
+    tessel::throw_last_error_if(!::SetupDiSetDevicePropertyW(above->set.get(), &data, &device_children_key,
                                                              DEVPROP_TYPE_STRING_LIST,
                                                              reinterpret_cast<const BYTE*>(ids.data()),
                                                              static_cast<DWORD>(ids.size() * sizeof(wchar_t)), 0));
@@ -249,15 +251,16 @@ void local_device_tree::add_children(SP_DEVINFO_DATA& parent, const std::vector<
 
 DWORD local_device_tree::add(const device_spec& device)
 {
-    SP_DEVINFO_DATA data = create_node({device.class_guid, device.description, device.friendly_name, device.location,
-                                        device.instance_id, device.hardware_ids});
+    const DWORD devinst = create_node({device.class_guid, device.description, device.friendly_name, device.location,
+                                       device.instance_id, device.hardware_ids})
+                              .data.DevInst;
     try {
-        add_children(data, device.children, data.DevInst);
+        add_children(devinst, device.children, devinst);
     } catch (...) {
-        remove(data.DevInst);
+        remove(devinst);
         throw;
     }
-    return data.DevInst;
+    return devinst;
 }
 
 void local_device_tree::remove(DWORD devinst) noexcept
@@ -273,28 +276,26 @@ void local_device_tree::remove(DWORD devinst) noexcept
 
 std::wstring local_device_tree::instance_id(DWORD devinst) const
 {
-    const auto it = std::find_if(nodes_.begin(), nodes_.end(),
-                                 [devinst](const SP_DEVINFO_DATA& data) { return data.DevInst == devinst; });
-    if (it == nodes_.end())
+    const node* n = find(devinst);
+    if (!n)
         return {};
-    SP_DEVINFO_DATA data = *it;
+    SP_DEVINFO_DATA data = n->data;
     wchar_t id[MAX_DEVICE_ID_LEN]{};
-    if (!::SetupDiGetDeviceInstanceIdW(set_.get(), &data, id, static_cast<DWORD>(std::size(id)), nullptr))
+    if (!::SetupDiGetDeviceInstanceIdW(n->set.get(), &data, id, static_cast<DWORD>(std::size(id)), nullptr))
         return {};
     return id;
 }
 
 void local_device_tree::remove_node(DWORD devinst) noexcept
 {
-    const auto it = std::find_if(nodes_.begin(), nodes_.end(),
-                                 [devinst](const SP_DEVINFO_DATA& data) { return data.DevInst == devinst; });
+    const auto it =
+        std::find_if(nodes_.begin(), nodes_.end(), [devinst](const node& n) { return n.data.DevInst == devinst; });
     if (it == nodes_.end())
         return;
-    SP_DEVINFO_DATA data = *it;
+    node removed = std::move(*it);
     nodes_.erase(it);
-    if (!::SetupDiRemoveDevice(set_.get(), &data))
+    if (!::SetupDiRemoveDevice(removed.set.get(), &removed.data))
         tessel::debug_report(L"substitute server: a local device node could not be removed");
-    ::SetupDiDeleteDeviceInfo(set_.get(), &data);
 }
 
 }  // namespace sim_server

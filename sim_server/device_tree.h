@@ -39,6 +39,10 @@ extern "C" WINSETUPAPI BOOL WINAPI SetupDiSetDevicePropertyW(HDEVINFO set, PSP_D
 
 namespace sim_server {
 
+// The handle a server device reports while it has no node on this machine (unplugged or
+// removed): no configuration manager call accepts it.
+inline constexpr DWORD no_devinst = ~DWORD{0};
+
 // The property in which a node records the process that made it: its ID and start time
 // (DEVPROP_TYPE_BINARY, two 64-bit values).
 inline constexpr DEVPROPKEY node_owner_key = {
@@ -62,6 +66,13 @@ public:
     [[nodiscard]] std::wstring instance_id(DWORD devinst) const;
 
 private:
+    // Each node in a device information set of its own: a set keeps the IDs of nodes
+    // removed through it (Wine refuses to make one of them again in the same set), and a
+    // node's instance handle is valid only while its set is.
+    struct node {
+        unique_hdevinfo set;
+        SP_DEVINFO_DATA data;
+    };
     struct node_facts {
         const GUID& class_guid;
         const std::wstring& description;
@@ -70,15 +81,15 @@ private:
         const std::wstring& instance_id;
         const std::vector<std::wstring>& hardware_ids;
     };
-    SP_DEVINFO_DATA create_node(const node_facts& facts);
+    node& create_node(const node_facts& facts);
     // The node made with the scenario's instance ID or, when that is taken, with another.
-    SP_DEVINFO_DATA create_named_node(const node_facts& facts);
+    static SP_DEVINFO_DATA create_named_node(HDEVINFO set, const node_facts& facts, unsigned& made_up_parts);
     // Creates the children (and theirs) and lists them on the parent; records them under `root`.
-    void add_children(SP_DEVINFO_DATA& parent, const std::vector<local_node_spec>& children, DWORD root);
+    void add_children(DWORD parent, const std::vector<local_node_spec>& children, DWORD root);
+    [[nodiscard]] const node* find(DWORD devinst) const noexcept;
     void remove_node(DWORD devinst) noexcept;
 
-    unique_hdevinfo set_;
-    std::vector<SP_DEVINFO_DATA> nodes_;
+    std::vector<node> nodes_;
     // A device's node -> the nodes below it, deepest last.
     std::map<DWORD, std::vector<DWORD>> descendants_;
     // Made-up last parts handed out, for IDs that another server holds.

@@ -27,15 +27,23 @@ std::wstring clsid_key()
     return std::wstring(L"Software\\Classes\\CLSID\\") + clsid;
 }
 
-scenario scenario_from_environment()
+std::wstring environment_path(const wchar_t* name)
 {
     wchar_t path[MAX_PATH * 4];
-    const DWORD length = ::GetEnvironmentVariableW(scenario_variable, path, static_cast<DWORD>(std::size(path)));
-    if (length == 0)
-        return default_scenario();
+    const DWORD length = ::GetEnvironmentVariableW(name, path, static_cast<DWORD>(std::size(path)));
     if (length >= std::size(path))
-        throw scenario_error("the path in ULMORA_SIM_SCENARIO is too long");
-    return load_scenario_file(std::wstring(path, length));
+        throw scenario_error("the path in " + tessel::utf16_to_utf8(name) + " is too long");
+    return std::wstring(path, length);
+}
+
+scenario scenario_from_environment()
+{
+    // A state file that exists is what the service left the last time.
+    if (const std::wstring state = environment_path(state_variable);
+        !state.empty() && ::GetFileAttributesW(state.c_str()) != INVALID_FILE_ATTRIBUTES)
+        return load_scenario_file(state);
+    const std::wstring path = environment_path(scenario_variable);
+    return path.empty() ? default_scenario() : load_scenario_file(path);
 }
 
 void set_string_value(HKEY key, const wchar_t* name, const std::wstring& value)
@@ -61,8 +69,12 @@ public:
         *out = nullptr;
         if (outer)
             return CLASS_E_NOAGGREGATION;
+        // A stopped server's service has not started again yet.
+        if (::GetTickCount64() < creation_refused_until)
+            return CO_E_SERVER_EXEC_FAILURE;
         try {
             const auto server = usb_server::create(scenario_from_environment(), control_pipe_name());
+            server->keep_state_in(environment_path(state_variable));
             return server->QueryInterface(iid, out);
         } catch (const scenario_error& e) {
             // The caller only sees the code; whoever runs the program sees why.

@@ -106,6 +106,8 @@ private:
 [[nodiscard]] scenario parse_scenario(std::string_view json_text);
 // Reads the file (a Windows path); throws scenario_error naming the file.
 [[nodiscard]] scenario load_scenario_file(const std::wstring& path);
+// The document parse_scenario reads back as the same scenario.
+[[nodiscard]] std::string write_scenario(const scenario& s);
 // Checks the rules that hold however the scenario was made (unique device ids, shares
 // and failures that name existing devices, known method names); throws scenario_error.
 void validate(const scenario& s);
@@ -113,6 +115,12 @@ void validate(const scenario& s);
 // The environment variable that names the scenario file the server plays; unset or
 // empty: the built-in scenario.
 inline constexpr wchar_t scenario_variable[] = L"ULMORA_SIM_SCENARIO";
+
+// The environment variable that names the server's state file: when it exists, a new
+// server plays it instead of the scenario, and every server writes its state there after
+// each change, so that servers of consecutive processes behave as one service that keeps
+// its shares and settings.
+inline constexpr wchar_t state_variable[] = L"ULMORA_SIM_STATE";
 
 // Method names that failures may name. The ".completion" forms make an asynchronous call
 // succeed but end with the code; the plain forms make the call itself fail.

@@ -174,6 +174,7 @@ void usb_server::run_control_requests() noexcept
         try {
             answer.text = execute_command(decode_command(request->command));
             answer.ok = true;
+            save_state();
         } catch (const control_error& e) {
             answer.text = tessel::utf8_to_utf16(e.what());
         } catch (...) {
@@ -219,13 +220,16 @@ void usb_server::complete_operation(UINT_PTR timer) noexcept
     if (pending.reads_settings && SUCCEEDED(pending.result))
         read = settings_;
     pending.op->complete(pending.result, std::move(read));
+    if (pending.settings_written && SUCCEEDED(pending.result))
+        save_state();
 }
 
 tessel::com_ptr<device_object> usb_server::add_device(const device_spec& spec)
 {
     device_state state;
     state.spec = spec;
-    state.devinst = tree_->add(spec);
+    // An unplugged device has no node on this machine, as on Windows.
+    state.devinst = spec.connected ? tree_->add(spec) : no_devinst;
     auto device = tessel::make_com_object<device_object>(std::move(state), failures_);
     devices_.push_back(device);
     return device;
@@ -234,6 +238,7 @@ tessel::com_ptr<device_object> usb_server::add_device(const device_spec& spec)
 void usb_server::remove_device(const tessel::com_ptr<device_object>& device)
 {
     tree_->remove(device->state.devinst);
+    device->state.devinst = no_devinst;
     device->state.removed = true;
     removed_devices_.push_back(device);
     std::erase(devices_, device);
@@ -304,6 +309,7 @@ try {
         return HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS);
     const auto added = add_share(target, key.vt == VT_BSTR ? bstr_text(key.bstrVal) : std::wstring());
     tessel::com_ptr<IUsbShare>(added).copy_to(share);
+    save_state();
     return S_OK;
 } catch (...) {
     return tessel::hresult_from_caught_exception();
@@ -319,6 +325,7 @@ HRESULT usb_server::UnshareDevice(IUsbShare* share) noexcept
     if (it == shares_.end())
         return HRESULT_FROM_WIN32(ERROR_NOT_FOUND);
     shares_.erase(it);
+    save_state();
     return S_OK;
 }
 
@@ -362,6 +369,7 @@ try {
         written.advertisement = changed->advertisement != VARIANT_FALSE;
     if (changed->fields & usb_settings_statistics)
         written.statistics = changed->statistics != VARIANT_FALSE;
+    ++settings_writes_;
     return start_operation(write_delay_ms_, failures_->find(L"SetSettingsAsync.completion"), false,
                            std::move(written), operation);
 } catch (...) {

@@ -74,6 +74,12 @@ public:
     // server's thread. Throws control_error.
     std::wstring execute_command(const std::vector<std::wstring>& words);
 
+    // Writes the server's state to this file after every change from now on
+    // (server_state.cpp).
+    void keep_state_in(std::wstring path);
+    // What the server plays now, as a scenario: its devices, shares, settings and failures.
+    [[nodiscard]] scenario current_scenario() const;
+
 private:
     enum class listener_event { device_added, device_changed, client_changed, client_changed_2 };
 
@@ -112,6 +118,9 @@ private:
     HRESULT start_operation(DWORD delay_ms, HRESULT result, bool reads_settings,
                             std::optional<server_settings> written, IUsbServerOperation** out);
     [[nodiscard]] std::wstring describe_state() const;
+    // The commands of server_state.cpp: what execute_command does not know itself.
+    std::wstring execute_state_command(const std::vector<std::wstring>& words);
+    void save_state() noexcept;
 
     std::shared_ptr<failure_table> failures_ = std::make_shared<failure_table>();
     std::unique_ptr<local_device_tree> tree_;
@@ -123,6 +132,8 @@ private:
     server_settings settings_;
     DWORD read_delay_ms_ = 0;
     DWORD write_delay_ms_ = 0;
+    // Settings writes started, for tests that must see that none was sent.
+    unsigned settings_writes_ = 0;
 
     std::vector<tessel::com_ptr<IUsbServerListener>> listeners_;
     std::vector<pending_notification> notifications_;
@@ -132,6 +143,9 @@ private:
     DWORD thread_id_ = 0;
     tessel::unique_hwnd window_;
     std::unique_ptr<control_pipe> pipe_;
+    std::wstring state_file_;
+    // Stopped by the "stop" command: everything fails, nothing is announced.
+    bool stopped_ = false;
 };
 
 // The server's window class: registered by the first server, unregistered when the DLL

@@ -55,6 +55,10 @@ void failure_table::set(const std::wstring& method, const std::wstring& device_i
 
 HRESULT failure_table::find(std::wstring_view method, std::wstring_view device_id) const
 {
+    // Every method asks here first, so this is where calls are counted.
+    ++calls_answered;
+    if (disconnected_)
+        return RPC_E_DISCONNECTED;
     if (!device_id.empty())
         if (const auto it = entries_.find(std::pair{std::wstring(method), std::wstring(device_id)});
             it != entries_.end())

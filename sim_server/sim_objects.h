@@ -26,6 +26,11 @@ namespace sim_server {
 // Objects alive plus IClassFactory::LockServer locks: what DllCanUnloadNow answers from.
 inline std::atomic<long> module_references{0};
 
+// Every call the server, its devices and its shares answered (QueryInterface and their
+// methods, not AddRef and Release, which a proxy mostly answers itself): what a client
+// of a real server, in another process, would pay a round trip for. Benchmarks read it.
+inline std::atomic<std::uint64_t> calls_answered{0};
+
 // What the server has handed out, by kind of object: live objects and the references
 // held on them. Once the program has let go of the server, everything here must be back
 // at zero; what is not was leaked by whoever still holds it.
@@ -70,6 +75,11 @@ class module_object : public tessel::com_object<first_interface, more_interfaces
     static constexpr int kind = static_cast<int>(kind_of<first_interface>());
 
 public:
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) noexcept override
+    {
+        ++calls_answered;
+        return base::QueryInterface(iid, out);
+    }
     ULONG STDMETHODCALLTYPE AddRef() noexcept override
     {
         ++census[kind].references;
@@ -104,17 +114,26 @@ public:
     // S_OK clears the entry.
     void set(const std::wstring& method, const std::wstring& device_id, HRESULT code);
     void clear() noexcept { entries_.clear(); }
+    // From now on every method fails with RPC_E_DISCONNECTED, as calls through a proxy
+    // whose server process has ended do.
+    void disconnect() noexcept { disconnected_ = true; }
     // The code to fail with, or S_OK: a device's own entry first, then the general one.
     [[nodiscard]] HRESULT find(std::wstring_view method, std::wstring_view device_id = {}) const;
     [[nodiscard]] std::vector<failure_spec> list() const;
 
 private:
     std::map<std::pair<std::wstring, std::wstring>, HRESULT, std::less<>> entries_;
+    bool disconnected_ = false;
 };
+
+// While a server is stopped (the "stop" command), no new server can be created until
+// this GetTickCount64 time, as while a service restarts.
+inline std::atomic<ULONGLONG> creation_refused_until{0};
 
 // The device as the server knows it. The server changes it; the object reports it.
 struct device_state {
     device_spec spec;
+    // The device's local node while it is plugged in; no_devinst otherwise.
     DWORD devinst = 0;
     // Taken out of the server: reports "not connected", belongs to no share.
     bool removed = false;
@@ -144,7 +163,11 @@ public:
     HRESULT STDMETHODCALLTYPE IsConnected(VARIANT_BOOL* connected) noexcept override;
     HRESULT STDMETHODCALLTYPE GetClientName(BSTR* client) noexcept override;
     HRESULT STDMETHODCALLTYPE NeedsShareConfirmation(VARIANT_BOOL* confirmation) noexcept override;
-    DWORD STDMETHODCALLTYPE GetDevInst() noexcept override { return state.devinst; }
+    DWORD STDMETHODCALLTYPE GetDevInst() noexcept override
+    {
+        ++calls_answered;
+        return state.devinst;
+    }
 
     [[nodiscard]] HRESULT injected_failure(std::wstring_view method) const
     {

@@ -37,6 +37,15 @@ RequestExecutionLevel admin
 !define UNINSTALL_KEY "Software\Microsoft\Windows\CurrentVersion\Uninstall\QMX Ulmora Tools ServerCfg"
 !define SHORTCUT_FOLDER "$SMPROGRAMS\QMX Software"
 !define SHORTCUT "${SHORTCUT_FOLDER}\Ulmora Tools Server Configuration.lnk"
+; The program's data folders under %ProgramData% ($APPDATA in the all-users context); the
+; elevated program stages downloads in the last one and accepts only folders that
+; administrators alone may change.
+!define DATA_VENDOR "$APPDATA\QMX Software"
+!define DATA_PRODUCT "${DATA_VENDOR}\Ulmora Tools"
+!define DATA_UPDATES "${DATA_PRODUCT}\Updates"
+!define SETTINGS_KEY "Software\QMX Software\Ulmora Tools\ServerCfg"
+; Owner Administrators; SYSTEM and Administrators only, nothing inherited.
+!define PROTECTED_SDDL "O:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)"
 
 Name "${PRODUCT}"
 OutFile "${OUTFILE}"
@@ -59,6 +68,36 @@ UninstPage instfiles
 
 Var Updating
 
+; Creates the folder on the stack with the protected descriptor in the same call (a folder
+; that exists is left as it is: the program judges it). Leaves 1 on the stack when the
+; folder was created, 0 when it existed or could not be made.
+Function CreateProtectedFolder
+  Exch $0
+  Push $1
+  Push $2
+  Push $3
+  StrCpy $3 0
+  System::Call 'advapi32::ConvertStringSecurityDescriptorToSecurityDescriptorW(w "${PROTECTED_SDDL}", i 1, *p .r1, p 0) i .r2'
+  ${If} $2 <> 0
+    ; SECURITY_ATTRIBUTES on x64: length, padding, the descriptor, the inherit flag.
+    System::Call '*(i 24, i 0, p r1, i 0, i 0) p .r2'
+    System::Call 'kernel32::CreateDirectoryW(w r0, p r2) i .r3'
+    System::Free $2
+    System::Call 'kernel32::LocalFree(p r1)'
+  ${EndIf}
+  StrCpy $0 $3
+  Pop $3
+  Pop $2
+  Pop $1
+  Exch $0
+FunctionEnd
+
+!macro CreateProtectedFolder folder
+  Push "${folder}"
+  Call CreateProtectedFolder
+  Pop $0
+!macroend
+
 Function .onInit
   SetRegView 64
   SetShellVarContext all
@@ -75,6 +114,35 @@ Function .onInit
 FunctionEnd
 
 Section "Program"
+  ; A folder outside Program Files inherits whatever its parent grants (C:\ lets users
+  ; create and change files): it is made for administrators alone before anything is copied.
+  StrLen $1 "$PROGRAMFILES64\"
+  StrCpy $2 "$INSTDIR\" $1
+  ${If} $2 != "$PROGRAMFILES64\"
+    ${GetParent} "$INSTDIR" $3
+    CreateDirectory "$3"
+    !insertmacro CreateProtectedFolder "$INSTDIR"
+    ${If} $0 == 0
+      ; It was there already: it gets the protected descriptor, unless it leads elsewhere.
+      ${If} ${FileExists} "$INSTDIR\*.*"
+        System::Call 'kernel32::GetFileAttributesW(w "$INSTDIR") i .r4'
+        IntOp $4 $4 & 0x400
+        ${If} $4 <> 0
+          MessageBox MB_OK|MB_ICONSTOP "$INSTDIR is a link to another folder." /SD IDOK
+          Abort
+        ${EndIf}
+        System::Call 'advapi32::ConvertStringSecurityDescriptorToSecurityDescriptorW(w "${PROTECTED_SDDL}", i 1, *p .r1, p 0) i .r2'
+        ; OWNER | DACL | PROTECTED_DACL
+        System::Call 'advapi32::SetFileSecurityW(w "$INSTDIR", i 0x80000005, p r1) i .r2'
+        System::Call 'kernel32::LocalFree(p r1)'
+      ${EndIf}
+    ${EndIf}
+  ${EndIf}
+
+  !insertmacro CreateProtectedFolder "${DATA_VENDOR}"
+  !insertmacro CreateProtectedFolder "${DATA_PRODUCT}"
+  !insertmacro CreateProtectedFolder "${DATA_UPDATES}"
+
   SetOutPath "$INSTDIR"
   File "${BIN}\ServerCfg.exe"
   File "${BIN}\ThirdPartyNotices.txt"
@@ -120,4 +188,10 @@ Section "Uninstall"
   Delete "${SHORTCUT}"
   RMDir "${SHORTCUT_FOLDER}"
   DeleteRegKey HKLM "${UNINSTALL_KEY}"
+  ; The downloads the program staged, and the folders above them where nothing else is left.
+  RMDir /r "${DATA_UPDATES}"
+  RMDir "${DATA_PRODUCT}"
+  RMDir "${DATA_VENDOR}"
+  DeleteRegValue HKLM "${SETTINGS_KEY}" "UpdateServiceAddress"
+  DeleteRegKey /ifempty HKLM "${SETTINGS_KEY}"
 SectionEnd

@@ -2,7 +2,8 @@
 # demo-screenshot.sh <program.exe> <folder>: inside scripts/with-wine with the substitute
 # server registered, shows the program as a user meets it and saves screenshots of the
 # main window, the share dialog, the server settings dialog and the about box, in English
-# and German, at 96 and 144 dpi: <folder>/<language>-<dpi>-{main,share,settings,about}.png.
+# and German, at 96 and 144 dpi, and the tooltip of the first device's name:
+# <folder>/<language>-<dpi>-{main,tooltip,share,settings,about}.png.
 set -euo pipefail
 source "$(dirname "$0")/common.sh"
 
@@ -45,6 +46,15 @@ for dpi in 96 144; do
     done
     sleep 2
     shoot "$title" "$prefix-main.png"
+
+    # The flash drive's name with its tooltip, which tells the device apart. The tooltip
+    # is a window of its own: the picture is the whole screen.
+    if drive hover "$main" 1003 0; then
+      sleep 2
+      import -window root "$prefix-tooltip.png"
+    else
+      note "no row to point at ($language, $dpi dpi)"
+    fi
 
     # The share dialog of the first device that is not shared: the hub.
     row=$( (drive rows "$main" 1003 || true) | grep -n "Generic USB 3.0 Hub" | head -1 | cut -d: -f1 || true)

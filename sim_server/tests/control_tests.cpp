@@ -3,9 +3,11 @@
 #include "test_support.h"
 
 #include "base/utf.h"
+#include "child_process.h"
 
 #include <cstdint>
 #include <future>
+#include <thread>
 
 using namespace sim_test;
 using tessel::com_ptr;
@@ -15,55 +17,30 @@ namespace {
 using sim_control = server_test;
 
 // Sends from another thread, as the control tool would, while this thread runs its
-// message loop so the server can answer.
+// message loop so the server can answer. The sending thread owns copies of everything it
+// uses and is let go, so a send that never ends cannot block the test either.
 sim_server::control_answer command(const std::wstring& pipe, std::vector<std::wstring> words)
 {
-    auto answer = std::async(std::launch::async, [&] { return sim_server::send_command(pipe, words); });
+    const std::wstring first = words.empty() ? L"" : words[0];
+    std::packaged_task<sim_server::control_answer()> send([pipe, words = std::move(words)] {
+        try {
+            return sim_server::send_command(pipe, words);
+        } catch (const fibra::details::hresult_error& e) {
+            return sim_server::control_answer{false, L"no answer: " + std::to_wstring(e.code())};
+        }
+    });
+    auto answer = send.get_future();
+    std::thread(std::move(send)).detach();
     const bool answered =
-        pump_until([&] { return answer.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }, 10000);
-    EXPECT_TRUE(answered) << "no answer to " << tessel::utf16_to_utf8(words.empty() ? L"" : words[0]);
+        pump_until([&] { return answer.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }, 15000);
+    EXPECT_TRUE(answered) << "no answer to " << tessel::utf16_to_utf8(first);
     return answered ? answer.get() : sim_server::control_answer{false, L"timeout"};
 }
 
-struct tool_result {
-    DWORD exit_code = ~0u;
-    std::string output;
-};
-
-// Runs ulmora-sim-ctl.exe with the arguments while this thread keeps pumping.
-tool_result run_tool(const std::wstring& arguments)
+// Runs ulmora-sim-ctl.exe with the arguments while this thread answers the server's messages.
+test_support::tool_result run_tool(const std::wstring& arguments)
 {
-    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-    HANDLE read_end = nullptr;
-    HANDLE write_end = nullptr;
-    tool_result result;
-    if (!::CreatePipe(&read_end, &write_end, &inherit, 64 * 1024))
-        return result;
-    tessel::unique_handle reader(read_end);
-    tessel::unique_handle writer(write_end);
-    ::SetHandleInformation(read_end, HANDLE_FLAG_INHERIT, 0);
-
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = write_end;
-    startup.hStdError = write_end;
-    startup.hStdInput = nullptr;
-    std::wstring command_line = L"\"" + exe_folder() + L"ulmora-sim-ctl.exe\" " + arguments;
-    PROCESS_INFORMATION process{};
-    if (!::CreateProcessW(nullptr, command_line.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr,
-                          &startup, &process))
-        return result;
-    tessel::unique_handle process_handle(process.hProcess);
-    tessel::unique_handle thread_handle(process.hThread);
-    writer.reset();
-    EXPECT_TRUE(pump_until([&] { return ::WaitForSingleObject(process.hProcess, 0) == WAIT_OBJECT_0; }, 15000));
-    ::GetExitCodeProcess(process.hProcess, &result.exit_code);
-    char buffer[4096];
-    DWORD read = 0;
-    while (::ReadFile(read_end, buffer, sizeof buffer, &read, nullptr) && read > 0)
-        result.output.append(buffer, read);
-    return result;
+    return test_support::run_tool(L"ulmora-sim-ctl.exe", arguments, 15000, true);
 }
 
 }  // namespace
@@ -108,18 +85,22 @@ TEST_F(sim_control, commands_change_state_and_notify_on_the_creating_thread)
     EXPECT_EQ(text_of(text), L"DESK-1");
     EXPECT_EQ(all.back()->IsConnected(&connected), S_OK);
     EXPECT_EQ(connected, VARIANT_FALSE);
+    // Unplugged, a device has no node on the machine; plugged in, it has.
+    EXPECT_EQ(devinst_of(all.back().get()), sim_server::no_devinst);
+    EXPECT_EQ(device_id_of(devinst_of(flash.get())), L"");
+    EXPECT_TRUE(command(pipe_name_, {L"plug", L"cam"}).ok);
+    const std::wstring cam_node = device_id_of(devinst_of(all.back().get()));
+    EXPECT_EQ(read_local_node(cam_node).friendly_name, L"Orbis HD");
 
     // Share, unshare and remove are device changes; a removed device reports itself gone.
     EXPECT_TRUE(command(pipe_name_, {L"share", L"cam", L"k1"}).ok);
     EXPECT_EQ(shares(server.get()).size(), 4u);
     EXPECT_TRUE(command(pipe_name_, {L"unshare", L"flash"}).ok);
     EXPECT_EQ(shares(server.get()).size(), 3u);
-    const std::wstring cam_node = device_id_of(devinst_of(all.back().get()));
-    EXPECT_EQ(read_local_node(cam_node).friendly_name, L"Orbis HD");
     EXPECT_TRUE(command(pipe_name_, {L"remove", L"cam"}).ok);
     EXPECT_FALSE(read_local_node(cam_node).found) << "the node goes with the device";
-    ASSERT_TRUE(pump_until([&] { return listener->received.size() == 7; }));
-    for (size_t i = 4; i < 7; ++i)
+    ASSERT_TRUE(pump_until([&] { return listener->received.size() == 8; }));
+    for (size_t i = 4; i < 8; ++i)
         EXPECT_EQ(listener->received[i].slot, 4);
     EXPECT_EQ(devices(server.get()).size(), 5u);
     EXPECT_EQ(shares(server.get()).size(), 2u) << "the removed device's share went with it";
@@ -151,6 +132,12 @@ TEST_F(sim_control, commands_change_state_and_notify_on_the_creating_thread)
     EXPECT_NE(answer.text.find(L"running no"), std::wstring::npos);
     EXPECT_NE(answer.text.find(L"fail GetName 0x80070015 device=hub"), std::wstring::npos);
     EXPECT_NE(answer.text.find(L"device flash \"Arcturus Flash 32GB\""), std::wstring::npos);
+    EXPECT_NE(answer.text.find(L"\npending 0"), std::wstring::npos);
+    // A settings call shows until it has ended.
+    EXPECT_TRUE(command(pipe_name_, {L"delay", L"read", L"60000"}).ok);
+    com_ptr<IUsbServerOperation> reading;
+    ASSERT_EQ(server->GetSettingsAsync(reading.put()), S_OK);
+    EXPECT_NE(command(pipe_name_, {L"list"}).text.find(L"\npending 1"), std::wstring::npos);
 
     // Refused commands change nothing and say why.
     const std::vector<std::vector<std::wstring>> refused = {
@@ -164,8 +151,12 @@ TEST_F(sim_control, commands_change_state_and_notify_on_the_creating_thread)
         EXPECT_FALSE(answer.ok) << (words.empty() ? "" : tessel::utf16_to_utf8(words[0]));
         EXPECT_FALSE(answer.text.empty());
     }
-    pump_for(50);
-    EXPECT_EQ(listener->received.size(), 7u);
+    // Notifications arrive in order: one from a command that changes something comes
+    // right after any that the refused ones might have sent.
+    EXPECT_TRUE(command(pipe_name_, {L"plug", L"flash"}).ok);
+    ASSERT_TRUE(pump_until([&] { return listener->received.size() >= 9; }));
+    EXPECT_EQ(listener->received.size(), 9u) << "a refused command notified";
+    EXPECT_EQ(listener->received.back().device.get(), flash.get());
     EXPECT_EQ(server->UnadviseListener(listener.get()), S_OK);
 }
 
@@ -178,7 +169,7 @@ TEST_F(sim_control, control_tool_talks_to_the_server)
 
     auto result = run_tool(L"--pipe " + pipe_name_ + L" connect hub \"LAB PC 3\"");
     EXPECT_EQ(result.exit_code, 0u) << result.output;
-    EXPECT_EQ(result.output, "connected hub\n");
+    EXPECT_EQ(result.output, L"connected hub\n");
     ASSERT_TRUE(pump_until([&] { return listener->received.size() == 1; }));
     EXPECT_EQ(listener->received[0].slot, 5);
     BSTR text = nullptr;
@@ -195,21 +186,21 @@ TEST_F(sim_control, control_tool_talks_to_the_server)
 
     result = run_tool(L"plug nothing");
     EXPECT_EQ(result.exit_code, 1u);
-    EXPECT_EQ(result.output, "there is no device \"nothing\"\n");
+    EXPECT_EQ(result.output, L"there is no device \"nothing\"\n");
 
     result = run_tool(L"");
     EXPECT_EQ(result.exit_code, 2u);
-    EXPECT_NE(result.output.find("usage:"), std::string::npos);
+    EXPECT_NE(result.output.find(L"usage:"), std::wstring::npos);
 
     result = run_tool(L"--pipe \\\\.\\pipe\\qmx.ulmora.simserver.nobody list");
     EXPECT_EQ(result.exit_code, 3u);
-    EXPECT_NE(result.output.find("no substitute server answers"), std::string::npos) << result.output;
+    EXPECT_NE(result.output.find(L"no substitute server answers"), std::wstring::npos) << result.output;
 
     // Scenario files can be checked without a server.
     use_scenario(R"({"devices": [{"id": "a", "name": "A"}], "shares": [{"device": "b"}]})");
     result = run_tool(L"check \"" + scenario_path_ + L"\"");
     EXPECT_EQ(result.exit_code, 1u);
-    EXPECT_NE(result.output.find("shares[0]: there is no device \"b\""), std::string::npos) << result.output;
+    EXPECT_NE(result.output.find(L"shares[0]: there is no device \"b\""), std::wstring::npos) << result.output;
     use_scenario(R"({"devices": [{"id": "a", "name": "A"}], "shares": [{"device": "a"}]})");
     result = run_tool(L"check \"" + scenario_path_ + L"\"");
     EXPECT_EQ(result.exit_code, 0u) << result.output;
@@ -282,4 +273,66 @@ TEST(sim_protocol, words_and_answers_survive_the_wire)
     const auto garbage = sim_server::decode_answer("what\nis this");
     EXPECT_FALSE(garbage.ok);
     EXPECT_EQ(garbage.text, L"the server gave an answer that is not understood");
+}
+
+// A state file makes servers of consecutive processes one service; "stop" is that
+// service's process ending under its clients.
+TEST_F(sim_control, the_state_file_carries_the_service_over_and_a_stop_disconnects_it)
+{
+    wchar_t folder[MAX_PATH];
+    ::GetTempPathW(MAX_PATH, folder);
+    const std::wstring state = std::wstring(folder) + L"sim-state-" + std::to_wstring(::GetCurrentProcessId()) + L".json";
+    ::DeleteFileW(state.c_str());
+    ::SetEnvironmentVariableW(sim_server::state_variable, state.c_str());
+    {
+        auto server = create();
+        com_ptr<IUsbShare> share;
+        VARIANT key{};
+        key.vt = VT_BSTR;
+        key.bstrVal = ::SysAllocString(L"k\u00e4y");
+        ASSERT_EQ(server->ShareDevice(device_named(server.get(), L"Generic USB 3.0 Hub").get(), key, share.put()), S_OK);
+        ::VariantClear(&key);
+        EXPECT_TRUE(command(pipe_name_, {L"add", L"cam", L"Orbis Webcam", L"class=image"}).ok);
+        EXPECT_TRUE(command(pipe_name_, {L"unshare", L"flash"}).ok);
+    }
+    const auto kept = sim_server::load_scenario_file(state);
+    ASSERT_EQ(kept.devices.size(), 6u);
+    EXPECT_EQ(kept.devices.back().name, L"Orbis Webcam");
+    EXPECT_EQ(kept.devices.front().instance_id, sim_server::default_scenario().devices.front().instance_id);
+    EXPECT_EQ(kept.devices.front().hardware_ids, sim_server::default_scenario().devices.front().hardware_ids);
+
+    auto server = create();
+    std::vector<std::wstring> shared;
+    for (const auto& share : shares(server.get())) {
+        com_ptr<IUsbDevice> device;
+        BSTR text = nullptr;
+        ASSERT_EQ(share->GetDevice(device.put()), S_OK);
+        ASSERT_EQ(device->GetName(&text), S_OK);
+        shared.push_back(text_of(text));
+        if (shared.back() == L"Generic USB 3.0 Hub") {
+            ASSERT_EQ(share->GetAuthenticationKey(&text), S_OK);
+            EXPECT_EQ(text_of(text), L"k\u00e4y");
+        }
+    }
+    EXPECT_EQ(shared, (std::vector<std::wstring>{L"Labelwise LP-420 Label Printer", L"Vaultkey Licence Dongle",
+                                                 L"Generic USB 3.0 Hub"}));
+
+    auto listener = tessel::make_com_object<recording_listener>();
+    ASSERT_EQ(server->AdviseListener(listener.get()), S_OK);
+    const auto cam = device_named(server.get(), L"Orbis Webcam");
+    ASSERT_TRUE(cam);
+    EXPECT_TRUE(command(pipe_name_, {L"stop", L"300"}).ok);
+    VARIANT_BOOL running = VARIANT_TRUE;
+    BSTR name = nullptr;
+    EXPECT_EQ(server->IsRunning(&running), RPC_E_DISCONNECTED);
+    EXPECT_EQ(cam->GetName(&name), RPC_E_DISCONNECTED);
+    com_ptr<IUsbServer> again;
+    EXPECT_EQ(create(again), CO_E_SERVER_EXEC_FAILURE);
+    EXPECT_TRUE(command(pipe_name_, {L"unplug", L"cam"}).ok);
+    pump_for(50);
+    EXPECT_TRUE(listener->received.empty());
+    EXPECT_TRUE(pump_until([&] { return SUCCEEDED(create(again)); }, 5000));
+    EXPECT_EQ(again->IsRunning(&running), S_OK);
+    ::SetEnvironmentVariableW(sim_server::state_variable, nullptr);
+    ::DeleteFileW(state.c_str());
 }

@@ -4,7 +4,7 @@
 // apartment) until it is closed, saves the settings and, when the main window asked for
 // it, starts a fresh copy of itself.
 
-#include "app/cmd_line.h"
+#include "base/cmd_line.h"
 #include "app/startup.h"
 #include "base/async_context.h"
 #include "base/com_object.h"
@@ -12,6 +12,7 @@
 #include "base/coroutine.h"
 #include "base/failure.h"
 #include "base/module_path.h"
+#include "base/process_hardening.h"
 #include "base/registered_messages.h"
 #include "base/service_registry.h"
 #include "base/utf.h"
@@ -69,7 +70,7 @@ void report_failed_work(std::exception_ptr error) noexcept
 }
 
 // Step 9's loop: until WM_QUIT, with the hook that resumes coroutines also inside modal loops.
-int run_message_loop(HWND main_window)
+int run_message_loop(main_dialog& dialog, HWND main_window)
 {
     tessel::unique_hhook hook = tessel::windows::impl::install_ui_return_hook();
     MSG message;
@@ -79,7 +80,7 @@ int run_message_loop(HWND main_window)
             tessel::fail_fast_last_error(L"GetMessage failed");
         if (got == 0)
             break;
-        if (::IsWindow(main_window) && ::IsDialogMessageW(main_window, &message))
+        if (::IsWindow(main_window) && (dialog.translate_shortcut(message) || ::IsDialogMessageW(main_window, &message)))
             continue;
         ::TranslateMessage(&message);
         ::DispatchMessageW(&message);
@@ -129,7 +130,7 @@ update_hooks update_hooks_of(main_dialog& dialog)
 int run(int show_command)
 {
     // Before anything loads a library: no DLL from beside the program or the current folder.
-    harden_process();
+    tessel::harden_process();
 
     // 1. Only one copy on the screen: bring the other one to the front.
     if (HWND other = find_window_with_title_prefix(product_title)) {
@@ -205,7 +206,7 @@ int run(int show_command)
         ::InitCommonControlsEx(&controls);
         const HWND window = dialog.create(show_command);
         apply_title_bar_theme(window);
-        exit_code = run_message_loop(window);
+        exit_code = run_message_loop(dialog, window);
 
         // 10. The settings, as they are now.
         try {
@@ -215,8 +216,13 @@ int run(int show_command)
         }
 
         // 11. A confirmed language change restarts the program with the same arguments.
-        if (restart_requested)
-            start_new_copy(command_line);
+        if (restart_requested) {
+            try {
+                start_new_copy(tessel::module_path(), command_line);
+            } catch (...) {
+                tessel::debug_report(L"the program's own path is unknown: no restart");
+            }
+        }
     }  // 12. The window's object goes first, then GDI+, the server and COM.
     if (gdiplus_token)
         Gdiplus::GdiplusShutdown(gdiplus_token);

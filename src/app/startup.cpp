@@ -1,6 +1,7 @@
 #include "app/startup.h"
 
 #include "base/failure.h"
+#include "base/process_hardening.h"
 #include "base/unique_handle.h"
 #include "controls/dark_theme.h"
 #include "format/ts_printf.h"
@@ -13,49 +14,12 @@ namespace servercfg {
 
 bool restart_requested = false;
 
-namespace {
-
-bool safe_search_order = false;
-
-}  // namespace
-
-bool harden_process() noexcept
-{
-    ::HeapSetInformation(nullptr, HeapEnableTerminationOnCorruption, nullptr, 0);
-    // Looked up, not imported: systems without the update that brought it would not even
-    // start the program otherwise.
-    using set_default_fn = BOOL(WINAPI*)(DWORD);
-    const HMODULE kernel = ::GetModuleHandleW(L"kernel32.dll");
-    const auto set_default = kernel ? reinterpret_cast<set_default_fn>(reinterpret_cast<void*>(
-                                          ::GetProcAddress(kernel, "SetDefaultDllDirectories")))
-                                    : nullptr;
-    safe_search_order = set_default && set_default(LOAD_LIBRARY_SEARCH_SYSTEM32);
-    // Without it, at least the current folder leaves the search order.
-    ::SetDllDirectoryW(L"");
-    return safe_search_order;
-}
-
-HMODULE load_system_library(const wchar_t* name) noexcept
-{
-    if (safe_search_order)
-        return ::LoadLibraryExW(name, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
-    try {
-        wchar_t folder[MAX_PATH];
-        const UINT length = ::GetSystemDirectoryW(folder, MAX_PATH);
-        if (length == 0 || length >= MAX_PATH)
-            return nullptr;
-        return ::LoadLibraryW((std::wstring(folder, length) + L"\\" + name).c_str());
-    } catch (...) {
-        return nullptr;
-    }
-}
-
 void apply_title_bar_theme(HWND window) noexcept
 {
     // DWMWA_USE_IMMERSIVE_DARK_MODE; mingw's headers lack the name.
     constexpr DWORD use_dark_mode = 20;
     using set_attribute_fn = HRESULT(WINAPI*)(HWND, DWORD, const void*, DWORD);
-    static const HMODULE dwm = load_system_library(L"dwmapi.dll");
+    static const HMODULE dwm = tessel::load_system_library(L"dwmapi.dll");
     const auto set_attribute = dwm ? reinterpret_cast<set_attribute_fn>(reinterpret_cast<void*>(
                                          ::GetProcAddress(dwm, "DwmSetWindowAttribute")))
                                    : nullptr;
@@ -107,7 +71,7 @@ std::wstring format_error_message(std::uint32_t message_id, HRESULT code)
     return ts_printf::format(tessel::load_string(message_id), error_text(code), static_cast<std::uint32_t>(code));
 }
 
-void start_new_copy(std::wstring_view command_line) noexcept
+void start_new_copy(const std::wstring& application, std::wstring_view command_line) noexcept
 {
     try {
         // CreateProcessW may write into the command line, so it gets a copy.
@@ -116,8 +80,8 @@ void start_new_copy(std::wstring_view command_line) noexcept
         STARTUPINFOW startup{};
         startup.cb = sizeof startup;
         PROCESS_INFORMATION process{};
-        if (::CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, NORMAL_PRIORITY_CLASS, nullptr, nullptr,
-                             &startup, &process)) {
+        if (::CreateProcessW(application.c_str(), line.data(), nullptr, nullptr, FALSE, NORMAL_PRIORITY_CLASS, nullptr,
+                             nullptr, &startup, &process)) {
             tessel::unique_handle process_handle(process.hProcess), thread_handle(process.hThread);
         }
     } catch (...) {

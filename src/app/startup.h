@@ -22,16 +22,6 @@ extern bool restart_requested;
 // The exit code when the command line cannot be read.
 inline constexpr int exit_code_bad_command_line = ERROR_INVALID_PARAMETER;
 
-// Done first thing in wWinMain, before anything loads a library. The program runs
-// elevated, so a DLL that someone drops beside it or into the current folder must never
-// be taken for a system library: libraries load from the system folder (and by full
-// path) only. A corrupted heap ends the process instead of being used on. Returns whether
-// the safe library search order is in force (it is missing only on systems that predate it).
-bool harden_process() noexcept;
-
-// A system library by name, always from the system folder; null when it cannot be loaded.
-[[nodiscard]] HMODULE load_system_library(const wchar_t* name) noexcept;
-
 // Gives the main window's title bar the system's dark or light look (DWM), following the
 // user's app theme. Silently does nothing where DWM cannot do it.
 void apply_title_bar_theme(HWND window) noexcept;
@@ -48,7 +38,9 @@ void apply_title_bar_theme(HWND window) noexcept;
 [[nodiscard]] std::wstring format_error_message(std::uint32_t message_id, HRESULT code);
 
 // Starts a new copy of the program with the very same command line, without waiting.
-// A failure to start is not reported.
-void start_new_copy(std::wstring_view command_line) noexcept;
+// The program is named by its own path (application), so that nothing is searched for: an
+// unquoted command line with blanks would otherwise be tried piece by piece ("C:\Program"
+// first). A failure to start is not reported.
+void start_new_copy(const std::wstring& application, std::wstring_view command_line) noexcept;
 
 }  // namespace servercfg

@@ -41,4 +41,29 @@ std::wstring module_file_name(HMODULE module)
     return path.substr(after_last_separator(path));
 }
 
+std::wstring final_path_of(HANDLE file)
+{
+    std::wstring path(MAX_PATH, L'\0');
+    for (;;) {
+        const DWORD length = ::GetFinalPathNameByHandleW(file, path.data(), static_cast<DWORD>(path.size()),
+                                                         FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+        throw_last_error_if(length == 0);
+        if (length < path.size()) {
+            path.resize(length);
+            break;
+        }
+        path.resize(length + 1);
+    }
+    // The system answers "\\?\C:\..." or "\\?\UNC\server\...": the prefix goes where the
+    // rest fits the ordinary form, which is what installers expect to see as their own path.
+    constexpr std::wstring_view local = L"\\\\?\\", unc = L"\\\\?\\UNC\\";
+    if (path.size() < MAX_PATH + local.size()) {
+        if (path.starts_with(unc))
+            return L"\\\\" + path.substr(unc.size());
+        if (path.starts_with(local) && path.size() > local.size() + 2 && path[local.size() + 1] == L':')
+            return path.substr(local.size());
+    }
+    return path;
+}
+
 }  // namespace tessel

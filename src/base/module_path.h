@@ -15,4 +15,8 @@ namespace tessel {
 // The file name alone ("ServerCfg.exe").
 [[nodiscard]] std::wstring module_file_name(HMODULE module = nullptr);
 
+// The path of the file or folder an open handle refers to now, as the system resolves it
+// (links followed), in the drive-letter or UNC form that every API takes.
+[[nodiscard]] std::wstring final_path_of(HANDLE file);
+
 }  // namespace tessel

@@ -25,11 +25,17 @@
 #include <string>
 #include <vector>
 
+namespace tessel::windows::new_controls {
+class theme_settings;  // controls/dark_theme.h
+}
+
 namespace tessel::windows::new_controls::listview::impl {
 
 // Rows are addressed by 64-bit indices; all bits set means "no row".
 using row_index = std::uint64_t;
 inline constexpr row_index no_row = ~row_index{0};
+// Screen readers name a row by a 32-bit child id, row + 1: rows from here on have none.
+inline constexpr row_index max_accessible_rows = 0x7ffffffe;
 
 inline constexpr wchar_t listview_class[] = L"qmx.tessel.listview";
 
@@ -182,6 +188,9 @@ struct handler_lists {
     // What a screen reader says for a cell that shows only pictures (a marker icon, say);
     // empty: the cell adds nothing to its row's accessible name.
     std::function<std::wstring(row_index, std::size_t column)> picture_cell_text;
+    // Words a screen reader hears after the row's first cell for what the row shows only
+    // by its look (a dimmed row: "disconnected"); empty: nothing.
+    std::function<std::wstring(row_index)> row_state_text;
     std::function<row_outline(row_index)> outline_of_row;
 };
 
@@ -283,6 +292,10 @@ public:
 
     // The tooltip window, created on first need (null before).
     [[nodiscard]] HWND tooltip_window() const noexcept;
+
+    // Where the list learns the system's colours, high contrast and dark mode (the system
+    // itself unless a test gives its own, which must outlive the list).
+    void set_theme_settings(const theme_settings& settings);
 
     struct state;  // the implementation, in listview.cpp
 

@@ -15,9 +15,7 @@
 namespace tessel::windows::new_controls::listview::impl {
 namespace {
 
-using list_state = listview<uniform_height>::state;
-
-constexpr long max_children = 0x7ffffffe;
+constexpr long max_children = long(max_accessible_rows);
 
 HRESULT set_bstr(BSTR* out, const std::wstring& text) noexcept
 {
@@ -165,7 +163,14 @@ public:
     } catch (...) {
         return hresult_from_caught_exception();
     }
-    HRESULT STDMETHODCALLTYPE get_accDescription(VARIANT, BSTR* out) noexcept override { return set_bstr(out, {}); }
+    HRESULT STDMETHODCALLTYPE get_accDescription(VARIANT child, BSTR* out) noexcept override try {
+        if (!s_)
+            return RPC_E_DISCONNECTED;
+        const auto row = is_self(child) ? std::nullopt : row_of(child);
+        return set_bstr(out, row ? s_->accessible_description(*row) : std::wstring());
+    } catch (...) {
+        return hresult_from_caught_exception();
+    }
     HRESULT STDMETHODCALLTYPE get_accRole(VARIANT child, VARIANT* role) noexcept override
     {
         if (!role)
@@ -255,20 +260,21 @@ public:
         ::VariantInit(selection);
         if (!s_)
             return RPC_E_DISCONNECTED;
-        const iselection& sel = *s_->selection;
-        if (sel.is_empty())
+        // Only rows that are children can be named: readers list what they are given, and
+        // a bounded snapshot is enough for them.
+        std::vector<long> ids;
+        const range_set& rows = s_->selection->selected_rows();
+        for (row_run run = rows.run_from(0); run.first < max_accessible_rows && ids.size() < 10000;
+             run = rows.run_from(run.end))
+            for (row_index row = run.first; row < run.end && row < max_accessible_rows && ids.size() < 10000; ++row)
+                ids.push_back(long(row + 1));
+        if (ids.empty())
             return S_FALSE;
-        if (sel.count() == 1) {
+        if (ids.size() == 1) {
             selection->vt = VT_I4;
-            selection->lVal = long(std::min<row_index>(sel.first_selected(), max_children - 1) + 1);
+            selection->lVal = ids.front();
             return S_OK;
         }
-        // Readers list what they are given: a bounded snapshot is enough for them.
-        std::vector<long> ids;
-        const range_set& rows = sel.selected_rows();
-        for (row_run run = rows.run_from(0); run.first != none && ids.size() < 10000; run = rows.run_from(run.end))
-            for (row_index row = run.first; row < run.end && row < row_index(max_children) && ids.size() < 10000; ++row)
-                ids.push_back(long(row + 1));
         selection->vt = VT_UNKNOWN;
         selection->punkVal = make_com_object<child_enumerator>(std::move(ids)).detach();
         return S_OK;
@@ -291,20 +297,31 @@ public:
         if (!row)
             return E_INVALIDARG;
         listview<uniform_height>& list = *s_->owner;
-        const bool multiple = s_->mode == selection_mode::multiple;
-        if (!multiple && (flags & (SELFLAG_ADDSELECTION | SELFLAG_EXTENDSELECTION)))
+        auto* const multiple =
+            s_->mode == selection_mode::multiple ? static_cast<multiple_selection*>(s_->selection.get()) : nullptr;
+        constexpr long add = SELFLAG_ADDSELECTION, remove = SELFLAG_REMOVESELECTION, extend = SELFLAG_EXTENDSELECTION;
+        if ((flags & ~SELFLAG_VALID) || ((flags & add) && (flags & remove)) ||
+            ((flags & SELFLAG_TAKESELECTION) && (flags & (add | remove | extend))) ||
+            (!multiple && (flags & (add | extend))))
             return E_INVALIDARG;
+        if (flags & extend) {
+            // The rows from the anchor to this one: added, removed, or else given the
+            // anchor's state.
+            const row_index anchor = multiple->anchor() < s_->rows ? multiple->anchor() : *row;
+            const bool select = (flags & add) || (!(flags & remove) && s_->row_selected(anchor));
+            list.select_range(std::min(anchor, *row), std::max(anchor, *row) + 1, select);
+        } else if (flags & (add | remove)) {
+            list.select_range(*row, *row + 1, (flags & add) != 0);
+        }
+        if (flags & SELFLAG_TAKESELECTION)
+            list.select_row(*row);
         if (flags & SELFLAG_TAKEFOCUS) {
             ::SetFocus(s_->window);
             s_->set_focus(*row, false);
             s_->ensure_visible(*row);
+            if (multiple && !(flags & extend))
+                multiple->set_anchor(*row);  // as a click does; Shift keeps the anchor
         }
-        if (flags & SELFLAG_TAKESELECTION)
-            list.select_row(*row);
-        if (flags & SELFLAG_ADDSELECTION)
-            list.select_range(*row, *row + 1, true);
-        if (flags & SELFLAG_REMOVESELECTION)
-            list.select_range(*row, *row + 1, false);
         return S_OK;
     } catch (...) {
         return hresult_from_caught_exception();

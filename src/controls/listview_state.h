@@ -1,8 +1,17 @@
 #pragma once
-// Inside the list view: what listview.cpp and its screen-reader object share. Not for
-// users of the control.
+// Inside the list view: the state its parts share and what they call in each other. Not
+// for users of the control. The parts, one file each:
+//   listview.cpp             the window, its messages, data, columns and notifications;
+//   listview_selection.cpp   selection and focus, and how they follow rows that come and go;
+//   listview_paint.cpp       metrics, colours, cell layouts and drawing into the surface;
+//   listview_input.cpp       keyboard, mouse, hit testing and scrolling;
+//   listview_tips.cpp        the tooltip window and its tools;
+//   listview_find.cpp        type-to-find;
+//   listview_accessible.cpp  the object screen readers get.
+// Everything runs on the thread that owns the window.
 
 #include "base/com_ptr.h"
+#include "controls/dark_theme.h"
 #include "controls/inline_objects.h"
 #include "controls/listview.h"
 #include "controls/markup.h"
@@ -121,7 +130,11 @@ struct listview<uniform_height>::state {
     surface surfaces[2];
     d2d::icon_bitmap_cache* icon_cache = nullptr;  // of the surface being drawn
     theme_colours colours{};
+    const theme_settings* theme = nullptr;  // null: the system's
+    [[nodiscard]] const theme_settings& theme_source() const { return theme ? *theme : default_theme_settings(); }
     bool dark = false;
+    bool dark_parts = false;  // the window and its tooltip have the dark theme
+    bool high_contrast = false;
 
     // Layouts of the cells on screen; an entry is current while its generation is.
     std::uint64_t generation = 1;
@@ -167,6 +180,9 @@ struct listview<uniform_height>::state {
     [[nodiscard]] bool row_selected(row_index row) const noexcept;
     [[nodiscard]] RECT row_rect(row_index row) const noexcept;  // client pixels; may lie outside
     [[nodiscard]] std::wstring accessible_name(row_index row);
+    // What a screen reader reads after the name: the tooltips of the row's cells (the
+    // arguments of their "h" and "H" ranges), one per line.
+    [[nodiscard]] std::wstring accessible_description(row_index row);
     [[nodiscard]] row_outline outline(row_index row) const;
     [[nodiscard]] row_index visible_count() const noexcept;  // rows that fit, the last partly
     [[nodiscard]] int rows_top() const noexcept { return header_px; }
@@ -176,11 +192,56 @@ struct listview<uniform_height>::state {
     void notify_row(UINT code, row_index row, bool by_keyboard);
     void selection_changed();
     void set_focus(row_index row, bool by_keyboard);
+    // Tells readers which child has the focus, while the window has it.
+    void focus_event() const noexcept;
     void activate(row_index row, bool by_keyboard);
     void ensure_visible(row_index row);
     void invalidate_row(row_index row) noexcept;
     void repaint() noexcept;
 };
+
+using list_state = listview<uniform_height>::state;
+
+// listview_paint.cpp
+void refresh_metrics(list_state& s);
+void refresh_theme(list_state& s);
+[[nodiscard]] IDWriteTextFormat* text_format(list_state& s, const cell_style* style,
+                                             IDWriteInlineObject** ellipsis = nullptr);
+// The row's cells as they are drawn: asked from the providers and laid out when stale.
+cached_row& cached(list_state& s, row_index row);
+[[nodiscard]] float total_width(const list_state& s) noexcept;  // of all columns, DIPs
+[[nodiscard]] int client_width(const list_state& s) noexcept;
+// Draws the part `update` of the client area onto `dc` (the window's paint DC, or any
+// DC for WM_PRINTCLIENT).
+void draw_into(list_state& s, HDC dc, const RECT& update);
+void paint(list_state& s);
+
+// listview_input.cpp
+// The answer to a keyboard, mouse or scroll message; nothing for other messages and for
+// those that go on to DefWindowProc.
+[[nodiscard]] std::optional<LRESULT> handle_input(list_state& s, UINT message, WPARAM wparam, LPARAM lparam);
+[[nodiscard]] row_index max_top(const list_state& s) noexcept;
+void update_scroll_bars(list_state& s);
+void scroll_to_top(list_state& s, row_index top);
+void scroll_horizontally(list_state& s, int offset);
+void send_column_notification(list_state& s, UINT code, std::size_t column);
+void resize_column(list_state& s, std::size_t column, float width);
+// The widest visible cell of a column, for a double click on its separator.
+void fit_column(list_state& s, std::size_t column);
+
+// listview_selection.cpp
+void select_only(list_state& s, row_index row);  // a plain click or arrow key: exactly this row
+void extend(list_state& s, row_index row);
+void toggle(list_state& s, row_index row);
+// Moves the focus as a key or click does: plain selects only the row, Shift extends,
+// Ctrl moves the focus alone (in a multiple selection).
+void move_to(list_state& s, row_index row, bool shift, bool control, bool by_keyboard);
+
+// listview_tips.cpp
+void update_tips(list_state& s);
+
+// listview_find.cpp
+void on_char(list_state& s, wchar_t c);
 
 // The object screen readers get from WM_GETOBJECT. It outlives the window when a reader
 // holds it: the window detaches it, and from then on it answers CO_E_OBJNOTCONNECTED.

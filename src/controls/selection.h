@@ -18,6 +18,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 namespace tessel::windows::new_controls::listview::impl {
 
@@ -25,6 +26,12 @@ using row_index = std::uint64_t;
 inline constexpr row_index none = ~row_index{0};
 
 enum class range_mode : int { select = 0, deselect = 1, toggle = 2 };
+
+// Rows are numbered below 2^63 - 1, so that every row and every end of a run is a key of
+// the signed boundary store. A row at or past it throws std::length_error; the end of a
+// range is cut to it (none as an end means "to the last row there can be").
+inline constexpr row_index max_row_count = row_index{INT64_MAX};
+void check_row(row_index row);  // throws std::length_error for a row at or past the bound
 
 // Rows [first, end).
 struct row_run {
@@ -52,7 +59,7 @@ public:
 
     [[nodiscard]] bool contains(row_index row) const
     {
-        return row != none && state_before(boundaries_.lower_bound(key(row) + 1));
+        return row < max_row_count && state_before(boundaries_.lower_bound(key(row) + 1));
     }
 
     // The first boundary at which the state becomes selected; none when empty.
@@ -81,7 +88,7 @@ public:
     //   for (auto run = set.run_from(first); run.first < last; run = set.run_from(run.end))
     [[nodiscard]] row_run run_from(row_index from) const
     {
-        if (from == none)
+        if (from >= max_row_count)
             return {};
         auto after = boundaries_.lower_bound(key(from) + 1);
         if (state_before(after)) {
@@ -103,7 +110,8 @@ public:
     // Returns whether any row changed.
     bool assign(row_index first, row_index end, range_mode mode)
     {
-        if (first >= end || first == none)
+        end = end < max_row_count ? end : max_row_count;
+        if (first >= end)
             return false;
         const std::int64_t a = key(first), b = key(end);
         // One walk over the boundaries inside [a, b): how many rows there are selected and
@@ -165,6 +173,23 @@ public:
         return true;
     }
 
+    // Rows [at, at + removed) went and `inserted` unselected rows took their place: the
+    // runs after them move. Returns whether a selected row went.
+    bool replace_rows(row_index at, row_index removed, row_index inserted)
+    {
+        if (empty() || at >= last_end())
+            return false;
+        std::vector<row_run> after;  // the parts of runs behind the removed rows
+        for (row_run run = run_from(at + removed < at ? none : at + removed); run.first != none;
+             run = run_from(run.end))
+            after.push_back({run.first > at + removed ? run.first : at + removed, run.end});
+        const row_index before = count_;
+        assign(at, last_end(), range_mode::deselect);
+        for (const row_run& run : after)
+            assign(run.first - removed + inserted, run.end - removed + inserted, range_mode::select);
+        return count_ != before;
+    }
+
     void clear() noexcept
     {
         generation_ += count_ != 0;
@@ -175,8 +200,8 @@ public:
     [[nodiscard]] const store& boundaries() const noexcept { return boundaries_; }
 
 private:
-    // Row indices are unsigned, boundaries are keyed by signed rows; no list comes near
-    // 2^63 rows, so the conversion is the identity for every row there is.
+    // Row indices are unsigned, boundaries are keyed by signed rows; every row and end the
+    // set holds is at most max_row_count, so the conversion is the identity for them.
     static std::int64_t key(row_index row) noexcept { return std::int64_t(row); }
 
     // The state that holds just before the boundary `at` (or after the last one).
@@ -276,7 +301,13 @@ public:
     void clear() noexcept override;
     [[nodiscard]] bool is_selected(row_index row) const override { return rows_.contains(row); }
     [[nodiscard]] bool is_empty() const noexcept override { return rows_.empty(); }
+    // The anchor and the active extension refer only to rows that exist: rows that go
+    // take them along (the anchor becomes none, the extension loses those rows and ends
+    // when it has none left), rows that move carry them.
     bool truncate(row_index row_count) override;
+    // Rows [at, at + removed) went and `inserted` unselected rows took their place (an
+    // insertion when removed is 0). Returns whether a selected row went.
+    bool replace_rows(row_index at, row_index removed, row_index inserted);
 
 private:
     range_set rows_;

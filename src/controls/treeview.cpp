@@ -141,8 +141,12 @@ void treeview::append_first_cell_text(std::wstring& text, const tree_node& node,
 bool treeview::fill_cells(row_index row, std::size_t first_column, std::span<cell> cells,
                           std::optional<D2D1_COLOR_F>& row_colour)
 {
-    if (row >= rows_.size())
-        return false;
+    if (row >= rows_.size()) {
+        // Asked while the list's row count and the table disagree: an empty row.
+        for (cell& c : cells)
+            c = cell{};
+        return true;
+    }
     const visible_row& entry = rows_[row];
     const node_data& d = entry.node->data_;
     if (d.row_colour)
@@ -273,7 +277,7 @@ void treeview::set_expanded(tree_node* node, bool expanded)
         node->expanded_ = false;
     }
     list_.invalidate_rows(row);
-    if (list_.window() && row < 0x7fffffff)
+    if (list_.window() && row < listview::impl::max_accessible_rows)
         ::NotifyWinEvent(EVENT_OBJECT_STATECHANGE, list_.window(), OBJID_CLIENT, LONG(row + 1));
 }
 
@@ -450,11 +454,8 @@ void treeview::clear()
 
 void treeview::row_changed(const tree_node* node)
 {
-    if (const row_index row = row_of_node(node); row != no_row) {
-        list_.invalidate_rows(row);
-        if (list_.window() && row < 0x7fffffff)
-            ::NotifyWinEvent(EVENT_OBJECT_NAMECHANGE, list_.window(), OBJID_CLIENT, LONG(row + 1));
-    }
+    if (const row_index row = row_of_node(node); row != no_row)
+        list_.invalidate_rows(row);  // which tells readers of the new name
 }
 
 void treeview::update(tree_node* node, node_data data)

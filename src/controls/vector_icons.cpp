@@ -252,6 +252,9 @@ collection_cache::key collection_cache::make_key(HMODULE module, const wchar_t* 
 
 bool collection_cache::load(HMODULE module, const wchar_t* resource_name)
 {
+    // Once loaded, a collection stays: everything already handed out keeps sharing it.
+    if (get(module, resource_name))
+        return true;
     HRSRC found = ::FindResourceW(module, resource_name, L"VICON2");
     if (!found)
         return false;
@@ -264,7 +267,7 @@ bool collection_cache::load(HMODULE module, const wchar_t* resource_name)
         read_only_collection::from_resource({static_cast<const std::byte*>(bytes), size}));
     key k = make_key(module, resource_name);
     ::AcquireSRWLockExclusive(&lock_);
-    collections_.insert_or_assign(std::move(k), std::move(collection));
+    collections_.try_emplace(std::move(k), std::move(collection));  // a racing load may have come first
     ::ReleaseSRWLockExclusive(&lock_);
     return true;
 }

@@ -8,6 +8,7 @@
 #include "controls/vector_icons.h"
 #include "controls/window_icons.h"
 #include "localization/localization.h"
+#include "msgbox/link_opener.h"
 
 #include <gdiplus.h>
 #include <shellapi.h>
@@ -108,16 +109,6 @@ unique_hicon vector_message_icon(const wchar_t* name, int size) noexcept
                      system_message(hresult_from_caught_exception()));
         return {};
     }
-}
-
-bool starts_with_web_scheme(std::wstring_view text) noexcept
-{
-    const auto starts_with = [text](std::wstring_view prefix) {
-        return text.size() > prefix.size() &&
-               std::equal(prefix.begin(), prefix.end(), text.begin(),
-                          [](wchar_t a, wchar_t b) { return std::towlower(a) == b; });
-    };
-    return starts_with(L"http://") || starts_with(L"https://");
 }
 
 // What Escape and the close box answer; 0 when they must do nothing.
@@ -242,23 +233,19 @@ void set_icons(HWND dialog, dialog_state& state)
     state.message_icon = std::move(drawn);  // the one shown before goes only now
 }
 
-// A link in the text: web addresses open in the browser. The address is the link's text
-// ("[[[hhttps://...]]]") or, under a text of its own, its argument ("[[[h#[https://...]#here]]]").
-void open_link(const new_controls::nm_rich_view_link& link)
+// A link in the text opens through the program's one link opener, which takes only https.
+// The address is the link's argument ("[[[h#[https://...]#here]]]") or, without one, its
+// text ("[[[hhttps://...]]]").
+void open_activated_link(const new_controls::nm_rich_view_link& link)
 {
-    const std::wstring plain = windows::window_text(link.header.hwndFrom);
-    const std::wstring shown =
-        link.range.startPosition < plain.size() ? plain.substr(link.range.startPosition, link.range.length) : L"";
-    const std::wstring_view argument = link.argument ? link.argument : L"";
-    const std::wstring address = starts_with_web_scheme(shown)      ? shown
-                                 : starts_with_web_scheme(argument) ? std::wstring(argument)
-                                                                    : std::wstring();
-    if (address.empty())
-        return;
-    const auto result = reinterpret_cast<INT_PTR>(
-        ::ShellExecuteW(::GetParent(link.header.hwndFrom), L"open", address.c_str(), nullptr, nullptr, SW_SHOWNORMAL));
-    if (result <= 32)
-        debug_report(L"message box: the link could not be opened: " + address);
+    std::wstring address = link.argument ? link.argument : L"";
+    if (address.empty()) {
+        const std::wstring plain = windows::window_text(link.header.hwndFrom);
+        if (link.range.startPosition < plain.size())
+            address = plain.substr(link.range.startPosition, link.range.length);
+    }
+    if (!address.empty())
+        open_link(::GetParent(link.header.hwndFrom), address);
 }
 
 void initialize(HWND dialog, dialog_state& state)
@@ -322,7 +309,7 @@ INT_PTR CALLBACK dialog_procedure(HWND dialog, UINT message, WPARAM wparam, LPAR
             const auto* header = reinterpret_cast<const NMHDR*>(lparam);
             if (header->code != new_controls::rvn_link_activated)
                 return FALSE;
-            open_link(*reinterpret_cast<const new_controls::nm_rich_view_link*>(lparam));
+            open_activated_link(*reinterpret_cast<const new_controls::nm_rich_view_link*>(lparam));
             return TRUE;
         }
         case WM_COMMAND: {

@@ -8,8 +8,7 @@
 #include "controls/window_icons.h"
 #include "format/ts_printf.h"
 #include "localization/localization.h"
-
-#include <shellapi.h>
+#include "msgbox/link_opener.h"
 
 #include <algorithm>
 #include <vector>
@@ -47,24 +46,6 @@ std::wstring about_text(const file_version& version)
 std::wstring notices_path()
 {
     return tessel::module_folder() + notices_file_name;
-}
-
-void open_in_browser(const std::wstring& address) noexcept
-{
-    ::ShellExecuteW(nullptr, L"open", address.c_str(), nullptr, nullptr, SW_SHOWNORMAL);
-}
-
-void open_text_file(HWND owner, const std::wstring& path) noexcept
-{
-    // Notepad from the system folder: whatever the ".txt" association names may be an
-    // editor that runs what it opens.
-    wchar_t system_folder[MAX_PATH]{};
-    const UINT length = ::GetSystemDirectoryW(system_folder, MAX_PATH);
-    if (length == 0 || length >= MAX_PATH)
-        return;
-    const std::wstring viewer = std::wstring(system_folder) + L"\\notepad.exe";
-    const std::wstring parameters = L"\"" + path + L"\"";
-    ::ShellExecuteW(owner, L"open", viewer.c_str(), parameters.c_str(), nullptr, SW_SHOWNORMAL);
 }
 
 void about_dialog::on_init_dialog()
@@ -174,14 +155,13 @@ INT_PTR about_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)
     case WM_NOTIFY: {
         const auto* header = reinterpret_cast<const NMHDR*>(lparam);
         if (header->code == tessel::windows::new_controls::rvn_link_activated && header->idFrom == ids::notices) {
-            if (open_file_)
-                open_file_(window_, notices_path());
+            tessel::open_text_file(window_, notices_path(), launcher_);
             return TRUE;
         }
         if (header->code == tessel::windows::new_controls::rvn_link_activated) {
             const auto* link = reinterpret_cast<const tessel::windows::new_controls::nm_rich_view_link*>(lparam);
             const std::wstring argument = link->argument ? link->argument : L"";
-            open_in_browser(argument.empty() ? std::wstring(vendor_site) : argument);
+            tessel::open_link(window_, argument.empty() ? std::wstring(vendor_site) : argument, launcher_);
             return TRUE;
         }
         return FALSE;

@@ -5,6 +5,7 @@
 // "Check for updates" button. It is laid out from its texts at its DPI.
 
 #include "base/unique_handle.h"
+#include "msgbox/link_opener.h"
 #include "ui_main/dialog_base.h"
 
 #include <windows.h>
@@ -39,16 +40,13 @@ struct file_version {
 inline constexpr wchar_t notices_file_name[] = L"ThirdPartyNotices.txt";
 [[nodiscard]] std::wstring notices_path();
 
-// Opens a local text file in the system's text viewer.
-void open_text_file(HWND owner, const std::wstring& path) noexcept;
-
 class about_dialog : public dialog_base<about_dialog> {
 public:
-    using file_opener = std::function<void(HWND owner, const std::wstring& path)>;
-    // check_for_updates: what the button does; empty hides the button. open_file: how the
-    // notices link opens the notices.
-    explicit about_dialog(std::function<void(HWND owner)> check_for_updates = {}, file_opener open_file = open_text_file)
-        : check_for_updates_(std::move(check_for_updates)), open_file_(std::move(open_file))
+    // check_for_updates: what the button does; empty hides the button. launcher: how the
+    // links start what they open.
+    explicit about_dialog(std::function<void(HWND owner)> check_for_updates = {},
+                          tessel::link_launcher& launcher = tessel::system_link_launcher())
+        : check_for_updates_(std::move(check_for_updates)), launcher_(launcher)
     {
     }
     INT_PTR show(HWND owner) { return run(owner, about_dialog_id); }
@@ -61,12 +59,9 @@ private:
     void arrange();
 
     std::function<void(HWND)> check_for_updates_;
-    file_opener open_file_;
+    tessel::link_launcher& launcher_;
     // Shown by the icon control, which does not own it: it must outlive the window.
     tessel::unique_hicon icon_;
 };
-
-// Opens an http(s) address in the user's browser.
-void open_in_browser(const std::wstring& address) noexcept;
 
 }  // namespace servercfg

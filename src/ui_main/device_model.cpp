@@ -156,16 +156,49 @@ std::wstring device_model::share_cell(bool shared) const
     return text;
 }
 
-std::wstring device_model::client_cell(IUsbDevice& device)
+void device_model::fill_share(entry& e, bool shared)
+{
+    e.shown.share = share_cell(shared);
+    e.shown.share_tip = shared ? (e.shown.key.empty() ? texts_.shared_without_key : texts_.shared_with_key)
+                               : texts_.not_shared;
+    const std::wstring& action = shared ? texts_.unshare_action : texts_.share_action;
+    if (!action.empty())
+        e.shown.share_tip += (e.shown.share_tip.empty() ? L"" : L"\n") + action;
+}
+
+void device_model::fill_client(entry& e)
 {
     HRESULT failure = S_OK;
-    const auto client = read_text(&IUsbDevice::GetClientName, device, &failure);
+    const auto client = read_text(&IUsbDevice::GetClientName, *e.data.device.get(), &failure);
     note(failure);
+    e.shown.client.clear();
+    e.shown.client_tip.clear();
     if (!client)
-        return {};
-    std::wstring text;
-    ts_printf::format_to(text, client_format_, !client->empty(), *client);
-    return text;
+        return;
+    ts_printf::format_to(e.shown.client, client_format_, !client->empty(), *client);
+    if (client->empty())
+        e.shown.client_tip = texts_.client_none;
+    else if (!texts_.client_connected.empty())
+        e.shown.client_tip = ts_printf::format(texts_.client_connected, *client);
+}
+
+std::wstring device_model::name_tip(const entry& e) const
+{
+    std::wstring tip;
+    const auto line = [&](const std::wstring& format, const std::wstring& value) {
+        if (format.empty() || value.empty())
+            return;
+        if (!tip.empty())
+            tip += L'\n';
+        tip += ts_printf::format(format, value);
+    };
+    line(texts_.tip_location, e.shown.location);
+    line(texts_.tip_instance_id, e.identity.instance_id);
+    if (e.identity.vid_pid)
+        line(texts_.tip_vid_pid, format_vid_pid(*e.identity.vid_pid));
+    line(texts_.tip_serial, e.identity.serial);
+    line(texts_.tip_class, e.identity.setup_class);
+    return tip;
 }
 
 void device_model::fill_columns(entry& e, std::optional<bool> connected)
@@ -174,8 +207,7 @@ void device_model::fill_columns(entry& e, std::optional<bool> connected)
     HRESULT failure = S_OK;
     e.shown.disconnected = !(connected ? *connected : is_connected(device, &failure));
     note(failure);
-    e.shown.share = share_cell(static_cast<bool>(e.data.share));
-    e.shown.client = client_cell(device);
+    fill_client(e);
     e.shown.key.clear();
     if (e.data.share) {
         BSTR key = nullptr;
@@ -185,9 +217,17 @@ void device_model::fill_columns(entry& e, std::optional<bool> connected)
         if (SUCCEEDED(got))
             e.shown.key = bstr_text(key);
     }
+    fill_share(e, static_cast<bool>(e.data.share));
     failure = S_OK;
     e.shown.location = read_text(&IUsbDevice::GetLocation, device, &failure).value_or(std::wstring());
     note(failure);
+    e.shown.name_tip = name_tip(e);
+}
+
+void device_model::walk(entry& e, const std::wstring& name)
+{
+    e.walked = build_local_subtree(nodes_, e.devinst, name, {icon_size_, texts_.unknown_device});
+    e.identity = e.walked ? nodes_.identity(e.walked->instance_id) : device_identity{};
 }
 
 bool device_model::build_row(IUsbDevice* device, const share_list& shares, std::size_t before,
@@ -212,14 +252,16 @@ bool device_model::build_row(IUsbDevice* device, const share_list& shares, std::
         // refresh of the same device node takes over what the last walk found (the names
         // and icons of the machine's nodes), until the machine's nodes change.
         if (previous)
-            if (const auto same = previous->find(device);
-                same != previous->end() && same->second->devinst == e.devinst && same->second->walked) {
+            if (const auto same = previous->find(device); same != previous->end() &&
+                                                           same->second->devinst == e.devinst &&
+                                                           same->second->walked && !same->second->walk_pending) {
                 e.walked = std::move(same->second->walked);
+                e.identity = std::move(same->second->identity);
                 same->second->walked.reset();
                 e.walked->name = name;
             }
         if (!e.walked)
-            e.walked = build_local_subtree(nodes_, e.devinst, name, {icon_size_, texts_.unknown_device});
+            walk(e, name);
     }
     const std::optional<local_device_node>& subtree = e.walked;
 
@@ -337,8 +379,37 @@ void device_model::device_changed(IUsbServer& server, IUsbDevice* device)
     if (const auto name = read_text(&IUsbDevice::GetName, *device, &failure); name && !name->empty())
         e.shown.name = *name;
     note(failure);
+    // Plugged in or out, the device's nodes came or went on this machine: what was walked
+    // before no longer holds.
+    DWORD devinst = e.devinst;
+    if (const auto node = com_ptr<IUsbDevice>(device).try_query<IUsbDeviceNode>())
+        devinst = node->GetDevInst();
+    if (e.shown.disconnected == connected || devinst != e.devinst) {
+        e.devinst = devinst;
+        e.walk_pending = true;
+    }
     fill_columns(e, connected);
     tree_.update_row(e.handle, e.shown);
+}
+
+bool device_model::walks_pending() const noexcept
+{
+    return std::any_of(rows_.begin(), rows_.end(), [](const entry& e) { return e.walk_pending; });
+}
+
+void device_model::walk_pending_rows()
+{
+    update_scope scope(*this);
+    for (entry& e : rows_) {
+        if (!e.walk_pending)
+            continue;
+        e.walk_pending = false;
+        walk(e, e.shown.name);
+        e.shown.icon = e.walked ? e.walked->icon : device_icon{};
+        e.shown.name_tip = name_tip(e);
+        tree_.update_row(e.handle, e.shown);
+        tree_.replace_children(e.handle, e.walked ? &*e.walked : nullptr);
+    }
 }
 
 void device_model::client_changed(IUsbDevice* device)
@@ -351,7 +422,7 @@ void device_model::client_changed(IUsbDevice* device)
     if (const auto name = read_text(&IUsbDevice::GetName, *device, &failure); name && !name->empty())
         e.shown.name = *name;
     note(failure);
-    e.shown.client = client_cell(*device);
+    fill_client(e);
     tree_.update_row(e.handle, e.shown);
 }
 
@@ -374,8 +445,8 @@ void device_model::toggle_share(IUsbServer& server, std::size_t row, share_promp
         if (const auto index = index_of(device.get())) {
             entry& e = rows_[*index];
             e.data.share = nullptr;
-            e.shown.share = share_cell(false);
             e.shown.key.clear();
+            fill_share(e, false);
             tree_.update_row(e.handle, e.shown);
         }
         if (FAILED(hr))
@@ -413,8 +484,8 @@ void device_model::toggle_share(IUsbServer& server, std::size_t row, share_promp
     if (const auto index = index_of(device.get())) {
         entry& e = rows_[*index];
         e.data.share = std::move(share);
-        e.shown.share = share_cell(true);
         e.shown.key = *key;
+        fill_share(e, true);
         tree_.update_row(e.handle, e.shown);
     }
 }

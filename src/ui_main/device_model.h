@@ -32,8 +32,14 @@ struct device_row {
     std::wstring client;  // column 2
     std::wstring key;     // column 3
     bool disconnected = false;
-    // The server's location of the device, the name's tooltip.
+    // The server's location of the device (device slot 13).
     std::wstring location;
+    // Plain texts of the cells' tooltips; empty: none. The name's tells the device apart
+    // (location, instance ID, VID:PID, serial number, setup class), the share cell's how
+    // it is shared (never the key), the client cell's who holds it.
+    std::wstring name_tip;
+    std::wstring share_tip;
+    std::wstring client_tip;
 };
 
 // The model's view of the tree. A row handle stays valid until the row is removed or the
@@ -51,6 +57,8 @@ public:
     // node below `subtree`'s root, depth first. Children show child_row_text(name).
     virtual row_handle insert_row(row_handle before, const device_row& row, const local_device_node* subtree) = 0;
     virtual void update_row(row_handle row, const device_row& data) = 0;
+    // The rows below a top-level row again, from a new walk of its local subtree (null: none).
+    virtual void replace_children(row_handle row, const local_device_node* subtree) = 0;
     virtual void remove_row(row_handle row) = 0;
     virtual void set_collapsed(row_handle row, bool collapsed) = 0;
     [[nodiscard]] virtual bool collapsed(row_handle row) const = 0;
@@ -88,6 +96,22 @@ public:
         // Icon handles of the shared and not-shared markers, as numbers for "[[[r:{}: ]]]".
         std::uintptr_t shared_marker = 0;
         std::uintptr_t not_shared_marker = 0;
+        // Lines of the name's tooltip, each with its value as {0}; a line whose value is
+        // empty is left out.
+        std::wstring tip_location{};
+        std::wstring tip_instance_id{};
+        std::wstring tip_vid_pid{};
+        std::wstring tip_serial{};
+        std::wstring tip_class{};
+        // The share cell's tooltip: the state, then what a click does.
+        std::wstring shared_with_key{};
+        std::wstring shared_without_key{};
+        std::wstring not_shared{};
+        std::wstring share_action{};
+        std::wstring unshare_action{};
+        // The client cell's: {0} the client's name.
+        std::wstring client_connected{};
+        std::wstring client_none{};
     };
 
     device_model(device_rows& rows, device_node_source& nodes);
@@ -97,6 +121,7 @@ public:
     void set_texts(texts t) { texts_ = std::move(t); }
     // A new size also forgets the local subtrees, whose icons have the old one.
     void set_icon_size(int pixels) noexcept;
+    [[nodiscard]] int icon_size() const noexcept { return icon_size_; }
     // The machine's device nodes changed: the next rows walk their local subtrees again.
     void forget_local_subtrees() noexcept;
     [[nodiscard]] view_options& options() noexcept { return options_; }
@@ -111,6 +136,11 @@ public:
     void device_changed(IUsbServer& server, IUsbDevice* device);
     // The device's client column is re-read.
     void client_changed(IUsbDevice* device);
+    // Rows whose device came or went on this machine (its connected state flipped, or its
+    // device node changed) wait for a new walk of their local subtree: many changes in a
+    // row cost one walk each, done here.
+    [[nodiscard]] bool walks_pending() const noexcept;
+    void walk_pending_rows();
     // Collapses or expands every top-level row.
     void collapse_all(bool collapse);
 
@@ -138,6 +168,9 @@ private:
         // a full refresh takes it over for the same device rather than walking again.
         std::optional<local_device_node> walked;
         DWORD devinst = 0;
+        // What the walk found out about the device's own node.
+        device_identity identity;
+        bool walk_pending = false;
     };
     // The shares with the device each belongs to, in GetShares order.
     struct share_list {
@@ -166,8 +199,11 @@ private:
                    previous_rows* previous = nullptr);
     // connected: what IsConnected answered already, if it was asked.
     void fill_columns(entry& e, std::optional<bool> connected = std::nullopt);
+    void walk(entry& e, const std::wstring& name);
+    void fill_share(entry& e, bool shared);
+    void fill_client(entry& e);
     [[nodiscard]] std::wstring share_cell(bool shared) const;
-    [[nodiscard]] std::wstring client_cell(IUsbDevice& device);
+    [[nodiscard]] std::wstring name_tip(const entry& e) const;
     // Where a device's row goes so that rows keep the server's order.
     std::size_t insertion_point(IUsbServer& server, IUsbDevice* device);
     void remove_at(std::size_t index);

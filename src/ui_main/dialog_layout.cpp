@@ -16,6 +16,29 @@ RECT child_rect(HWND dialog, HWND child)
     return r;
 }
 
+// Pixels in 1/100 dialog units: 400 horizontal units are 100 average characters, 800
+// vertical ones 100 lines.
+SIZE dialog_base(HWND dialog)
+{
+    RECT base{0, 0, 400, 800};
+    ::MapDialogRect(dialog, &base);
+    return {std::max<LONG>(1, base.right), std::max<LONG>(1, base.bottom)};
+}
+
+RECT to_layout_units(HWND dialog, const RECT& pixels)
+{
+    const SIZE base = dialog_base(dialog);
+    return {::MulDiv(pixels.left, 40000, base.cx), ::MulDiv(pixels.top, 80000, base.cy),
+            ::MulDiv(pixels.right, 40000, base.cx), ::MulDiv(pixels.bottom, 80000, base.cy)};
+}
+
+RECT to_pixels(HWND dialog, const RECT& units)
+{
+    const SIZE base = dialog_base(dialog);
+    return {::MulDiv(units.left, base.cx, 40000), ::MulDiv(units.top, base.cy, 80000),
+            ::MulDiv(units.right, base.cx, 40000), ::MulDiv(units.bottom, base.cy, 80000)};
+}
+
 void offset_child(HWND dialog, int id, int dx)
 {
     const HWND child = ::GetDlgItem(dialog, id);
@@ -24,6 +47,60 @@ void offset_child(HWND dialog, int id, int dx)
 }
 
 }  // namespace
+
+RECT child_rect(HWND dialog, int id)
+{
+    return child_rect(dialog, ::GetDlgItem(dialog, id));
+}
+
+void anchored_layout::capture(HWND dialog, std::span<const anchor> anchors)
+{
+    anchors_.assign(anchors.begin(), anchors.end());
+    designed_.clear();
+    for (const anchor& a : anchors_)
+        designed_.push_back(to_layout_units(dialog, child_rect(dialog, a.id)));
+    RECT client;
+    ::GetClientRect(dialog, &client);
+    const RECT units = to_layout_units(dialog, client);
+    designed_client_ = {units.right, units.bottom};
+}
+
+void anchored_layout::apply(HWND dialog) const
+{
+    if (!captured() || ::IsIconic(dialog))
+        return;
+    RECT client;
+    ::GetClientRect(dialog, &client);
+    const RECT designed = to_pixels(dialog, {0, 0, designed_client_.cx, designed_client_.cy});
+    const int dx = client.right - designed.right;
+    const int dy = client.bottom - designed.bottom;
+    HDWP batch = ::BeginDeferWindowPos(static_cast<int>(anchors_.size()));
+    for (std::size_t i = 0; i < anchors_.size() && batch; ++i) {
+        const anchor& a = anchors_[i];
+        RECT r = to_pixels(dialog, designed_[i]);
+        if (a.left_follows)
+            r.left += dx;
+        if (a.right_follows)
+            r.right += dx;
+        if (a.top_follows)
+            r.top += dy;
+        if (a.bottom_follows)
+            r.bottom += dy;
+        batch = ::DeferWindowPos(batch, ::GetDlgItem(dialog, a.id), nullptr, r.left, r.top, r.right - r.left,
+                                 r.bottom - r.top, SWP_NOZORDER | SWP_NOACTIVATE);
+    }
+    if (batch)
+        ::EndDeferWindowPos(batch);
+    ::InvalidateRect(dialog, nullptr, TRUE);
+}
+
+SIZE anchored_layout::minimum_window_size(HWND dialog) const
+{
+    RECT frame = to_pixels(dialog, {0, 0, designed_client_.cx, designed_client_.cy});
+    ::AdjustWindowRectEx(&frame, static_cast<DWORD>(::GetWindowLongPtrW(dialog, GWL_STYLE)), FALSE,
+                         static_cast<DWORD>(::GetWindowLongPtrW(dialog, GWL_EXSTYLE)));
+    return {frame.right - frame.left, frame.bottom - frame.top};
+}
 
 void fit_dialog_to_texts(HWND dialog, std::initializer_list<text_fit> fits, std::initializer_list<int> right_anchored)
 {

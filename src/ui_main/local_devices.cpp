@@ -83,11 +83,16 @@ void walk_id(walk_state& state, const std::wstring& id, std::optional<DWORD> dev
     DWORD child = node;
     const CONFIGRET first = state.source.get_child(&child, node);
     if (first == CR_SUCCESS && child != node) {
+        // Children whose ID cannot be read, by handle: they have no ID to remember.
+        std::set<DWORD> unreadable;
         for (;;) {
+            // A child whose ID cannot be read makes no node, but its siblings still do; one
+            // met before means the sibling chain turned back on itself.
             const std::wstring child_id = state.source.instance_id(child);
-            if (child_id.empty() || state.visited.contains(child_id))
+            if (child_id.empty() ? !unreadable.insert(child).second : state.visited.contains(child_id))
                 break;
-            walk_id(state, child_id, child, self.children);
+            if (!child_id.empty())
+                walk_id(state, child_id, child, self.children);
             DWORD next = child;
             if (state.source.get_sibling(&next, child) != CR_SUCCESS || next == child)
                 break;
@@ -251,6 +256,8 @@ public:
 
     CONFIGRET get_child(DWORD* child, DWORD node) override { return ::CM_Get_Child(child, node, 0); }
     CONFIGRET get_sibling(DWORD* sibling, DWORD node) override { return ::CM_Get_Sibling(sibling, node, 0); }
+
+    device_identity identity(const std::wstring& instance_id) override { return read_node_identity(instance_id); }
 
     device_icon class_icon(const GUID& class_guid, int icon_size) override
     {

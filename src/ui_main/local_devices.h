@@ -11,13 +11,14 @@
 //
 // Two cases the rules leave open, decided here:
 // - A node whose instance ID cannot be read makes no node (and so has no children we
-//   could reach). A node whose ID is read but whose device information cannot be opened
+//   could reach); its siblings are still walked. A node whose ID is read but whose device information cannot be opened
 //   is still made, named "Unknown device" and without icon, and its children are
 //   visited: what lies below it may well be what the user wants to see.
 // - "IconPath" is read as a plain or a multi-string (then its first entry); environment
 //   variables in the path part ("%SystemRoot%") are expanded before extraction.
 
 #include "base/unique_handle.h"
+#include "server_link/device_identity.h"
 
 #include <windows.h>
 #include <cfgmgr32.h>
@@ -80,6 +81,12 @@ public:
     virtual CONFIGRET get_child(DWORD* child, DWORD node) = 0;
     virtual CONFIGRET get_sibling(DWORD* sibling, DWORD node) = 0;
     [[nodiscard]] virtual device_icon class_icon(const GUID& class_guid, int icon_size) = 0;
+    // What tells the node apart from others (instance ID, vendor and product id, serial
+    // number, setup class); this one knows only what the instance ID itself says.
+    [[nodiscard]] virtual device_identity identity(const std::wstring& instance_id)
+    {
+        return identity_from_node_facts(instance_id, {}, {});
+    }
 };
 
 struct walk_options {

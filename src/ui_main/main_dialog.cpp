@@ -11,6 +11,7 @@
 #include "controls/vector_icons.h"
 #include "format/ts_printf.h"
 #include "localization/localization.h"
+#include "msgbox/link_opener.h"
 #include "msgbox/message_box.h"
 #include "nsm/app_settings.h"
 #include "ui_main/about_dialog.h"
@@ -65,60 +66,26 @@ constexpr tree_column tree_columns[] = {{0, 300}, {2, 84}, {3, 170}, {4, 170}};
 
 // Posted to itself once the window is shown and filled.
 constexpr UINT wm_window_ready = WM_APP + 1;
+// Posted to itself after a DPI change, which the tree learns after the window.
+constexpr UINT wm_dpi_settled = WM_APP + 2;
+// Posted to itself when rows wait for a walk of their local subtree: the notifications
+// queued before it run first, so that a burst of changes costs one walk per device.
+constexpr UINT wm_walk_pending = WM_APP + 3;
 
-// How each control follows a resize: which edges stay at a fixed distance from the
-// right and bottom edges of the window.
-struct anchor {
-    int id;
-    bool right_follows;
-    bool bottom_follows;
-    bool left_follows;
-    bool top_follows;
-};
+// How each control follows a resize: the tree grows with the window, the buttons and the
+// promotion line keep to the bottom edge, those on the right to the right edge.
 constexpr anchor anchors[] = {
     {ids::devices_label, false, false, false, false},
     {ids::hide_disconnected, false, false, false, false},
     {ids::collapse_all, false, false, false, false},
-    {ids::tree_placeholder, true, true, false, false},
-    {ids::settings, false, true, false, true},
-    {ids::copy_device_id, false, true, false, true},
+    {ids::tree_placeholder, false, true, false, true},
+    {ids::settings, false, false, true, true},
+    {ids::copy_device_id, false, false, true, true},
     {ids::help, true, true, true, true},
     {ids::about, true, true, true, true},
     {IDCANCEL, true, true, true, true},
-    {ids::promotion, true, true, false, true},
+    {ids::promotion, false, true, true, true},
 };
-static_assert(std::size(anchors) == 10);
-
-RECT child_rect(HWND dialog, int id)
-{
-    RECT r{};
-    ::GetWindowRect(::GetDlgItem(dialog, id), &r);
-    ::MapWindowPoints(nullptr, dialog, reinterpret_cast<POINT*>(&r), 2);
-    return r;
-}
-
-// The designed layout is kept in 1/100 dialog units, which follow the dialog's font and so
-// its DPI: after a move to a monitor with another DPI the same numbers still fit.
-int dialog_base_unit(HWND dialog, bool horizontal)
-{
-    RECT base{0, 0, 400, 800};  // 100 average characters wide, 100 high
-    ::MapDialogRect(dialog, &base);
-    return std::max<int>(1, horizontal ? base.right : base.bottom);
-}
-
-RECT to_layout_units(HWND dialog, const RECT& pixels)
-{
-    const int x = dialog_base_unit(dialog, true), y = dialog_base_unit(dialog, false);
-    return {::MulDiv(pixels.left, 40000, x), ::MulDiv(pixels.top, 80000, y), ::MulDiv(pixels.right, 40000, x),
-            ::MulDiv(pixels.bottom, 80000, y)};
-}
-
-RECT to_pixels(HWND dialog, const RECT& units)
-{
-    const int x = dialog_base_unit(dialog, true), y = dialog_base_unit(dialog, false);
-    return {::MulDiv(units.left, x, 40000), ::MulDiv(units.top, y, 80000), ::MulDiv(units.right, x, 40000),
-            ::MulDiv(units.bottom, y, 80000)};
-}
 
 void move_child(HWND dialog, int id, const RECT& r)
 {
@@ -176,6 +143,12 @@ void save_settings_reporting_failure() noexcept
 }
 
 }  // namespace
+
+std::wstring help_file_argument(std::wstring_view help_file, std::wstring_view topic)
+{
+    // One argument, quoted: the path holds blanks under Program Files, and so does the topic.
+    return ts_printf::format(L"\"{}::/redirect.html#{}\"", help_file, topic);
+}
 
 main_dialog::main_dialog(tessel::com_ptr<IUsbServer> server, std::unique_ptr<device_node_source> nodes)
     : server_(std::move(server)),
@@ -302,6 +275,8 @@ void main_dialog::on_server_event(server_event event, IUsbDevice* device)
     case server_event::device_changed: model_->device_changed(*server_.get(), device); break;
     case server_event::client_changed: model_->client_changed(device); break;
     }
+    if (!walk_posted_ && model_->walks_pending())
+        walk_posted_ = ::PostMessageW(window_, wm_walk_pending, 0, 0) != FALSE;
     report_model_failure();
     update_copy_button();
 }
@@ -337,30 +312,42 @@ INT_PTR main_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)
         }
         return FALSE;
     case WM_SIZE:
-        on_size();
+        layout_.apply(window_);
         return TRUE;
     case WM_DEVICECHANGE:
-        // Sent to every top-level window when the machine's device nodes change.
-        if (wparam == DBT_DEVNODES_CHANGED && model_)
+        // Sent to every top-level window when the machine's device nodes change, a device
+        // arrives or goes: the next refresh walks every device again.
+        if ((wparam == DBT_DEVNODES_CHANGED || wparam == DBT_DEVICEARRIVAL || wparam == DBT_DEVICEREMOVECOMPLETE) &&
+            model_)
             model_->forget_local_subtrees();
         return TRUE;
     case WM_DPICHANGED:
         icons_.apply(window_);
+        // The tree takes the new DPI only after this message (WM_DPICHANGED_AFTERPARENT):
+        // its icon size is compared once it has.
+        ::PostMessageW(window_, wm_dpi_settled, 0, 0);
+        return FALSE;  // the dialog manager rescales the window and its font
+    case wm_dpi_settled:
         if (tree_ && tree_->list().icon_pixel_size() != marker_size_) {
             // Markers and class icons follow the new size: the rows are built again.
             prepare_markers();
             refresh();
         }
-        return FALSE;  // the dialog manager rescales the window and its font
-    case WM_GETMINMAXINFO: {
-        // Never smaller than designed: the controls do not fit otherwise.
-        auto* limits = reinterpret_cast<MINMAXINFO*>(lparam);
-        RECT frame = to_pixels(window_, {0, 0, initial_client_.cx, initial_client_.cy});
-        ::AdjustWindowRectEx(&frame, static_cast<DWORD>(::GetWindowLongPtrW(window_, GWL_STYLE)), FALSE,
-                             static_cast<DWORD>(::GetWindowLongPtrW(window_, GWL_EXSTYLE)));
-        limits->ptMinTrackSize = {frame.right - frame.left, frame.bottom - frame.top};
         return TRUE;
-    }
+    case wm_walk_pending:
+        walk_posted_ = false;
+        if (model_) {
+            model_->walk_pending_rows();
+            update_copy_button();
+        }
+        return TRUE;
+    case WM_GETMINMAXINFO:
+        // Never smaller than designed: the controls do not fit otherwise.
+        if (layout_.captured()) {
+            const SIZE smallest = layout_.minimum_window_size(window_);
+            reinterpret_cast<MINMAXINFO*>(lparam)->ptMinTrackSize = {smallest.cx, smallest.cy};
+        }
+        return TRUE;
     case wm_window_ready:
         if (hooks_.main_window_ready)
             hooks_.main_window_ready(window_);
@@ -401,12 +388,7 @@ void main_dialog::on_init_dialog()
 
     create_promotion_line();
 
-    RECT client;
-    ::GetClientRect(window_, &client);
-    const RECT client_units = to_layout_units(window_, client);
-    initial_client_ = {client_units.right, client_units.bottom};
-    for (size_t i = 0; i < std::size(anchors); ++i)
-        initial_rects_[i] = to_layout_units(window_, child_rect(window_, anchors[i].id));
+    layout_.capture(window_, anchors);
 
     create_tree();
     // Listening starts with the first full picture, so that no change is applied to rows
@@ -501,6 +483,14 @@ void main_dialog::create_tree()
             return {};
         }
     };
+    // A disconnected device's row is only dimmed: screen readers hear it in words.
+    tree_->list().handlers().row_state_text = [this](lv::row_index row) -> std::wstring {
+        tv::tree_node* node = tree_->node_of_row(row);
+        if (!node || node->parent() || !model_)
+            return {};
+        const auto index = model_->index_of(static_cast<device_rows::row_handle>(node));
+        return index && model_->row_at(*index).disconnected ? disconnected_text_ : std::wstring();
+    };
     rows_ = std::make_unique<device_tree_rows>(*tree_);
     model_ = std::make_unique<device_model>(*rows_, *nodes_);
     prepare_markers();
@@ -517,14 +507,36 @@ void main_dialog::prepare_markers()
     // The rows still show the old markers until they are rebuilt: keep those alive.
     auto shared = marker(L"marker.shared");
     auto not_shared = marker(L"marker.not-shared");
-    std::wstring unknown = L"Unknown device";
-    try {
-        unknown = tessel::load_string(tessel::string_ids::device_unknown);
-    } catch (const tessel::no_string_exception&) {
-    }
+    namespace id = tessel::string_ids;
+    const auto text = [](std::uint32_t string_id) {
+        try {
+            return std::wstring(tessel::load_string(string_id));
+        } catch (const tessel::no_string_exception&) {
+            tessel::debug_report(L"main dialog: a text of the device rows is missing");
+            return std::wstring();
+        }
+    };
+    device_model::texts texts{text(id::device_unknown),
+                              reinterpret_cast<std::uintptr_t>(shared.get()),
+                              reinterpret_cast<std::uintptr_t>(not_shared.get()),
+                              text(id::device_tip_location),
+                              text(id::device_tip_instance_id),
+                              text(id::device_tip_vid_pid),
+                              text(id::device_tip_serial),
+                              text(id::device_tip_class),
+                              text(id::device_shared_with_key),
+                              text(id::device_shared_without_key),
+                              text(id::device_not_shared),
+                              text(id::device_share_tooltip),
+                              text(id::device_unshare_tooltip),
+                              text(id::device_client_connected),
+                              text(id::device_client_disconnected)};
+    if (texts.unknown_device.empty())
+        texts.unknown_device = L"Unknown device";
+    rows_->set_child_tip_format(texts.tip_instance_id);
+    disconnected_text_ = text(id::device_disconnected);
     model_->set_icon_size(marker_size_);
-    model_->set_texts({std::move(unknown), reinterpret_cast<std::uintptr_t>(shared.get()),
-                       reinterpret_cast<std::uintptr_t>(not_shared.get())});
+    model_->set_texts(std::move(texts));
     retired_markers_.push_back(std::move(shared_marker_));
     retired_markers_.push_back(std::move(not_shared_marker_));
     shared_marker_ = std::move(shared);
@@ -568,12 +580,37 @@ bool main_dialog::copy_selected_device_id()
     const device_node_info* info = tree_ ? device_tree_rows::info_of(tree_->selected_node()) : nullptr;
     if (!info || info->instance_id.empty())
         return false;
+    copy_device_id(info->instance_id);
+    return true;
+}
+
+void main_dialog::copy_device_id(const std::wstring& instance_id)
+{
     try {
-        copy_text_to_clipboard(*ole_thread_, info->instance_id);
+        copy_text_to_clipboard(*ole_thread_, instance_id);
     } catch (const fibra::details::hresult_error& e) {
         show_message(format_error_message(tessel::string_ids::error_clipboard, e.code()), MB_OK | MB_ICONERROR);
     }
-    return true;
+}
+
+bool main_dialog::translate_shortcut(const MSG& message)
+{
+    if (!window_ || !tree_)
+        return false;
+    // F5 anywhere in the window: every row again, every device walked again.
+    if (message.message == WM_KEYDOWN && message.wParam == VK_F5 &&
+        (message.hwnd == window_ || ::IsChild(window_, message.hwnd))) {
+        if (model_)
+            model_->forget_local_subtrees();
+        refresh();
+        return true;
+    }
+    // Ctrl+C on the tree, as the character it becomes: the button's copy.
+    if (message.message == WM_CHAR && message.wParam == 3 && message.hwnd == tree_->window()) {
+        copy_selected_device_id();
+        return true;
+    }
+    return false;
 }
 
 void main_dialog::update_copy_button()
@@ -649,21 +686,29 @@ void main_dialog::show_context_menu(tv::tree_node* node, POINT screen)
     tessel::unique_handle_of<HMENU, ::DestroyMenu> menu(::CreatePopupMenu());
     if (!menu)
         return;
+    // The menu runs a message loop of its own, in which server notifications may remove
+    // the row and free its node: what the commands need is taken now, and the row is
+    // found again by its device afterwards.
+    tessel::com_ptr<IUsbDevice> device;
     if (row) {
+        device = model_->device_at(*row).device;
         const bool shared = static_cast<bool>(model_->device_at(*row).share);
         ::AppendMenuW(menu.get(), MF_STRING, main_dialog_menu::share,
                       text(shared ? tessel::string_ids::menu_unshare : tessel::string_ids::menu_share).c_str());
     }
-    ::AppendMenuW(menu.get(), MF_STRING | (info && !info->instance_id.empty() ? 0 : MF_GRAYED),
-                  main_dialog_menu::copy_device_id, text(tessel::string_ids::menu_copy_device_id).c_str());
+    const std::wstring instance_id = info ? info->instance_id : std::wstring();
+    ::AppendMenuW(menu.get(), MF_STRING | (instance_id.empty() ? MF_GRAYED : 0), main_dialog_menu::copy_device_id,
+                  text(tessel::string_ids::menu_copy_device_id).c_str());
+    node = nullptr;
     const int chosen = static_cast<int>(::TrackPopupMenu(menu.get(), TPM_RETURNCMD | TPM_RIGHTBUTTON, screen.x,
                                                          screen.y, 0, window_, nullptr));
-    if (chosen == main_dialog_menu::share && row) {
-        // The rows may have changed while the menu was open.
-        if (const auto now = model_row_of(node))
+    if (!window_ || !model_)
+        return;
+    if (chosen == main_dialog_menu::share && device) {
+        if (const auto now = model_->index_of(device.get()))
             share_action(*now);
-    } else if (chosen == main_dialog_menu::copy_device_id) {
-        copy_selected_device_id();
+    } else if (chosen == main_dialog_menu::copy_device_id && !instance_id.empty()) {
+        copy_device_id(instance_id);
     }
 }
 
@@ -727,10 +772,12 @@ fibra::fire_and_forget main_dialog::run_settings(main_dialog* self)
         const tessel::unique_bstr endpoints(changed.endpoints);
         tessel::com_ptr<IUsbServerOperation> operation;
         HRESULT outcome = self->server_->SetSettingsAsync(&changed, operation.put());
+        // Each write keeps its own wait: the user may send the next before this one ends.
+        const auto wait = self->settings_write_waits_.emplace(self->settings_write_waits_.end());
         if (SUCCEEDED(outcome))
-            outcome = co_await server_operation(operation, &self->settings_write_wait_);
+            outcome = co_await server_operation(operation, &*wait);
         co_await ui;  // throws operation_cancelled when the window has gone meanwhile
-        self->settings_write_wait_.reset();
+        self->settings_write_waits_.erase(wait);
         if (FAILED(outcome) && self->window_)
             self->report_server_failure(outcome, tessel::string_ids::settings_save_failed);
     } else if (result == language_changed_result && self->window_) {
@@ -743,11 +790,11 @@ fibra::fire_and_forget main_dialog::run_settings(main_dialog* self)
 
 void main_dialog::open_help()
 {
+    // Both open as the signed-in user, through the program's link opener.
     const std::wstring local = tessel::module_folder() + local_help_file;
-    HINSTANCE result;
+    bool opened;
     if (::GetFileAttributesW(local.c_str()) != INVALID_FILE_ATTRIBUTES) {
-        const std::wstring address = ts_printf::format(L"{}::/redirect.html#{}", local, std::wstring_view(help_topic));
-        result = ::ShellExecuteW(nullptr, L"open", L"hh.exe", address.c_str(), nullptr, SW_SHOWNORMAL);
+        opened = tessel::open_help_file(window_, help_file_argument(local, help_topic));
     } else {
         BSTR name = nullptr;
         (void)GetProductShortName(&name);
@@ -756,11 +803,10 @@ void main_dialog::open_help()
         // An address has no blanks.
         for (std::size_t at = topic.find(L' '); at != std::wstring::npos; at = topic.find(L' ', at))
             topic.replace(at, 1, L"%20");
-        const std::wstring address =
-            std::wstring(vendor_site) + ts_printf::format(L"online-doc/{}/{}", name ? name : L"", topic);
-        result = ::ShellExecuteW(nullptr, L"open", address.c_str(), nullptr, nullptr, SW_SHOWNORMAL);
+        opened = tessel::open_link(
+            window_, std::wstring(vendor_site) + ts_printf::format(L"online-doc/{}/{}", name ? name : L"", topic));
     }
-    if (reinterpret_cast<INT_PTR>(result) <= 32)
+    if (!opened && ::GetLastError() != ERROR_CANCELLED)  // not when the user declined
         show_message(format_error_message(tessel::string_ids::error_help_unavailable,
                                           tessel::hresult_from_win32(::GetLastError())),
                      MB_OK | MB_ICONERROR);
@@ -769,34 +815,6 @@ void main_dialog::open_help()
 void main_dialog::show_about()
 {
     about_dialog(hooks_.check_for_updates).show(window_);
-}
-
-void main_dialog::on_size()
-{
-    if (initial_client_.cx == 0 || ::IsIconic(window_))
-        return;
-    RECT client;
-    ::GetClientRect(window_, &client);
-    const RECT initial = to_pixels(window_, {0, 0, initial_client_.cx, initial_client_.cy});
-    const int dx = client.right - initial.right;
-    const int dy = client.bottom - initial.bottom;
-    HDWP batch = ::BeginDeferWindowPos(static_cast<int>(std::size(anchors)));
-    for (size_t i = 0; i < std::size(anchors) && batch; ++i) {
-        RECT r = to_pixels(window_, initial_rects_[i]);
-        if (anchors[i].left_follows)
-            r.left += dx;
-        if (anchors[i].right_follows)
-            r.right += dx;
-        if (anchors[i].top_follows)
-            r.top += dy;
-        if (anchors[i].bottom_follows)
-            r.bottom += dy;
-        batch = ::DeferWindowPos(batch, ::GetDlgItem(window_, anchors[i].id), nullptr, r.left, r.top, r.right - r.left,
-                                 r.bottom - r.top, SWP_NOZORDER | SWP_NOACTIVATE);
-    }
-    if (batch)
-        ::EndDeferWindowPos(batch);
-    ::InvalidateRect(window_, nullptr, TRUE);
 }
 
 void main_dialog::on_command(int id)
@@ -841,7 +859,8 @@ void main_dialog::on_destroy() noexcept
     // Work still waiting to come back to this window ends instead, also the settings write
     // the server has not answered yet.
     cancel_work();
-    end_server_wait(settings_write_wait_);
+    for (auto& wait : settings_write_waits_)
+        end_server_wait(wait);
     // Whether or not the server lets go of the listener, it reaches this window no more.
     listener_->detach();
     if (listening_)

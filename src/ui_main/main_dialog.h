@@ -28,15 +28,18 @@
 #include "controls/window_icons.h"
 #include "ui_main/device_model.h"
 #include "ui_main/dialog_base.h"
+#include "ui_main/dialog_layout.h"
 #include "ui_main/local_devices.h"
 #include "ui_main/sites.h"
 #include "ui_main/update_hooks.h"
 
 #include <windows.h>
 
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tessel::windows::new_controls {
@@ -78,6 +81,9 @@ inline constexpr wchar_t help_topic[] = L"Server Configuration Utility";
 inline constexpr wchar_t local_help_file[] = L"doc\\en\\ulmo.chm";
 // The product's short name in online help addresses.
 inline constexpr wchar_t product_short_name[] = L"ulmo";
+
+// What hh.exe is given to open the topic in the local help file: one quoted argument.
+[[nodiscard]] std::wstring help_file_argument(std::wstring_view help_file, std::wstring_view topic);
 
 class device_tree_rows;
 class main_dialog;
@@ -127,6 +133,9 @@ public:
     void share_action(std::size_t row);
     // Copies the selected row's instance ID; false when no row with one is selected.
     bool copy_selected_device_id();
+    // The window's keys that no control handles itself (F5, Ctrl+C on the tree), from the
+    // message loop before the dialog manager; true when the message was one.
+    bool translate_shortcut(const MSG& message);
 
     // What the server holds while the window is open.
     [[nodiscard]] main_dialog_listener& listener() const noexcept { return *listener_.get(); }
@@ -159,7 +168,6 @@ private:
     INT_PTR handle(UINT message, WPARAM wparam, LPARAM lparam);
     void on_init_dialog();
     void on_command(int id);
-    void on_size();
     void on_destroy() noexcept;
     INT_PTR on_notify(const NMHDR& header);
     void create_tree();
@@ -167,6 +175,7 @@ private:
     void prepare_markers();
     void update_copy_button();
     void show_context_menu(tessel::windows::new_controls::treeview::impl::tree_node* node, POINT screen);
+    void copy_device_id(const std::wstring& instance_id);
     std::optional<std::size_t> model_row_of(tessel::windows::new_controls::treeview::impl::tree_node* node) const;
     void open_help();
     void show_about();
@@ -194,8 +203,13 @@ private:
     int marker_size_ = 0;
     // Markers that rows may still show until the next refresh has replaced them.
     std::vector<tessel::unique_hicon> retired_markers_;
-    // The handler the settings write waits on while the server's answer is outstanding.
-    tessel::com_ptr<IUsbServerOperationHandler> settings_write_wait_;
+    // The handlers the settings writes wait on while the server's answers are outstanding,
+    // one per write; a write that ends takes its own out.
+    std::list<tessel::com_ptr<IUsbServerOperationHandler>> settings_write_waits_;
+    // A walk of rows' local subtrees is posted and not yet done.
+    bool walk_posted_ = false;
+    // What screen readers hear for a disconnected device's row.
+    std::wstring disconnected_text_;
     bool server_lost_reported_ = false;
     bool showing_message_ = false;
     bool listening_ = false;
@@ -203,10 +217,8 @@ private:
     tessel::windows::window_icons icons_;
     // The rich view of the promotion line; it belongs to its window.
     tessel::windows::new_controls::rich_view* promotion_ = nullptr;
-    // Client size at creation and where each edge-bound control sat, for resizing, in
-    // 1/100 dialog units (they follow the window's DPI).
-    SIZE initial_client_{};
-    RECT initial_rects_[10]{};
+    // Where the controls go as the window is resized.
+    anchored_layout layout_;
 };
 
 }  // namespace servercfg

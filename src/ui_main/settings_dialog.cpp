@@ -10,6 +10,7 @@
 
 #include <oleauto.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace servercfg {
@@ -18,6 +19,9 @@ namespace {
 namespace ids = settings_dialog_controls;
 
 constexpr int text_buffer = 260;
+
+// Posted to itself when the language list has closed.
+constexpr UINT wm_language_chosen = WM_APP + 1;
 
 std::wstring read_control(HWND dialog, int id)
 {
@@ -87,20 +91,27 @@ INT_PTR settings_dialog::handle(UINT message, WPARAM wparam, LPARAM)
     case WM_COMMAND:
         switch (LOWORD(wparam)) {
         case IDOK:
-            // Enter while OK is still disabled does nothing.
-            if (::IsWindowEnabled(::GetDlgItem(window_, IDOK)))
+            // Another language selected: Enter is the choice of it. Otherwise Enter while
+            // OK is still disabled does nothing.
+            if (!on_language_chosen() && ::IsWindowEnabled(::GetDlgItem(window_, IDOK)))
                 on_ok();
             return TRUE;
         case IDCANCEL:
             ::EndDialog(window_, IDCANCEL);
             return TRUE;
         case ids::language:
-            if (HIWORD(wparam) == CBN_SELCHANGE)
-                on_language_changed();
+            // The list sends a selection change for every item the arrow keys pass; only
+            // closing the list on an item is a choice. Asked once the list has finished
+            // its own work.
+            if (HIWORD(wparam) == CBN_CLOSEUP)
+                ::PostMessageW(window_, wm_language_chosen, 0, 0);
             return TRUE;
         default:
             return FALSE;
         }
+    case wm_language_chosen:
+        on_language_chosen();
+        return TRUE;
     case WM_DESTROY:
         if (alive_)
             alive_->cancel();
@@ -128,23 +139,63 @@ void settings_dialog::on_init()
     selected_language_ = languages.selected;
     ::SendMessageW(combo, CB_SETCURSEL, static_cast<WPARAM>(selected_language_), 0);
 
+    create_status_line();
+    try {
+        show_status(std::wstring(tessel::load_string(tessel::string_ids::settings_loading)));
+    } catch (const tessel::no_string_exception&) {
+        tessel::debug_report(L"settings dialog: the text that says it is loading is missing");
+    }
     alive_ = std::make_shared<fibra::details::cancellation_source_body>();
     fetch(this, server_, alive_);
+}
+
+void settings_dialog::create_status_line()
+{
+    // Below the language list, left of the buttons, as wide as the room there.
+    const RECT list = child_rect(window_, ids::language);
+    const RECT label = child_rect(window_, ids::language_label);
+    const RECT ok = child_rect(window_, IDOK);
+    RECT gap{0, 0, 7, 4};
+    ::MapDialogRect(window_, &gap);
+    const int top = list.bottom + gap.bottom;
+    const HWND line = ::CreateWindowExW(
+        0, L"STATIC", L"", WS_CHILD | SS_LEFT | SS_NOPREFIX, label.left, top, std::max<int>(1, ok.left - gap.right - label.left),
+        std::max<int>(1, ok.bottom - top), window_, reinterpret_cast<HMENU>(static_cast<INT_PTR>(ids::status)),
+        ::GetModuleHandleW(nullptr), nullptr);
+    if (line)
+        ::SendMessageW(line, WM_SETFONT, ::SendMessageW(window_, WM_GETFONT, 0, 0), FALSE);
+}
+
+void settings_dialog::show_status(const std::wstring& text)
+{
+    const HWND line = ::GetDlgItem(window_, ids::status);
+    ::SetWindowTextW(line, text.c_str());
+    ::ShowWindow(line, text.empty() ? SW_HIDE : SW_SHOWNA);
+}
+
+void settings_dialog::show_fetch_failure(HRESULT code)
+{
+    show_status(format_error_message(tessel::string_ids::settings_load_failed, code));
 }
 
 fibra::fire_and_forget settings_dialog::fetch(settings_dialog* self, tessel::com_ptr<IUsbServer> server,
                                               std::shared_ptr<fibra::details::cancellation_source_body> alive)
 {
+    // On failure the server controls and OK stay disabled, and the status line says why.
     tessel::com_ptr<IUsbServerOperation> operation;
-    if (FAILED(server->GetSettingsAsync(operation.put())) || !operation)
-        co_return;  // the server controls and OK stay disabled
+    if (const HRESULT started = server->GetSettingsAsync(operation.put()); FAILED(started) || !operation) {
+        self->show_fetch_failure(FAILED(started) ? started : E_POINTER);
+        co_return;
+    }
     const HRESULT result = co_await server_operation(operation, &self->fetch_wait_);
-    if (alive->cancelled() || FAILED(result))
-        co_return;  // self may be gone
+    if (alive->cancelled())
+        co_return;  // self has gone
     self->fetch_wait_.reset();
     UsbServerSettings settings{};
-    if (FAILED(operation->GetSettings(&settings)))
+    if (const HRESULT read = FAILED(result) ? result : operation->GetSettings(&settings); FAILED(read)) {
+        self->show_fetch_failure(read);
         co_return;
+    }
     const tessel::unique_bstr endpoints(settings.endpoints);
     self->show_server_settings(settings);
 }
@@ -163,25 +214,27 @@ void settings_dialog::show_server_settings(const UsbServerSettings& settings)
     ::CheckDlgButton(window_, ids::statistics, checked(usb_settings_statistics, settings.statistics));
     for (const int id : {ids::endpoints, ids::port, ids::advertisement, IDOK})
         ::EnableWindow(::GetDlgItem(window_, id), TRUE);
+    show_status({});
     ready_ = true;
 }
 
-void settings_dialog::on_language_changed()
+bool settings_dialog::on_language_chosen()
 {
     const HWND combo = ::GetDlgItem(window_, ids::language);
     const auto item = static_cast<int>(::SendMessageW(combo, CB_GETCURSEL, 0, 0));
     if (item < 0 || item == selected_language_)
-        return;
+        return false;
     if (ask_restart_(window_) == IDYES) {
         const tessel::language_list languages = tessel::ui_language_list(current_app_settings().language);
         if (static_cast<std::size_t>(item) < languages.entries.size()) {
             current_app_settings().language = item == 0 ? L"en" : languages.entries[item].code;
             ::EndDialog(window_, language_changed_result);
-            return;
+            return true;
         }
     }
     // Anything but Yes keeps the language: the list shows it again.
     ::SendMessageW(combo, CB_SETCURSEL, static_cast<WPARAM>(selected_language_), 0);
+    return true;
 }
 
 void settings_dialog::on_ok()

@@ -4,7 +4,12 @@
 //
 // The server's values are fetched asynchronously while the dialog is on screen; until
 // they arrive the controls that show them and OK stay disabled (and stay so when the
-// fetch fails). Ends with IDOK (the result record holds the edited values), IDCANCEL, or
+// fetch fails), and a line below the language list says so.
+//
+// The language question comes once per deliberate choice: when the language list closes
+// on another language, or on Enter (and OK) while another one is selected. Looking
+// through the closed list with the arrow keys asks nothing; after any answer but Yes the
+// list shows the stored language again. Ends with IDOK (the result record holds the edited values), IDCANCEL, or
 // language_changed_result after a confirmed change of language, which is then already
 // stored in the settings record.
 
@@ -37,6 +42,9 @@ inline constexpr int advertisement = 1011;
 inline constexpr int statistics = 1014;
 inline constexpr int language_label = 1020;
 inline constexpr int language = 1019;
+// The line that says the server's values are being read, or why they could not be;
+// made at run time below the language list.
+inline constexpr int status = 1021;
 }  // namespace settings_dialog_controls
 
 struct server_settings_result {
@@ -71,10 +79,14 @@ private:
     friend class dialog_base<settings_dialog>;
     INT_PTR handle(UINT message, WPARAM wparam, LPARAM lparam);
     void on_init();
-    void on_language_changed();
+    void create_status_line();
+    void show_status(const std::wstring& text);
+    // Asks the language question when another language is selected; true when it did.
+    bool on_language_chosen();
     void on_ok();
     static fibra::fire_and_forget fetch(settings_dialog* self, tessel::com_ptr<IUsbServer> server,
                                         std::shared_ptr<fibra::details::cancellation_source_body> alive);
+    void show_fetch_failure(HRESULT code);
     void show_server_settings(const UsbServerSettings& settings);
 
     tessel::com_ptr<IUsbServer> server_;

@@ -5,8 +5,6 @@
 
 #include <commctrl.h>
 
-#include <iterator>
-
 namespace servercfg {
 namespace {
 
@@ -14,23 +12,11 @@ namespace ids = share_dialog_controls;
 
 // How each control follows the dialog's size: the edits grow to the right, the buttons
 // keep to the bottom-right corner.
-struct anchor {
-    int id;
-    bool left_follows, right_follows, top_follows, bottom_follows;
-};
 constexpr anchor anchors[] = {
     {ids::device_label, false, false, false, false}, {ids::device, false, true, false, false},
     {ids::key_label, false, false, false, false},    {ids::key, false, true, false, false},
     {IDOK, true, true, true, true},                  {IDCANCEL, true, true, true, true},
 };
-
-RECT child_rect(HWND dialog, int id)
-{
-    RECT r{};
-    ::GetWindowRect(::GetDlgItem(dialog, id), &r);
-    ::MapWindowPoints(nullptr, dialog, reinterpret_cast<POINT*>(&r), 2);
-    return r;
-}
 
 }  // namespace
 
@@ -41,11 +27,13 @@ INT_PTR share_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)
         on_init();
         return FALSE;  // the focus is set
     case WM_SIZE:
-        on_size();
+        layout_.apply(window_);
         return TRUE;
     case WM_GETMINMAXINFO:
-        if (initial_window_.cx)
-            reinterpret_cast<MINMAXINFO*>(lparam)->ptMinTrackSize = {initial_window_.cx, initial_window_.cy};
+        if (layout_.captured()) {
+            const SIZE smallest = layout_.minimum_window_size(window_);
+            reinterpret_cast<MINMAXINFO*>(lparam)->ptMinTrackSize = {smallest.cx, smallest.cy};
+        }
         return TRUE;
     case WM_COMMAND:
         switch (LOWORD(wparam)) {
@@ -82,38 +70,9 @@ void share_dialog::on_init()
         tessel::debug_report(L"share dialog: the key's cue text is missing");
     }
 
-    RECT frame;
-    ::GetWindowRect(window_, &frame);
-    initial_window_ = {frame.right - frame.left, frame.bottom - frame.top};
-    RECT client;
-    ::GetClientRect(window_, &client);
-    initial_client_ = {client.right, client.bottom};
-    for (std::size_t i = 0; i < std::size(anchors); ++i)
-        initial_rects_[i] = child_rect(window_, anchors[i].id);
+    layout_.capture(window_, anchors);
     // The key is what the user came for.
     ::SetFocus(::GetDlgItem(window_, ids::key));
-}
-
-void share_dialog::on_size()
-{
-    if (initial_client_.cx == 0)
-        return;
-    RECT client;
-    ::GetClientRect(window_, &client);
-    const int dx = client.right - initial_client_.cx, dy = client.bottom - initial_client_.cy;
-    for (std::size_t i = 0; i < std::size(anchors); ++i) {
-        RECT r = initial_rects_[i];
-        if (anchors[i].left_follows)
-            r.left += dx;
-        if (anchors[i].right_follows)
-            r.right += dx;
-        if (anchors[i].top_follows)
-            r.top += dy;
-        if (anchors[i].bottom_follows)
-            r.bottom += dy;
-        ::MoveWindow(::GetDlgItem(window_, anchors[i].id), r.left, r.top, r.right - r.left, r.bottom - r.top, FALSE);
-    }
-    ::InvalidateRect(window_, nullptr, TRUE);
 }
 
 }  // namespace servercfg

@@ -4,6 +4,7 @@
 // most 259 characters) or IDCANCEL (the key untouched).
 
 #include "ui_main/dialog_base.h"
+#include "ui_main/dialog_layout.h"
 
 #include <windows.h>
 
@@ -37,13 +38,10 @@ private:
     friend class dialog_base<share_dialog>;
     INT_PTR handle(UINT message, WPARAM wparam, LPARAM lparam);
     void on_init();
-    void on_size();
 
     std::wstring device_text_;
     std::wstring key_;
-    SIZE initial_client_{};
-    SIZE initial_window_{};
-    RECT initial_rects_[6]{};
+    anchored_layout layout_;
 };
 
 }  // namespace servercfg

@@ -1,15 +1,12 @@
 #include "web/download.h"
 
 #include "base/failure.h"
+#include "base/module_path.h"
 #include "format/ts_printf.h"
 #include "localization/localization.h"
 #include "localization/pack_file.h"
 #include "web/update_check.h"
 #include "web/update_service.h"
-
-#include <aclapi.h>
-#include <sddl.h>
-#include <shlobj.h>
 
 #include <algorithm>
 #include <cstring>
@@ -98,65 +95,11 @@ private:
 
 }  // namespace
 
-namespace {
-
-// Owner Administrators; SYSTEM and Administrators only, nothing inherited from above.
-unique_hlocal administrators_only_descriptor()
-{
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    throw_last_error_if(!::ConvertStringSecurityDescriptorToSecurityDescriptorW(
-        L"O:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)", SDDL_REVISION_1, &descriptor, nullptr));
-    return unique_hlocal(descriptor);
-}
-
-}  // namespace
-
-void restrict_to_administrators(const std::wstring& folder)
-{
-    const unique_hlocal owner = administrators_only_descriptor();
-    PSECURITY_DESCRIPTOR descriptor = owner.get();
-    BOOL present = FALSE, defaulted = FALSE;
-    PACL dacl = nullptr;
-    PSID owner_sid = nullptr;
-    throw_last_error_if(!::GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted));
-    throw_last_error_if(!::GetSecurityDescriptorOwner(descriptor, &owner_sid, &defaulted));
-    // A folder someone else created first becomes the administrators' as well.
-    throw_if_win32_error(static_cast<LSTATUS>(::SetNamedSecurityInfoW(
-        const_cast<wchar_t*>(folder.c_str()), SE_FILE_OBJECT,
-        OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, owner_sid,
-        nullptr, dacl, nullptr)));
-}
-
-std::wstring secure_download_folder()
-{
-    wchar_t* program_data = nullptr;
-    throw_if_failed(::SHGetKnownFolderPath(FOLDERID_ProgramData, 0, nullptr, &program_data));
-    unique_cotaskmem owner(program_data);
-    std::wstring folder = program_data;
-    const unique_hlocal descriptor = administrators_only_descriptor();
-    SECURITY_ATTRIBUTES restricted{sizeof restricted, descriptor.get(), FALSE};
-    for (const wchar_t* part : {L"QMX Software", L"Ulmora Tools", L"Updates"}) {
-        folder += L'\\';
-        folder += part;
-        const bool last = std::wstring_view(part) == L"Updates";
-        if (!::CreateDirectoryW(folder.c_str(), last ? &restricted : nullptr) && ::GetLastError() != ERROR_ALREADY_EXISTS)
-            throw_last_error();
-    }
-    // It may have existed before, made by someone else.
-    restrict_to_administrators(folder);
-    return folder;
-}
-
 task<downloaded_file> download_file(const HttpClient& client, std::wstring address, std::wstring folder,
                                     std::wstring name, std::uint64_t limit, stop_token stop, body_sink* progress)
 {
-    if (!is_https_address(address))
-        throw_hresult(e_insecure_address);
-    const http_request request = co_await client.get(HttpClient::canonicalize(address), L"Accept: */*");
-    stop.throw_if_stopped();
+    const http_request request = co_await open_https(client, HttpClient::canonicalize(address), L"Accept: */*", stop);
     throw_if_not_ok(request.handle());
-    if (!is_https_address(final_address(request.handle())))
-        throw_hresult(e_insecure_address);
 
     const std::wstring path = folder + L'\\' + name;
     const std::wstring temporary = path + L".download";
@@ -201,13 +144,9 @@ void save_file_atomically(const std::wstring& path, std::string_view bytes)
 task<void> install_language_pack(const HttpClient& client, language_pack_offer offer, std::wstring languages_folder,
                                  stop_token stop)
 {
-    if (!is_https_address(offer.url))
-        throw_hresult(e_insecure_address);
-    const http_request request = co_await client.get(HttpClient::canonicalize(offer.url), L"Accept: */*");
-    stop.throw_if_stopped();
+    const http_request request =
+        co_await open_https(client, HttpClient::canonicalize(offer.url), L"Accept: */*", stop);
     throw_if_not_ok(request.handle());
-    if (!is_https_address(final_address(request.handle())))
-        throw_hresult(e_insecure_address);
     const std::string bytes = co_await read_body_text(request, max_language_pack_size, stop);
     const std::span<const std::byte> pack(reinterpret_cast<const std::byte*>(bytes.data()), bytes.size());
     if (!is_well_formed_pack(pack) || !find_module(pack, common_module_name))
@@ -229,12 +168,15 @@ void start_installer(const downloaded_file& installer, HWND main_window)
     throw_last_error_if(!::DuplicateHandle(::GetCurrentProcess(), ::GetCurrentProcess(), ::GetCurrentProcess(),
                                            &duplicate, 0, TRUE, DUPLICATE_SAME_ACCESS));
     const unique_handle own_process(duplicate);
-    std::wstring command_line = installer_command_line(installer.path, duplicate);
+    // The path of the very file that was checked, named as the application so that nothing
+    // is searched for; the handle stays open (no writers, no delete) until the start is done.
+    const std::wstring path = final_path_of(installer.handle.get());
+    std::wstring command_line = installer_command_line(path, duplicate);
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION process{};
-    throw_last_error_if(!::CreateProcessW(nullptr, command_line.data(), nullptr, nullptr, TRUE, NORMAL_PRIORITY_CLASS,
-                                          nullptr, nullptr, &startup, &process));
+    throw_last_error_if(!::CreateProcessW(path.c_str(), command_line.data(), nullptr, nullptr, TRUE,
+                                          NORMAL_PRIORITY_CLASS, nullptr, nullptr, &startup, &process));
     const unique_handle process_handle(process.hProcess), thread_handle(process.hThread);
     ::PostMessageW(main_window, WM_CLOSE, 0, 0);
 }

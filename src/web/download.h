@@ -4,10 +4,11 @@
 //
 // A file arrives under a temporary name and gets its final name only when the whole body
 // is there and its length matches the announced one; on any failure or cancellation it is
-// deleted. Only https addresses are followed, also after redirects. The installer goes
-// into a folder only administrators can write, and stays open without write or delete
-// sharing until the installer has started, so that no other process can swap it between
-// the download and the start.
+// deleted. Only https addresses are followed, at every redirect. The installer goes into a
+// staging folder only administrators can write (web/staging_folder.h), is checked for the
+// publisher's signature (web/installer_trust.h) and stays open without write or delete
+// sharing until it has started, so that no other process can swap it between the download,
+// the check and the start.
 
 #include "base/unique_handle.h"
 #include "web/http_client.h"
@@ -21,12 +22,6 @@
 #include <string_view>
 
 namespace tessel::web {
-
-// "%ProgramData%\QMX Software\Ulmora Tools\Updates", created when missing and (again)
-// given to the Administrators group with a protected DACL: SYSTEM and Administrators only.
-[[nodiscard]] std::wstring secure_download_folder();
-// The same for any folder (which must exist).
-void restrict_to_administrators(const std::wstring& folder);
 
 struct downloaded_file {
     std::wstring path;
@@ -52,10 +47,11 @@ task<void> install_language_pack(const HttpClient& client, language_pack_offer o
 // all there; nothing is left behind on failure.
 void save_file_atomically(const std::wstring& path, std::string_view bytes);
 
-// Starts the installer with a command line that names it and carries the value of an
-// inheritable handle of this process ("/UPDATE=<value>"), so that it can wait for the
-// program to end; then posts WM_CLOSE to main_window. Throws when the installer cannot be
-// started, and then posts nothing.
+// Starts the installer by the path of its open handle (as the application name and, quoted,
+// in the command line) with the value of an inheritable handle of this process
+// ("/UPDATE=<value>"), so that it can wait for the program to end; then posts WM_CLOSE to
+// main_window. Throws when the installer cannot be started, and then posts nothing. The
+// caller has checked the signature through the same handle.
 void start_installer(const downloaded_file& installer, HWND main_window);
 
 // The command line start_installer uses.

@@ -27,8 +27,8 @@ void CALLBACK status_callback(HINTERNET, DWORD_PTR context, DWORD status, void* 
 
 // ---- get ------------------------------------------------------------------------------
 
-get_operation::get_operation(HINTERNET session, std::wstring address, std::wstring headers) noexcept
-    : session_(session), address_(std::move(address)), headers_(std::move(headers))
+get_operation::get_operation(HINTERNET session, std::wstring address, std::wstring headers, DWORD extra_flags) noexcept
+    : session_(session), address_(std::move(address)), headers_(std::move(headers)), extra_flags_(extra_flags)
 {
 }
 
@@ -51,7 +51,8 @@ bool get_operation::await_suspend(std::coroutine_handle<> continuation) noexcept
     continuation_ = continuation;
     thread_ = ::GetCurrentThreadId();
     context_->waiting.store(this);
-    constexpr DWORD flags = INTERNET_FLAG_EXISTING_CONNECT | INTERNET_FLAG_KEEP_CONNECTION | INTERNET_FLAG_NO_UI;
+    const DWORD flags =
+        INTERNET_FLAG_EXISTING_CONNECT | INTERNET_FLAG_KEEP_CONNECTION | INTERNET_FLAG_NO_UI | extra_flags_;
     HINTERNET opened = ::InternetOpenUrlW(session_, address_.c_str(), headers_.empty() ? nullptr : headers_.c_str(),
                                           static_cast<DWORD>(headers_.size()), flags,
                                           reinterpret_cast<DWORD_PTR>(context_.get()));
@@ -172,9 +173,10 @@ std::wstring HttpClient::resolve(std::wstring_view relative) const
     return canonicalize(ts_printf::format(L"{0}{1}", base_address_, relative));
 }
 
-get_operation HttpClient::get(std::wstring address, std::wstring headers) const noexcept
+get_operation HttpClient::get(std::wstring address, std::wstring headers, redirects at_redirect) const noexcept
 {
-    return get_operation(session_.get(), std::move(address), std::move(headers));
+    return get_operation(session_.get(), std::move(address), std::move(headers),
+                         at_redirect == redirects::stop ? INTERNET_FLAG_NO_AUTO_REDIRECT : 0);
 }
 
 // ---- response helpers -----------------------------------------------------------------
@@ -191,8 +193,13 @@ DWORD http_status(HINTERNET request) noexcept
 void throw_if_not_ok(HINTERNET request)
 {
     const DWORD status = http_status(request);
-    if (status != 0 && status != HTTP_STATUS_OK)
-        throw_hresult(E_INVALIDARG);
+    if (status == 0 || status == HTTP_STATUS_OK)
+        return;
+    wchar_t reason[256] = {};
+    DWORD size = sizeof reason - sizeof reason[0];
+    if (!::HttpQueryInfoW(request, HTTP_QUERY_STATUS_TEXT, reason, &size, nullptr))
+        reason[0] = L'\0';
+    throw http_status_error(status, reason);
 }
 
 std::int64_t announced_length(HINTERNET request) noexcept
@@ -225,6 +232,31 @@ std::wstring final_address(HINTERNET request)
     return address;
 }
 
+std::optional<std::wstring> redirect_target(HINTERNET request, std::wstring_view from)
+{
+    switch (http_status(request)) {
+    case HTTP_STATUS_MOVED:
+    case HTTP_STATUS_REDIRECT:
+    case HTTP_STATUS_REDIRECT_METHOD:
+    case HTTP_STATUS_REDIRECT_KEEP_VERB:
+    case 308:  // permanent, verb kept
+        break;
+    default:
+        return std::nullopt;
+    }
+    std::wstring location(max_address_length, L'\0');
+    DWORD size = max_address_length * sizeof(wchar_t);
+    if (!::HttpQueryInfoW(request, HTTP_QUERY_LOCATION, location.data(), &size, nullptr))
+        return std::wstring();
+    location.resize(size / sizeof(wchar_t));
+    std::wstring combined(max_address_length, L'\0');
+    DWORD length = max_address_length;
+    if (!::InternetCombineUrlW(std::wstring(from).c_str(), location.c_str(), combined.data(), &length, ICU_NO_ENCODE))
+        return std::wstring();
+    combined.resize(length);
+    return HttpClient::canonicalize(combined);
+}
+
 bool is_https_address(std::wstring_view address) noexcept
 {
     constexpr std::wstring_view scheme = L"https://";
@@ -244,8 +276,15 @@ namespace {
 
 // How long a transfer may keep the thread from its messages: on a fast connection every
 // read completes at once, and the whole body would otherwise arrive in one stretch of the
-// UI thread, with no input handled and nothing painted.
-constexpr ULONGLONG longest_busy_stretch_ms = 30;
+// UI thread, with no input handled and nothing painted. A yield costs a timer period
+// (10 ms at least) in which nothing is read, so it is made only when input, paint or
+// timer messages wait, and not more often than this.
+constexpr ULONGLONG longest_busy_stretch_ms = 50;
+
+bool messages_wait() noexcept
+{
+    return HIWORD(::GetQueueStatus(QS_INPUT | QS_PAINT | QS_TIMER | QS_HOTKEY)) != 0;
+}
 
 // Continues the coroutine once the thread has handled its waiting input, paint and timer
 // messages: a thread timer's WM_TIMER comes after all of those (a posted message would
@@ -323,9 +362,11 @@ task<std::uint64_t> read_body(const http_request& request, body_sink& sink, std:
             stop.throw_if_stopped();
         }
         if (::GetTickCount64() - busy_since >= longest_busy_stretch_ms) {
-            co_await yield_to_messages{};
+            if (messages_wait()) {
+                co_await yield_to_messages{};
+                stop.throw_if_stopped();
+            }
             busy_since = ::GetTickCount64();
-            stop.throw_if_stopped();
         }
         if (read == 0)
             break;

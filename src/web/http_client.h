@@ -21,6 +21,7 @@
 // WinINet holds: a read_chunk that has to wait can lose its count under Wine.
 
 #include "base/async_context.h"
+#include "base/failure.h"
 #include "base/unique_handle.h"
 #include "web/task.h"
 
@@ -85,7 +86,7 @@ private:
 // stays suspended until the completion has run.
 class get_operation final : private details::completion_target {
 public:
-    get_operation(HINTERNET session, std::wstring address, std::wstring headers) noexcept;
+    get_operation(HINTERNET session, std::wstring address, std::wstring headers, DWORD extra_flags = 0) noexcept;
 
     bool await_ready() const noexcept { return false; }
     bool await_suspend(std::coroutine_handle<> continuation) noexcept;
@@ -97,6 +98,7 @@ private:
     HINTERNET session_;
     std::wstring address_;
     std::wstring headers_;
+    DWORD extra_flags_;
     std::unique_ptr<details::request_context> context_;
     HINTERNET handle_ = nullptr;
     DWORD error_ = ERROR_SUCCESS;
@@ -218,8 +220,11 @@ public:
     [[nodiscard]] std::wstring resolve(std::wstring_view relative) const;
     [[nodiscard]] static std::wstring canonicalize(std::wstring_view address);
 
-    // Opens a canonical address with the extra request headers ("Accept: ...").
-    [[nodiscard]] get_operation get(std::wstring address, std::wstring headers) const noexcept;
+    // Opens a canonical address with the extra request headers ("Accept: ..."). WinINet
+    // follows redirects unless told to stop at them; then a redirect is the answer.
+    enum class redirects : bool { follow, stop };
+    [[nodiscard]] get_operation get(std::wstring address, std::wstring headers,
+                                    redirects at_redirect = redirects::follow) const noexcept;
     [[nodiscard]] static read_operation read_chunk(const http_request& request, void* buffer, DWORD size) noexcept
     {
         return read_operation(request, buffer, size);
@@ -236,12 +241,33 @@ private:
 
 // The response's status code; 0 when WinINet cannot tell.
 [[nodiscard]] DWORD http_status(HINTERNET request) noexcept;
-// A known status other than 200 fails the request with E_INVALIDARG.
+// The server's answer to a request it did not serve: the code stays E_INVALIDARG, what the
+// user reads is the status and its reason phrase.
+class http_status_error : public fibra::details::hresult_error {
+public:
+    http_status_error(DWORD status, std::wstring reason)
+        : hresult_error(E_INVALIDARG), status_(status), reason_(std::move(reason))
+    {
+    }
+    [[nodiscard]] DWORD status() const noexcept { return status_; }
+    // Empty when the server sent none.
+    [[nodiscard]] const std::wstring& reason() const noexcept { return reason_; }
+
+private:
+    DWORD status_;
+    std::wstring reason_;
+};
+
+// A known status other than 200 fails the request with http_status_error.
 void throw_if_not_ok(HINTERNET request);
 // The Content-Length the server announced, or -1 when it announced none.
 [[nodiscard]] std::int64_t announced_length(HINTERNET request) noexcept;
 // The address the request ended at, after any redirects.
 [[nodiscard]] std::wstring final_address(HINTERNET request);
+// Where a redirect answer (301, 302, 303, 307, 308) points, resolved against the address it
+// came from and canonicalised (empty when it names nowhere usable); nothing for any other
+// answer.
+[[nodiscard]] std::optional<std::wstring> redirect_target(HINTERNET request, std::wstring_view from);
 [[nodiscard]] bool is_https_address(std::wstring_view address) noexcept;
 
 // What ends a transfer early: the work of the window being cancelled, or the user's

@@ -5,10 +5,12 @@
 #include "base/module_path.h"
 #include "format/ts_printf.h"
 #include "localization/localization.h"
+#include "msgbox/link_opener.h"
 #include "web/download.h"
+#include "web/installer_trust.h"
+#include "web/package_installation.h"
 #include "web/progress_dialog.h"
-
-#include <shellapi.h>
+#include "web/staging_folder.h"
 
 #include <atomic>
 #include <chrono>
@@ -64,25 +66,39 @@ task<bool> download_and_start_installer(const update_check_options& options, con
 {
     std::exception_ptr failure;
     std::optional<progress_dialog> progress;
+    std::optional<staging_folder> staging;
     try {
-        const std::wstring folder = options.download_folder.empty() ? secure_download_folder() : options.download_folder;
+        // A refused staging folder ends the update before anything is fetched.
+        staging.emplace(options.download_folder.empty() ? stage_update_download()
+                                                        : staging_folder(options.download_folder, {}));
         progress.emplace(owner_of_boxes(options));
         const stop_token stop{options.ui.cancellation(), progress->cancellation()};
         const std::wstring name =
             ts_printf::format(L"UlmoraToolsSetup-{}.exe", dotted_version(unpacked_version(response.version)));
         downloaded_file installer =
-            co_await download_file(client, response.url, folder, name, max_installer_size, stop, &*progress);
+            co_await download_file(client, response.url, staging->path(), name, max_installer_size, stop, &*progress);
         co_await options.ui;
         progress.reset();
+        try {
+            check_installer_signature(installer.handle.get(), built_in_publisher_pin());
+        } catch (...) {
+            installer.handle.reset();
+            throw;
+        }
         start_installer(installer, options.main_window);
         co_return true;
     } catch (const fibra::details::operation_cancelled&) {
         // The user's Cancel ends the download without a word; the window's goes on up.
+        if (staging)
+            staging->discard();
         if (options.ui.work_cancelled())
             throw;
     } catch (...) {
         failure = std::current_exception();
     }
+    // Nothing that was not started stays behind.
+    if (staging)
+        staging->discard();
     co_await options.ui;
     progress.reset();
     if (failure)
@@ -156,7 +172,16 @@ fibra::fire_and_forget run_update_check(update_check_options options)
 
         store_promotion(options, response.promo);
 
-        if (is_newer_release(response.version, own_packed)) {
+        const bool newer = is_newer_release(response.version, own_packed);
+        if (newer && installed_by_package(module_path())) {
+            // Whoever deployed the package updates this copy: it is only told of, and an
+            // automatic check keeps quiet.
+            if (options.mode == update_check_mode::on_demand)
+                show(options,
+                     ts_printf::format(load_string(string_ids::update_deployed_copy),
+                                       dotted_version(unpacked_version(response.version))),
+                     MB_OK | MB_ICONINFORMATION);
+        } else if (newer) {
             const std::wstring offer = ts_printf::format(load_string(string_ids::update_offer),
                                                          dotted_version(unpacked_version(response.version)));
             if (show(options, offer, MB_YESNO | MB_ICONQUESTION) == IDYES) {
@@ -222,12 +247,7 @@ std::wstring promotion_markup(const promo_notice& promo)
 
 void open_promotion_address(std::wstring_view address) noexcept
 {
-    try {
-        if (is_https_address(address))
-            ::ShellExecuteW(nullptr, L"open", std::wstring(address).c_str(), nullptr, nullptr, SW_SHOWNORMAL);
-    } catch (...) {
-        debug_report(L"the promotion's address could not be opened");
-    }
+    open_link(nullptr, address);
 }
 
 bool language_pack_wanted(const language_pack_offer& offer, const product_version& own,

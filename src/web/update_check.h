@@ -15,9 +15,12 @@
 // A check asks the update service, stores its promotion in the settings, and when a newer
 // release exists offers it: on Yes it downloads the installer with a progress dialog,
 // starts it with this process's handle and posts WM_CLOSE to the main window; a declined
-// automatic offer asks whether to stop checking automatically. Then it offers the
-// language packs made for this version whose language is not installed. An automatic
-// check shows no error of its own; a failed download the user asked for is always shown.
+// automatic offer asks whether to stop checking automatically. A copy that the Windows
+// Installer package installed is updated by whoever deployed it (package_installation.h):
+// it is offered nothing, and only a check the user asked for names the newer version. Then
+// the check offers the language packs made for this version whose language is not
+// installed. An automatic check shows no error of its own; a failed download the user
+// asked for is always shown.
 // All of it runs as a coroutine on the main window's UI thread and ends quietly when the
 // window's work is cancelled.
 
@@ -67,9 +70,10 @@ bool start_update_check(update_check_options options);
 [[nodiscard]] std::optional<promo_notice> promotion_to_show(const promo_notice& stored, nsm::date today);
 // The markup of the main window's promotion line: the title as a link to its address.
 [[nodiscard]] std::wstring promotion_markup(const promo_notice& promo);
-// Opens a link of the promotion line in the browser. The address came from the update
-// service and this process runs elevated: only an https address is opened, never a file
-// or a program.
+// Opens a link of the promotion line in the browser through the program's link opener
+// (msgbox/link_opener.h): the address came from the update service and this process runs
+// elevated, so only an https address is opened, never a file or a program, and the browser
+// runs as the signed-in user.
 void open_promotion_address(std::wstring_view address) noexcept;
 
 // Whether an offered pack suits this program (made for the same major and minor version)

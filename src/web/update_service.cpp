@@ -6,6 +6,8 @@
 #include "localization/localization.h"
 #include "nsm/json_archive.h"
 #include "nsm/registry_ex.h"
+#include "web/installer_trust.h"
+#include "web/staging_folder.h"
 
 namespace tessel::web {
 
@@ -38,16 +40,32 @@ update_response parse_update_response(std::string_view text)
     return response;
 }
 
+task<http_request> open_https(const HttpClient& client, std::wstring address, std::wstring headers, stop_token stop)
+{
+    // WinINet would follow a redirect to plain http and on to https again, and only the last
+    // address could be seen afterwards: every hop is taken here instead.
+    for (int redirects = 0;; ++redirects) {
+        if (!is_https_address(address))
+            throw_hresult(e_insecure_address);
+        http_request request = co_await client.get(address, headers, HttpClient::redirects::stop);
+        stop.throw_if_stopped();
+        std::optional<std::wstring> target = redirect_target(request.handle(), address);
+        if (!target)
+            co_return request;
+        // A redirect without a usable target is as broken as one too many.
+        if (redirects == max_redirects || target->empty())
+            throw_win32(ERROR_HTTP_REDIRECT_FAILED);
+        address = std::move(*target);
+    }
+}
+
 task<update_response> fetch_update_response(const HttpClient& client, std::uint64_t own_version,
                                             update_check_mode mode, stop_token stop)
 {
     const std::wstring address =
         HttpClient::canonicalize(update_request_address(client.base_address(), own_version, mode));
-    const http_request request = co_await client.get(address, L"Accept: application/json");
-    stop.throw_if_stopped();
+    const http_request request = co_await open_https(client, address, L"Accept: application/json", stop);
     throw_if_not_ok(request.handle());
-    if (!is_https_address(final_address(request.handle())))
-        throw_hresult(e_insecure_address);
     const std::string text = co_await read_body_text(request, max_response_size, stop);
     co_return parse_update_response(text);
 }
@@ -70,6 +88,22 @@ std::wstring wininet_message(DWORD code)
     return text;
 }
 
+std::wstring reason_text(folder_refusal reason)
+{
+    switch (reason) {
+    case folder_refusal::not_a_folder:
+        return std::wstring(load_string(string_ids::update_folder_not_a_folder));
+    case folder_refusal::reparse_point:
+        return std::wstring(load_string(string_ids::update_folder_reparse_point));
+    case folder_refusal::foreign_owner:
+        return std::wstring(load_string(string_ids::update_folder_foreign_owner));
+    case folder_refusal::others_may_write:
+    case folder_refusal::none:
+        break;
+    }
+    return std::wstring(load_string(string_ids::update_folder_others_may_write));
+}
+
 std::wstring text_of(HRESULT code)
 {
     switch (code) {
@@ -79,9 +113,15 @@ std::wstring text_of(HRESULT code)
         return std::wstring(load_string(string_ids::update_bad_language_pack));
     case e_download_replaced:
         return std::wstring(load_string(string_ids::update_download_replaced));
+    case e_foreign_signer:
+        return std::wstring(load_string(string_ids::update_foreign_signer));
     default:
         break;
     }
+    // WinVerifyTrust's and the crypto API's verdicts (TRUST_E_*, CRYPT_E_*): whatever they
+    // found wrong, the installer is not the publisher's.
+    if (HRESULT_FACILITY(code) == FACILITY_CERT || HRESULT_FACILITY(code) == FACILITY_SECURITY)
+        return std::wstring(load_string(string_ids::update_bad_signature));
     std::wstring text = system_message(code);
     if (text.empty() && HRESULT_FACILITY(code) == FACILITY_WIN32 && HRESULT_CODE(code) >= INTERNET_ERROR_BASE &&
         HRESULT_CODE(code) <= INTERNET_ERROR_LAST)
@@ -97,6 +137,13 @@ failure_description describe_failure(std::exception_ptr error)
 {
     try {
         std::rethrow_exception(error);
+    } catch (const unsafe_folder_error& e) {
+        return {ts_printf::format(load_string(string_ids::update_unsafe_folder), e.folder(), reason_text(e.reason())),
+                e.code()};
+    } catch (const http_status_error& e) {
+        if (e.reason().empty())
+            return {ts_printf::format(load_string(string_ids::update_server_answered_status), e.status()), e.code()};
+        return {ts_printf::format(load_string(string_ids::update_server_answered), e.status(), e.reason()), e.code()};
     } catch (const fibra::details::hresult_error& e) {
         return {text_of(e.code()), e.code()};
     } catch (const nsm::load_exception& e) {

@@ -45,6 +45,14 @@ inline constexpr HRESULT e_download_replaced = MAKE_HRESULT(SEVERITY_ERROR, FACI
 // A document that does not match the records (the text is the archive's message).
 inline constexpr HRESULT e_bad_response = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
 
+// Opens an https address and follows its redirects, at most max_redirects of them, each
+// checked as it comes: an address or a redirect target that is not https fails with
+// e_insecure_address before it is requested, one redirect too many (or one that names no
+// address) with HRESULT_FROM_WIN32(ERROR_HTTP_REDIRECT_FAILED). The request that answered otherwise is
+// returned, whatever its status.
+inline constexpr int max_redirects = 5;
+task<http_request> open_https(const HttpClient& client, std::wstring address, std::wstring headers, stop_token stop);
+
 // The constant, or the administrators' override described above.
 [[nodiscard]] std::wstring update_service_base_address();
 

@@ -35,7 +35,7 @@ TEST(startup, error_texts_fall_back_to_the_programs_own_text)
     EXPECT_FALSE(servercfg::error_text(E_ACCESSDENIED).empty());
 }
 
-TEST(startup, a_new_copy_starts_with_the_very_same_command_line)
+TEST(startup, a_new_copy_starts_by_its_own_path_with_the_very_same_command_line)
 {
     const std::wstring folder = tessel::module_folder();
     wchar_t temp[MAX_PATH];
@@ -43,9 +43,10 @@ TEST(startup, a_new_copy_starts_with_the_very_same_command_line)
     const std::wstring record = std::wstring(temp) + L"servercfg-restart-test.txt";
     ::DeleteFileW(record.c_str());
 
+    // The command line's first word names no program: the copy is found by its path alone.
     const std::wstring command_line =
-        L"\"" + folder + L"ui_driver.exe\" record \"" + record + L"\" plain \"two words\" --flag \"q\\\"uote\"";
-    servercfg::start_new_copy(command_line);
+        L"\"" + folder + L"no such folder\\ui_driver.exe\" record \"" + record + L"\" plain \"two words\" --flag \"q\\\"uote\"";
+    servercfg::start_new_copy(folder + L"ui_driver.exe", command_line);
 
     std::string seen;
     for (int i = 0; i < 200 && seen.empty(); ++i) {

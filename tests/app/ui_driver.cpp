@@ -2,17 +2,21 @@
 //
 //   ui_driver wait <title> <control id> [timeout ms]   prints the window as hex, exit 1 on timeout
 //   ui_driver text <window> <control id>               prints the control's text (UTF-8)
-//   ui_driver click <window> <control id>              presses the button
+//   ui_driver click <window> <control id> [wait]       presses the button; with "wait", returns
+//                                                      once the program has handled the press
 //   ui_driver close <window>                           asks the window to close
 //   ui_driver record <file> [anything...]              writes its own command line to <file>
 //   ui_driver load <library name>                      LoadLibraryW with the plain search order
 //   ui_driver rows <window> <control id>               prints the rows of a list or tree as
 //                                                      its screen-reader interface gives them:
 //                                                      "<level>\t<name>" per line
+//   ui_driver describe <window> <control id> <row>     prints a row's accessible description
 //   ui_driver select <window> <control id> <row>       selects and focuses a row (from 0) that way
 //   ui_driver key <window> <control id> <key> [shift]  posts a key press (virtual-key code) to it
+//   ui_driver char <window> <control id> <code>        posts a typed character (3 is Ctrl+C)
+//   ui_driver menu <timeout ms>                        exit 0 once a popup menu is open
+//   ui_driver hover <window> <control id> <row>        moves the mouse onto the row's name
 //   ui_driver settext <window> <control id> <text>     sets a control's text
-//   ui_driver combo <window> <control id> <item>       selects a combo box item, as the user would
 //   ui_driver enabled <window> <control id>            prints 1 or 0
 //   ui_driver checked <window> <control id>            prints 0, 1 or 2
 //   ui_driver clipboard                                prints the clipboard's Unicode text
@@ -117,9 +121,13 @@ int wmain(int argc, wchar_t** argv)
         print_utf8(text);
         return 0;
     }
-    if (command == L"click" && argc == 4) {
+    if (command == L"click" && (argc == 4 || (argc == 5 && std::wstring(argv[4]) == L"wait"))) {
         HWND control = ::GetDlgItem(parse_window(argv[2]), std::wcstol(argv[3], nullptr, 10));
-        return control && ::PostMessageW(control, BM_CLICK, 0, 0) ? 0 : 1;
+        if (!control)
+            return 1;
+        if (argc == 5)
+            return ::SendMessageW(control, BM_CLICK, 0, 0), 0;
+        return ::PostMessageW(control, BM_CLICK, 0, 0) ? 0 : 1;
     }
     if (command == L"record" && argc >= 3) {
         FILE* file = _wfopen(argv[2], L"wb");
@@ -153,6 +161,56 @@ int wmain(int argc, wchar_t** argv)
         print_utf8(text);
         return 0;
     }
+    if (command == L"describe" && argc == 5) {
+        ::CoInitialize(nullptr);
+        IAccessible* accessible = accessible_of(::GetDlgItem(parse_window(argv[2]), std::wcstol(argv[3], nullptr, 10)));
+        if (!accessible)
+            return 1;
+        VARIANT child;
+        child.vt = VT_I4;
+        child.lVal = std::wcstol(argv[4], nullptr, 10) + 1;
+        BSTR description = nullptr;
+        const HRESULT hr = accessible->get_accDescription(child, &description);
+        accessible->Release();
+        print_utf8(take_bstr(description));
+        return SUCCEEDED(hr) ? 0 : 1;
+    }
+    if (command == L"hover" && argc == 5) {
+        // Onto the row's first text (past the indent, the expander and the icon), then a
+        // small move there, which is what starts a tooltip's delay.
+        ::CoInitialize(nullptr);
+        IAccessible* accessible = accessible_of(::GetDlgItem(parse_window(argv[2]), std::wcstol(argv[3], nullptr, 10)));
+        if (!accessible)
+            return 1;
+        VARIANT child;
+        child.vt = VT_I4;
+        child.lVal = std::wcstol(argv[4], nullptr, 10) + 1;
+        long left = 0, top = 0, width = 0, height = 0;
+        const HRESULT hr = accessible->accLocation(&left, &top, &width, &height, child);
+        accessible->Release();
+        if (FAILED(hr) || height <= 0)
+            return 1;
+        const int x = left + 3 * height, y = top + height / 2;
+        ::SetCursorPos(x - 2, y);
+        ::Sleep(100);
+        ::SetCursorPos(x, y);
+        return 0;
+    }
+    if (command == L"menu" && argc == 3) {
+        const ULONGLONG deadline = ::GetTickCount64() + std::wcstoul(argv[2], nullptr, 10);
+        do {
+            // Popup menus are top-level windows of the system class "#32768".
+            const HWND menu = ::FindWindowW(L"#32768", nullptr);
+            if (menu && ::IsWindowVisible(menu))
+                return 0;
+            ::Sleep(50);
+        } while (::GetTickCount64() < deadline);
+        return 1;
+    }
+    if (command == L"char" && argc == 5) {
+        HWND control = ::GetDlgItem(parse_window(argv[2]), std::wcstol(argv[3], nullptr, 10));
+        return control && ::PostMessageW(control, WM_CHAR, std::wcstoul(argv[4], nullptr, 0), 1) ? 0 : 1;
+    }
     if (command == L"select" && argc == 5) {
         ::CoInitialize(nullptr);
         IAccessible* accessible = accessible_of(::GetDlgItem(parse_window(argv[2]), std::wcstol(argv[3], nullptr, 10)));
@@ -182,16 +240,6 @@ int wmain(int argc, wchar_t** argv)
         HWND control = ::GetDlgItem(parse_window(argv[2]), std::wcstol(argv[3], nullptr, 10));
         return control && ::SendMessageW(control, WM_SETTEXT, 0, reinterpret_cast<LPARAM>(argv[4])) ? 0 : 1;
     }
-    if (command == L"combo" && argc == 5) {
-        HWND dialog = parse_window(argv[2]);
-        const int id = std::wcstol(argv[3], nullptr, 10);
-        HWND control = ::GetDlgItem(dialog, id);
-        if (!control || ::SendMessageW(control, CB_SETCURSEL, std::wcstoul(argv[4], nullptr, 10), 0) == CB_ERR)
-            return 1;
-        return ::PostMessageW(dialog, WM_COMMAND, MAKEWPARAM(id, CBN_SELCHANGE), reinterpret_cast<LPARAM>(control))
-                   ? 0
-                   : 1;
-    }
     if ((command == L"enabled" || command == L"checked") && argc == 4) {
         HWND control = ::GetDlgItem(parse_window(argv[2]), std::wcstol(argv[3], nullptr, 10));
         if (!control)
@@ -219,7 +267,9 @@ int wmain(int argc, wchar_t** argv)
         return ::PostMessageW(parse_window(argv[2]), WM_CLOSE, 0, 0) ? 0 : 1;
     std::fputs("usage: ui_driver wait <title> <id> [ms] | text <window> <id> | click <window> <id> | close <window> | "
                "record <file> [...] | rows <window> <id> | select <window> <id> <row> | key <window> <id> <key> [shift] | "
-               "settext <window> <id> <text> | combo <window> <id> <item> | enabled <window> <id> | "
+               "settext <window> <id> <text> | describe <window> <id> <row> | char <window> <id> <code> | menu <ms> | "
+               "hover <window> <id> <row> | "
+               "enabled <window> <id> | "
                "checked <window> <id> | clipboard | load <library>\n",
                stderr);
     return 2;

@@ -54,28 +54,8 @@ TEST(ui_dispatch, cancelled_context_throws_even_on_the_ui_thread)
     switch_and_record(posting, log, done);
     EXPECT_FALSE(done);
     posting.cancel_work();
-    test_support::pump_until([&] { return done; });
+    ASSERT_TRUE(test_support::pump_until([&] { return done; })) << "the cancelled continuation never ran";
     EXPECT_EQ(log, (std::vector<std::wstring>{L"resumed on UI thread", L"cancelled", L"cancelled"}));
-}
-
-TEST(ui_dispatch, always_post_runs_after_messages_already_queued)
-{
-    auto hook = tessel::windows::impl::install_ui_return_hook();
-    drain_queue();
-    std::vector<std::wstring> log;
-    bool done = false;
-    async_context context(::GetCurrentThreadId(), nullptr, true);
-
-    ASSERT_TRUE(::PostThreadMessageW(::GetCurrentThreadId(), WM_APP + 7, 0, 0));
-    switch_and_record(context, log, done);
-    EXPECT_TRUE(log.empty()) << "always-post must not continue inline";
-
-    MSG message;
-    while (!done && ::GetMessageW(&message, nullptr, 0, 0) > 0) {
-        if (message.message == WM_APP + 7)
-            log.push_back(L"earlier message");
-    }
-    EXPECT_EQ(log, (std::vector<std::wstring>{L"earlier message", L"resumed on UI thread"}));
 }
 
 TEST(ui_dispatch, switch_from_another_thread_resumes_inside_a_message_box_loop)
@@ -159,25 +139,32 @@ TEST(ui_dispatch, registered_messages_carry_their_published_names)
     EXPECT_GE(tessel::windows::wm_ole_call(), 0xC000u);  // a registered message, not a fixed one
 }
 
-// The hook sees peeks that leave a message in the queue as well as its removal: resuming
-// on a peek would run the coroutine early, and the removal would then resume a finished
-// frame a second time.
-TEST(ui_dispatch, hook_resumes_once_on_removal_and_never_on_a_peek)
+// An always-post continuation waits behind the messages already queued. The hook sees
+// peeks that leave a message in the queue as well as its removal: resuming on a peek would
+// run the coroutine early, and the removal would then resume a finished frame a second time.
+// The messages are taken here one by one, so nothing waits: a continuation that does not
+// come shows as a log without it.
+TEST(ui_dispatch, always_post_resumes_after_earlier_messages_once_on_removal_never_on_a_peek)
 {
     auto hook = tessel::windows::impl::install_ui_return_hook();
     drain_queue();
     std::vector<std::wstring> log;
     bool done = false;
+    ASSERT_TRUE(::PostThreadMessageW(::GetCurrentThreadId(), WM_APP + 7, 0, 0));
     switch_and_record(async_context(::GetCurrentThreadId(), nullptr, true), log, done);
+    EXPECT_TRUE(log.empty()) << "always-post must not continue inline";
 
     MSG message;
-    for (int peek = 0; peek < 3; ++peek) {
-        ASSERT_TRUE(::PeekMessageW(&message, nullptr, 0, 0, PM_NOREMOVE));
-        EXPECT_EQ(message.message, tessel::windows::wm_ui_return());
-    }
+    const UINT ui_return = tessel::windows::wm_ui_return();
+    for (int peek = 0; peek < 3; ++peek)
+        ASSERT_TRUE(::PeekMessageW(&message, nullptr, ui_return, ui_return, PM_NOREMOVE));
     EXPECT_TRUE(log.empty()) << "a peek resumed the coroutine";
     ASSERT_TRUE(::PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE));
-    EXPECT_EQ(log, std::vector<std::wstring>{L"resumed on UI thread"});
+    EXPECT_EQ(message.message, WM_APP + 7u);
+    log.push_back(L"earlier message");
+    ASSERT_TRUE(::PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE));
+    EXPECT_EQ(message.message, ui_return);
+    EXPECT_EQ(log, (std::vector<std::wstring>{L"earlier message", L"resumed on UI thread"}));
     EXPECT_TRUE(done);
     EXPECT_FALSE(::PeekMessageW(&message, nullptr, 0, 0, PM_NOREMOVE));
 }

@@ -1,6 +1,8 @@
 // What a screen reader sees of a window, from another process: the IAccessible of its
 // client area, its role, focus and children (name, role, state, value), one per line.
-//   controls_accessibility_probe.exe <window handle in decimal>
+//   controls_accessibility_probe.exe <window handle in decimal> [command]...
+// With commands, only what they print: "select <flags> <child id>" calls accSelect and
+// prints its HRESULT, "selection" prints the selected child ids.
 // Used by the controls tests, which start it against their own list and tree.
 
 #include <windows.h>
@@ -8,6 +10,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cwchar>
 #include <string>
 
 namespace {
@@ -38,6 +41,39 @@ int wmain(int argc, wchar_t** argv)
     if (FAILED(hr) || !object) {
         std::printf("error %08lx\n", static_cast<unsigned long>(hr));
         return 1;
+    }
+    if (argc > 2) {
+        for (int i = 2; i < argc; ++i) {
+            if (std::wcscmp(argv[i], L"select") == 0 && i + 2 < argc) {
+                VARIANT child{};
+                child.vt = VT_I4;
+                child.lVal = std::wcstol(argv[i + 2], nullptr, 10);
+                std::printf("select %08lx\n", static_cast<unsigned long>(
+                                                  object->accSelect(std::wcstol(argv[i + 1], nullptr, 10), child)));
+                i += 2;
+            } else if (std::wcscmp(argv[i], L"selection") == 0) {
+                VARIANT selection{};
+                object->get_accSelection(&selection);
+                std::string ids;
+                IEnumVARIANT* items = nullptr;
+                if (selection.vt == VT_I4)
+                    ids = std::to_string(selection.lVal);
+                else if (selection.vt == VT_UNKNOWN &&
+                         SUCCEEDED(selection.punkVal->QueryInterface(IID_IEnumVARIANT, reinterpret_cast<void**>(&items)))) {
+                    for (VARIANT item{}; items->Next(1, &item, nullptr) == S_OK;) {
+                        if (!ids.empty())
+                            ids += ',';
+                        ids += std::to_string(item.lVal);
+                    }
+                    items->Release();
+                }
+                ::VariantClear(&selection);
+                std::printf("selection %s\n", ids.empty() ? "none" : ids.c_str());
+            }
+        }
+        object->Release();
+        std::fflush(stdout);
+        return 0;
     }
     VARIANT self{};
     self.vt = VT_I4;

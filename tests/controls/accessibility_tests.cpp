@@ -28,10 +28,11 @@ tessel::unique_hwnd make_owner()
 
 // Runs the probe against `window` while this thread keeps answering its messages, and
 // returns what it printed.
-std::string probe(HWND window)
+std::string probe(HWND window, const std::wstring& commands = {})
 {
-    const test_support::tool_result run = test_support::run_tool(
-        L"controls_accessibility_probe.exe", std::to_wstring(reinterpret_cast<INT_PTR>(window)), 30000, true);
+    const test_support::tool_result run =
+        test_support::run_tool(L"controls_accessibility_probe.exe",
+                               std::to_wstring(reinterpret_cast<INT_PTR>(window)) + L" " + commands, 30000, true);
     if (run.exit_code == 99)
         return "the probe did not finish";
     return tessel::utf16_to_utf8(run.output);
@@ -96,6 +97,24 @@ TEST(accessibility, a_reader_in_another_process_sees_rows_names_states_and_level
     ASSERT_EQ(list_lines.size(), 3u);
     EXPECT_EQ(list_lines[0], "role " + std::to_string(ROLE_SYSTEM_LIST) + " count 2 focus -1");
     EXPECT_EQ(list_lines[2], child_line(2, "item 1", ROLE_SYSTEM_LISTITEM, item, ""));
+
+    // A reader selects as a user clicks: plainly, with Shift (from the anchor), with Ctrl
+    // (add or remove one row), with Shift and Ctrl; contradicting flags are refused.
+    list.set_selection_mode(listview::impl::selection_mode::multiple);
+    list.set_row_count(20);
+    const std::string ok = "select 00000000";
+    EXPECT_EQ(lines_of(probe(list.window(), L"select 3 3 select 5 6 select 8 10 select 16 4 select 20 5 select 10 1 "
+                                            L"selection")),
+              (std::vector<std::string>{ok, ok, ok, ok, ok, "select 80070057", "selection 6,10"}));
+
+    // Rows past the last child id are not named as another row's.
+    list.clear_selection();
+    list.set_row_count(0x80000005);
+    list.select_range(0x7ffffffc, 0x80000000, true);
+    EXPECT_EQ(lines_of(probe(list.window(), L"selection")), std::vector<std::string>{"selection 2147483645,2147483646"});
+    list.set_selection_mode(listview::impl::selection_mode::single);
+    list.select_row(0x7ffffffe);
+    EXPECT_EQ(lines_of(probe(list.window(), L"selection")), std::vector<std::string>{"selection none"});
 }
 
 namespace {
@@ -134,15 +153,18 @@ TEST(accessibility, focus_selection_and_expansion_raise_events)
     ::SetFocus(tree.window());
     watched = tree.window();
     events.clear();
-    const HWINEVENTHOOK hook = ::SetWinEventHook(EVENT_OBJECT_FOCUS, EVENT_OBJECT_STATECHANGE, nullptr, on_win_event,
+    const HWINEVENTHOOK hook = ::SetWinEventHook(EVENT_OBJECT_FOCUS, EVENT_OBJECT_NAMECHANGE, nullptr, on_win_event,
                                                  ::GetCurrentProcessId(), 0, WINEVENT_OUTOFCONTEXT);
     ASSERT_NE(hook, nullptr);
     tree.select(b);
     tree.set_focus_node(b);
     tree.collapse(a);
-    test_support::pump_until([] { return events.size() >= 3; }, 3000);
+    tree.list().invalidate_rows(0);
+    test_support::pump_until([] { return saw(EVENT_OBJECT_NAMECHANGE, 1); }, 3000);
     ::UnhookWinEvent(hook);
     EXPECT_TRUE(saw(EVENT_OBJECT_SELECTION, 3)) << "b was row 3 when it was selected";
     EXPECT_TRUE(saw(EVENT_OBJECT_FOCUS, 3));
     EXPECT_TRUE(saw(EVENT_OBJECT_STATECHANGE, 1)) << "a collapsed";
+    EXPECT_TRUE(saw(EVENT_OBJECT_FOCUS, 2)) << "the focus row moved up";
+    EXPECT_TRUE(saw(EVENT_OBJECT_NAMECHANGE, 1)) << "the list's own row changed";
 }

@@ -10,9 +10,13 @@ namespace {
 
 struct fixed_settings final : theme_settings {
     bool allowed, dark;
+    mutable int themed = -1;  // what theme_window was last told
     fixed_settings(bool a, bool d) : allowed(a), dark(d) {}
     bool dark_mode_allowed(HWND) const override { return allowed; }
     bool apps_use_dark_theme() const override { return dark; }
+    bool high_contrast() const override { return !allowed; }
+    COLORREF system_colour(int index) const override { return ::GetSysColor(index); }
+    void theme_window(HWND, bool d) const override { themed = d; }
 };
 
 }  // namespace
@@ -22,9 +26,12 @@ TEST(dark_theme, applies_only_when_both_answers_are_yes)
     const tessel::unique_hwnd window(::CreateWindowExW(0, L"STATIC", L"", WS_POPUP, 0, 0, 10, 10, nullptr, nullptr,
                                                        ::GetModuleHandleW(nullptr), nullptr));
     ASSERT_TRUE(window);
-    EXPECT_TRUE(apply_dark_theme(window.get(), fixed_settings(true, true)));
-    EXPECT_FALSE(apply_dark_theme(window.get(), fixed_settings(true, false)));
-    EXPECT_FALSE(apply_dark_theme(window.get(), fixed_settings(false, true)));
+    for (const bool allowed : {true, false})
+        for (const bool dark : {true, false}) {
+            const fixed_settings settings(allowed, dark);
+            EXPECT_EQ(apply_dark_theme(window.get(), settings), allowed && dark);
+            EXPECT_EQ(settings.themed, int(allowed && dark)) << "a light window gets its own theme back";
+        }
 
     // The system's answer follows the user's app theme choice.
     HKEY raw = nullptr;

@@ -2,6 +2,7 @@
 #include "controls/vector_icons.h"
 
 #include "test_support.h"
+#include "guarded_memory.h"
 
 #include "base/module_path.h"
 #include "base/unique_handle.h"
@@ -228,20 +229,29 @@ TEST(vector_icons, corrupt_collections_load_empty)
     std::memcpy(&view_width, inner.data() + *reinterpret_cast<const std::uint32_t*>(inner.data() + 16) + 8, 4);
     EXPECT_FALSE(with_first_point(view_width).empty());
 
-    // Random damage never reads out of bounds: whatever still loads also renders.
+    // Random damage never reads out of bounds: whatever still loads also renders. Each
+    // icon is drawn from a copy of its record that ends right before a page that faults
+    // when touched, so reading past the record crashes here instead of passing by luck.
     std::mt19937 random(12345);
     int still_loading = 0;
+    test_support::guarded_buffer guarded(inner.size());
+    ASSERT_TRUE(guarded.guarded());
     for (int round = 0; round < 1500; ++round) {
         std::vector<std::byte> copy = inner;
         const int flips = 1 + int(random() % 4);
         for (int f = 0; f < flips; ++f)
             copy[random() % copy.size()] = std::byte(random() & 0xFF);
-        const read_only_collection damaged = read_only_collection::from_collection(std::move(copy));
+        const read_only_collection damaged = read_only_collection::from_collection(copy);
         if (damaged.empty())
             continue;
         ++still_loading;
-        for (std::size_t i = 0; i < damaged.size(); ++i)
-            (void)render_icon(damaged.icon(i), 16);
+        for (std::size_t i = 0; i < damaged.size(); ++i) {
+            std::uint32_t offset = 0, size = 0;  // the icon's index entry
+            std::memcpy(&offset, copy.data() + 8 + i * 16 + 8, 4);
+            std::memcpy(&size, copy.data() + 8 + i * 16 + 12, 4);
+            const icon_view record(guarded.place(std::span(copy).subspan(offset, size)));
+            (void)render_icon(record, 16);
+        }
     }
     EXPECT_GT(still_loading, 0);  // flips in colours and coordinates are harmless
 }
@@ -258,20 +268,22 @@ TEST(vector_icons, cache_loads_once_and_reports_missing_resources)
     ASSERT_TRUE(loaded);
     EXPECT_FALSE(loaded->empty());
 
-    // Readers on several threads while one thread inserts.
+    // Readers on several threads while one thread loads again: every reader gets the
+    // collection loaded first, which stays.
     std::vector<std::thread> readers;
     std::atomic<int> found{0};
     for (int t = 0; t < 4; ++t)
         readers.emplace_back([&] {
             for (int i = 0; i < 200; ++i)
-                if (cache.get(module, MAKEINTRESOURCEW(icon_collection_resource_id)))
+                if (cache.get(module, MAKEINTRESOURCEW(icon_collection_resource_id)) == loaded)
                     ++found;
         });
     for (int i = 0; i < 20; ++i)
-        cache.load(module, MAKEINTRESOURCEW(icon_collection_resource_id));
+        EXPECT_TRUE(cache.load(module, MAKEINTRESOURCEW(icon_collection_resource_id)));
     for (auto& r : readers)
         r.join();
     EXPECT_EQ(found.load(), 800);
+    EXPECT_EQ(cache.get(module, MAKEINTRESOURCEW(icon_collection_resource_id)), loaded);
 }
 
 TEST(vector_icons, hicon_through_gdiplus)

@@ -1,3 +1,4 @@
+#include "controls/dark_theme.h"
 #include "controls/listview.h"
 #include "controls/selection.h"
 #include "base/unique_handle.h"
@@ -9,6 +10,10 @@
 
 #include <windowsx.h>
 
+#include <algorithm>
+#include <map>
+#include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -438,11 +443,8 @@ TEST(listview, rows_change_in_the_middle_and_the_selection_follows)
     f.list->insert_rows(12, 5);
     EXPECT_EQ(f.list->row_count(), 105u);
     EXPECT_EQ(f.list->focus_row(), 20u);
-    EXPECT_EQ(f.list->selection().count(), 10u) << "inserted rows are not selected";
-    EXPECT_TRUE(f.list->is_selected(11));
-    EXPECT_FALSE(f.list->is_selected(12));
-    EXPECT_TRUE(f.list->is_selected(17));
-    EXPECT_TRUE(f.list->is_selected(24));
+    EXPECT_EQ(selected_rows(*f.list), (std::vector<row_index>{10, 11, 17, 18, 19, 20, 21, 22, 23, 24}))
+        << "inserted rows are not selected";
 
     f.list->remove_rows(15, 5);  // rows 15..19: three selected ones go
     EXPECT_EQ(f.list->selection().count(), 7u);
@@ -450,15 +452,40 @@ TEST(listview, rows_change_in_the_middle_and_the_selection_follows)
     EXPECT_TRUE(f.list->is_selected(19));
     EXPECT_FALSE(f.list->is_selected(20));
 
-    // Truncation: a single selection below the new end moves to the last row.
+    // Shift extends from an anchor that is there: rows that go take it along, and an
+    // extension moves with its rows.
+    f.click(8);
+    f.list->set_row_count(5);
+    fixture::hold(true, false);
+    f.click(2);
+    EXPECT_EQ(f.list->selection().count(), 1u) << "the anchor went with row 8";
+    f.click(3);
+    f.list->remove_rows(0, 1);
+    f.click(1);
+    fixture::release_keys();
+    EXPECT_EQ(selected_rows(*f.list), (std::vector<row_index>{1})) << "the extension moved to rows 1 and 2";
+
+    // A single selection whose row goes lands on a row that is there, at the end as in
+    // the middle, and the owner hears of it.
     fixture g(10);
     g.list->select_row(7);
     received.clear();
     g.list->set_row_count(5);
     EXPECT_EQ(g.list->first_selected(), 4u);
-    EXPECT_EQ(count_of(lvn_selection_changed), 1u);
+    g.list->remove_rows(4, 1);
+    EXPECT_EQ(g.list->first_selected(), 3u) << "the new last row";
+    g.list->select_row(1);
+    g.list->remove_rows(1, 1);
+    EXPECT_EQ(g.list->first_selected(), 1u) << "the row that took its place";
+    EXPECT_EQ(count_of(lvn_selection_changed), 4u);
     g.list->set_row_count(0);
     EXPECT_EQ(g.list->first_selected(), no_row);
+
+    // At most 2^63 - 1 rows; the last of them is a row like any other.
+    EXPECT_THROW(g.list->set_row_count(max_row_count + 1), std::length_error);
+    g.list->set_row_count(max_row_count);
+    g.list->set_focus_row(max_row_count - 1);
+    EXPECT_EQ(g.list->row_at({5, g.row_y(max_row_count - 1)}), max_row_count - 1);
 }
 
 TEST(listview, only_rows_on_screen_are_asked_for_and_their_layouts_are_kept)
@@ -481,4 +508,106 @@ TEST(listview, only_rows_on_screen_are_asked_for_and_their_layouts_are_kept)
     f.list->invalidate_rows(500003);
     ::UpdateWindow(f.window());
     EXPECT_EQ(f.asked, 1u) << "an invalidated row is asked for again, alone";
+}
+
+// A paint that fails halfway leaves no clip behind, and rows of another height after a
+// DPI change leave no empty space under the last page.
+TEST(listview, a_failed_paint_or_a_dpi_change_leaves_the_picture_whole)
+{
+    fixture f(100);
+    bool fail = true;
+    f.list->handlers().row_paint.push_back([&](const row_paint& paint) {
+        if (fail && paint.row == 1)
+            throw std::runtime_error("a mark that cannot be drawn");
+    });
+    RECT upper_half{0, 0, 400, 150};
+    ::InvalidateRect(f.window(), &upper_half, FALSE);
+    ::UpdateWindow(f.window());
+    fail = false;
+    f.list->select_row(10);  // in the lower half
+    int width = 0;
+    const std::vector<std::uint32_t> pixels = controls_tests::print_client(f.window(), 0, width);
+    EXPECT_NE(pixels.at(std::size_t(f.row_y(10) * width + width - 10)) & 0xFFFFFF, 0xFFFFFFu)
+        << "the selected row is drawn, not what the surface held";
+
+    // A smaller system font stands in for a lower DPI: the rows shrink, more of them fit.
+    NONCLIENTMETRICSW metrics{};
+    metrics.cbSize = sizeof metrics;
+    ::SystemParametersInfoW(SPI_GETNONCLIENTMETRICS, sizeof metrics, &metrics, 0);
+    const LONG font_height = std::exchange(metrics.lfMessageFont.lfHeight, -6);
+    f.list->scroll_to(100);
+    ::SystemParametersInfoW(SPI_SETNONCLIENTMETRICS, sizeof metrics, &metrics, 0);
+    ::SendMessageW(f.window(), WM_DPICHANGED_AFTERPARENT, 0, 0);
+    metrics.lfMessageFont.lfHeight = font_height;
+    ::SystemParametersInfoW(SPI_SETNONCLIENTMETRICS, sizeof metrics, &metrics, 0);
+    const row_index top = f.list->top_row();
+    f.list->scroll_to(100);
+    EXPECT_EQ(f.list->top_row(), top) << "the top row is clamped to the new last page";
+}
+
+namespace {
+
+// A high-contrast scheme whose window and button face are both black; it keeps which
+// windows it was asked to give dark parts.
+struct injected_theme final : tessel::windows::new_controls::theme_settings {
+    bool contrast = true, dark = false;
+    COLORREF highlight = RGB(26, 235, 255);
+    mutable std::map<HWND, bool> dark_windows;
+    bool dark_mode_allowed(HWND) const override { return !contrast; }
+    bool apps_use_dark_theme() const override { return dark; }
+    bool high_contrast() const override { return contrast; }
+    COLORREF system_colour(int i) const override
+    {
+        return i == COLOR_HIGHLIGHT ? highlight : i == COLOR_WINDOW || i == COLOR_BTNFACE || i == COLOR_HIGHLIGHTTEXT ? 0 : 0xFFFFFF;
+    }
+    void theme_window(HWND window, bool d) const override { dark_windows[window] = d; }
+};
+
+}  // namespace
+
+TEST(listview, high_contrast_shows_the_scheme_alone_and_light_mode_takes_dark_parts_back)
+{
+    fixture f(2);
+    f.text = [](row_index row, std::size_t column) -> std::wstring {
+        return row == 0 && column == 0 ? L"A name far too long for its narrow column" : L"WWWW";
+    };
+    f.list->handlers().cell_text.push_back(
+        [](row_index row, std::size_t, std::span<cell> cells, std::optional<D2D1_COLOR_F>& row_colour) {
+            if (row == 1)
+                row_colour = D2D1_COLOR_F{1, 0, 0, 1}, cells[0].text_colour = D2D1_COLOR_F{1, 0, 1, 1};
+            return true;
+        });
+    injected_theme theme;
+    f.list->set_theme_settings(theme);
+    f.list->select_row(0);
+    ASSERT_NE(::GetFocus(), f.window());
+    const auto colours_of_row = [&](row_index row) {
+        int width = 0;
+        const std::vector<std::uint32_t> pixels = controls_tests::print_client(f.window(), 0, width);
+        std::set<std::uint32_t> colours;
+        const int half = f.list->row_height_pixels() / 2;
+        for (int y = f.row_y(row) - half + 1; y < f.row_y(row) + half - 1; ++y)
+            for (int x = 0; x < width; ++x)
+                colours.insert(pixels[std::size_t(y * width + x)] & 0xFFFFFF);
+        return colours;
+    };
+    EXPECT_TRUE(colours_of_row(0).count(0x1AEBFF)) << "the selection shows without the focus";
+    const std::set<std::uint32_t> owner_coloured = colours_of_row(1);
+    EXPECT_TRUE(std::all_of(owner_coloured.begin(), owner_coloured.end(), [](std::uint32_t c) {
+        return c >> 16 == (c & 0xFF) && (c >> 8 & 0xFF) == (c & 0xFF);
+    })) << "owner colours give way to the scheme's black and white (and the greys of smoothed text)";
+    theme.highlight = RGB(128, 0, 255);
+    ::SendMessageW(f.window(), WM_SYSCOLORCHANGE, 0, 0);
+    EXPECT_TRUE(colours_of_row(0).count(0x8000FF)) << "a new scheme shows at once";
+
+    ASSERT_NE(f.list->tooltip_window(), nullptr);
+    for (const bool dark : {true, false}) {
+        theme.contrast = false;
+        theme.dark = dark;
+        ::SendMessageW(f.window(), WM_SETTINGCHANGE, 0, 0);
+        EXPECT_EQ(theme.dark_windows[f.window()], dark);
+        EXPECT_EQ(theme.dark_windows[f.list->tooltip_window()], dark) << "the tooltip follows the list";
+    }
+    EXPECT_TRUE(colours_of_row(0).count(0x8000FF))
+        << "a button face that is the window colour hides no selection, high contrast or not";
 }

@@ -6,6 +6,10 @@
 #include <gdiplus.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <memory>
+#include <type_traits>
+
 using tessel::com_ptr;
 using tessel::throw_if_failed;
 
@@ -88,6 +92,30 @@ void click_at(HWND window, int x, int y)
 {
     ::SendMessageW(window, WM_LBUTTONDOWN, MK_LBUTTON, MAKELPARAM(x, y));
     ::SendMessageW(window, WM_LBUTTONUP, 0, MAKELPARAM(x, y));
+}
+
+std::vector<std::uint32_t> print_client(HWND window, std::uint32_t background, int& width)
+{
+    RECT client{};
+    ::GetClientRect(window, &client);
+    width = client.right;
+    BITMAPINFO info{};
+    info.bmiHeader = {sizeof info.bmiHeader, client.right, -client.bottom, 1, 32, BI_RGB, 0, 0, 0, 0, 0};
+    void* bits = nullptr;
+    const tessel::unique_hbitmap dib(::CreateDIBSection(nullptr, &info, DIB_RGB_COLORS, &bits, nullptr, 0));
+    const std::unique_ptr<std::remove_pointer_t<HDC>, decltype(&::DeleteDC)> dc(::CreateCompatibleDC(nullptr),
+                                                                              &::DeleteDC);
+    if (!dib || !dc)
+        return {};
+    const HGDIOBJ old = ::SelectObject(dc.get(), dib.get());
+    auto* pixels = static_cast<std::uint32_t*>(bits);
+    const std::size_t count = std::size_t(client.right) * std::size_t(client.bottom);
+    std::fill(pixels, pixels + count, background);
+    ::SendMessageW(window, WM_PRINTCLIENT, reinterpret_cast<WPARAM>(dc.get()), PRF_CLIENT);
+    ::GdiFlush();
+    std::vector<std::uint32_t> result(pixels, pixels + count);
+    ::SelectObject(dc.get(), old);
+    return result;
 }
 
 std::vector<std::uint32_t> pixel_canvas::read() const

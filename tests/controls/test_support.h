@@ -35,6 +35,10 @@ struct pixel_canvas {
 // class is registered on first use.
 tessel::unique_hwnd owner_window(const wchar_t* class_name, WNDPROC procedure, int width, int height);
 
+// What a window draws through WM_PRINTCLIENT onto a bitmap filled with `background`
+// first: BGRA pixels of its client area, top row first (`width` per row).
+std::vector<std::uint32_t> print_client(HWND window, std::uint32_t background, int& width);
+
 // A key pressed and released, and a left click, as the window's own messages.
 void press(HWND window, UINT vk);
 void click_at(HWND window, int x, int y);

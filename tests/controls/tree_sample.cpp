@@ -1,10 +1,14 @@
 // A window with the tree view as the program uses it (device rows with icons and
 // overlays, share markers, clients, a dimmed row, colours, a cut-off name), for a person
-// to look at: controls_tree_sample.exe [seconds [output.png]] (default 5 seconds; 0 runs
-// until closed). Run it at 96 and at 144 dpi.
+// to look at: controls_tree_sample.exe [seconds [output.png [unfocused] [high-contrast]]]
+// (default 5 seconds; 0 runs until closed; "unfocused" leaves the focus off the tree, to
+// see the selection without it; "high-contrast" takes the system's colours for a
+// high-contrast scheme, which Wine cannot switch on: it always reports the flag off).
+// Run it at 96 and at 144 dpi, and with a high-contrast scheme's colours.
 
 #include "base/com_ptr.h"
 #include "base/failure.h"
+#include "controls/dark_theme.h"
 #include "controls/factories.h"
 #include "controls/treeview.h"
 #include <wincodec.h>
@@ -14,6 +18,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cwchar>
 #include <string>
 
 using namespace tessel;
@@ -85,6 +90,24 @@ LRESULT CALLBACK frame_proc(HWND window, UINT message, WPARAM wparam, LPARAM lpa
     }
 }
 
+// The system's theme, with the high-contrast flag on.
+struct high_contrast_theme final : theme_settings {
+    system_theme_settings system;
+    bool dark_mode_allowed(HWND) const override { return false; }
+    bool apps_use_dark_theme() const override { return system.apps_use_dark_theme(); }
+    bool high_contrast() const override { return true; }
+    COLORREF system_colour(int index) const override { return system.system_colour(index); }
+    void theme_window(HWND window, bool dark) const override { system.theme_window(window, dark); }
+};
+
+bool has_option(int argc, wchar_t** argv, const wchar_t* option)
+{
+    for (int i = 3; i < argc; ++i)
+        if (std::wcscmp(argv[i], option) == 0)
+            return true;
+    return false;
+}
+
 unique_hicon icon_of(const char* name, int pixels)
 {
     const auto icons = svg::program_icons();
@@ -122,6 +145,9 @@ int wmain(int argc, wchar_t** argv)
     ::GetClientRect(frame, &client);
     tree_view tree(frame, 1003, client, selection_mode::single);
     the_tree = &tree;
+    const high_contrast_theme high_contrast;
+    if (has_option(argc, argv, L"high-contrast"))
+        tree.list().set_theme_settings(high_contrast);
     tree.set_columns({{L"Device", 300, 80}, {L"Shared", 60, 40}, {L"Client", 170, 60}, {L"Key", 140, 40}});
     tree.set_vector_icon_names([](std::int64_t id) -> std::wstring {
         switch (id) {
@@ -172,7 +198,8 @@ int wmain(int argc, wchar_t** argv)
     tree.select(camera);
 
     ::ShowWindow(frame, SW_SHOW);
-    ::SetFocus(tree.window());
+    if (!has_option(argc, argv, L"unfocused"))
+        ::SetFocus(tree.window());
     // The pointer over the storage row, so that the hot row shows too.
     ::SendMessageW(tree.window(), WM_MOUSEMOVE, 0,
                    MAKELPARAM(px(60), tree.list().row_height_pixels() * 2 + tree.list().row_height_pixels() / 2 + 2));

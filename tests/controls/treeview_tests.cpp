@@ -139,6 +139,13 @@ TEST(treeview, first_cell_strings_follow_the_formats_exactly)
     EXPECT_THROW((void)f.tree->first_cell_text(*vector, 1), std::bad_variant_access);
     ::UpdateWindow(f.tree->window());
     EXPECT_EQ(list.cell_plain_text(0, 0), L" Hub");
+    f.tree->insert(nullptr, nullptr, {.text = L"Zed"});
+    EXPECT_EQ(list.find_row(L"ze"), 2u) << "type-to-find passes over the failing row";
+
+    std::vector<listview::impl::cell> cells(2, {L"old"});
+    std::optional<D2D1_COLOR_F> colour;
+    EXPECT_TRUE(list.handlers().cell_text.back()(3, 0, cells, colour) && cells[0].text + cells[1].text == L"")
+        << "a row past the table is an empty one";
 }
 
 TEST(treeview, expanding_and_collapsing_change_only_their_part_of_the_table)
@@ -229,7 +236,8 @@ TEST(treeview, a_hundred_thousand_descendants_collapse_around_the_selection)
     f.tree->select(big->child(5000));
     f.tree->collapse(big);
     EXPECT_EQ(f.tree->selected_node(), big);
-    EXPECT_EQ(f.tree->focused_node(), big);
+    EXPECT_EQ(f.tree->focused_node(), big);    f.tree->remove(big);
+    EXPECT_EQ(f.tree->selected_node(), after) << "a removed node hands the selection to the next one";
 }
 
 TEST(treeview, keys_and_expander_clicks_open_and_close_nodes)

@@ -289,10 +289,19 @@ TEST(format_output, time_patterns_for_calendar_values)
     bad.tm_mon = 50;
     EXPECT_THROW((void)format(L"{0t(%b)}", bad), generic_exception);
     EXPECT_EQ(format(L"{0t(%m)}", bad), L"51");
+    // A leap second: the runtime refuses second 60, so the locale's conversions show the
+    // last second before it (in the only locale this runtime has, "C").
     bad = t;
     bad.tm_sec = 60;
     EXPECT_EQ(format(L"{0t(%S)}", bad), L"60");
-    EXPECT_NO_THROW((void)format(L"{0t(%c %x %X %Z %z)}", bad));
+    std::tm last_second = t;
+    last_second.tm_sec = 59;
+    const std::wstring leap = format(L"{0t(%c|%x|%X|%z)}", bad);
+    EXPECT_EQ(leap, format(L"{0t(%c|%x|%X|%z)}", last_second));
+    EXPECT_TRUE(leap.starts_with(L"01/02/25 03:04:59|01/02/25|03:04:59|")) << leap;
+    const std::wstring offset = leap.substr(leap.rfind(L'|') + 1);
+    EXPECT_TRUE(offset.size() == 5 && (offset[0] == L'+' || offset[0] == L'-')) << leap;
+    EXPECT_EQ(format(L"{0t(%Z)}", bad), format(L"{0t(%Z)}", last_second));
 }
 
 TEST(format_output, time_points_print_in_local_time)

@@ -8,6 +8,7 @@
 #include "localization/string_id.h"
 #include "localization/string_table.h"
 
+#include "allocation_counter.h"
 #include "guarded_memory.h"
 #include "test_support.h"
 
@@ -117,9 +118,23 @@ TEST(fuzz, oversized_counts_and_indexes_are_rejected_without_allocating)
 
     // A list whose item names an index the image could never hold items for: refused
     // before any vector is sized by it (the largest that loads is in string_table_tests).
+    // A list the image can hold is sized by its index, which the counter sees; a refused
+    // one costs the table object and no more.
+    const auto bytes_allocated_by_load = [](const std::vector<std::byte>& image, bool& loaded) {
+        const std::uint64_t before = test_support::allocated_bytes();
+        loaded = string_table::load(image, false, nullptr)->loaded();
+        return test_support::allocated_bytes() - before;
+    };
+    constexpr std::uint32_t slots = 600;  // an image of 600 items' room and more
+    bool loaded = false;
+    const auto legal =
+        table_builder().text(L"Padding", std::wstring(slots * 4, L'p')).list(5, {{slots - 1, L"x"}}).image(false);
+    EXPECT_GE(bytes_allocated_by_load(legal, loaded), slots * sizeof(std::wstring_view));
+    EXPECT_TRUE(loaded);
     for (const std::uint32_t index : {0xFFFFFFFFu, 0x10000000u, 4096u}) {
         auto list = table_builder().list(5, {{index, L"x"}}).image(false);
-        EXPECT_FALSE(string_table::load(list, false, nullptr)->loaded()) << index;
+        EXPECT_LT(bytes_allocated_by_load(list, loaded), 1024u) << index;
+        EXPECT_FALSE(loaded) << index;
     }
 
     // A negative text length.

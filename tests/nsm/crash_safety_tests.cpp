@@ -6,8 +6,9 @@
 #include "crash_records.h"
 #include "test_key.h"
 
-#include "base/module_path.h"
-#include "base/unique_handle.h"
+#include "child_process.h"
+
+#include "base/utf.h"
 
 #include <gtest/gtest.h>
 
@@ -17,46 +18,11 @@
 
 namespace {
 
-struct child_result {
-    std::string output;
-    bool paused = false;
-};
-
-// Runs the save in a child that stops before registry change `step`; a paused child is
-// ended there, as a crash would end it.
-child_result save_until(const std::wstring& key_path, long step)
+// Runs the save in a child that ends abruptly before registry change `step`, as a crash
+// there would end it; a child that does not end in time is ended with code 99.
+test_support::tool_result save_until(const std::wstring& key_path, long step)
 {
-    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-    HANDLE read_end = nullptr, write_end = nullptr;
-    if (!::CreatePipe(&read_end, &write_end, &inherit, 0))
-        return {};
-    tessel::unique_handle reader(read_end), writer(write_end);
-    ::SetHandleInformation(read_end, HANDLE_FLAG_INHERIT, 0);
-    std::wstring line = L"\"" + tessel::module_folder() + L"settings_save_child.exe\" \"" + key_path + L"\" " +
-                        std::to_wstring(step);
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = write_end;
-    startup.hStdError = ::GetStdHandle(STD_ERROR_HANDLE);
-    PROCESS_INFORMATION info{};
-    if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info))
-        return {};
-    tessel::unique_handle process(info.hProcess), thread(info.hThread);
-    writer.reset();
-
-    child_result result;
-    char buffer[256];
-    DWORD got = 0;
-    // The child prints one line, then waits or ends.
-    while (result.output.find('\n') == std::string::npos && ::ReadFile(read_end, buffer, sizeof buffer, &got, nullptr) &&
-           got)
-        result.output.append(buffer, got);
-    result.paused = result.output.rfind("paused ", 0) == 0;
-    if (result.paused)
-        ::TerminateProcess(process.get(), 9);
-    ::WaitForSingleObject(process.get(), 10000);
-    return result;
+    return test_support::run_tool(L"settings_save_child.exe", L"\"" + key_path + L"\" " + std::to_wstring(step));
 }
 
 template <class T>
@@ -78,12 +44,14 @@ TEST(settings_crash, a_save_ended_at_any_step_leaves_a_key_that_loads_with_old_n
     for (;; ++step) {
         ASSERT_LT(step, 200) << "the save never finished";
         save_settings(before, HKEY_CURRENT_USER, key.path());
-        const child_result run = save_until(key.path(), step);
-        if (!run.paused) {
-            ASSERT_EQ(run.output.rfind("saved ", 0), 0u) << run.output;
+        const auto run = save_until(key.path(), step);
+        ASSERT_NE(run.exit_code, 99u) << "the save stopping before change " << step << " did not end in time";
+        const std::string output = tessel::utf16_to_utf8(run.output);
+        if (output.rfind("paused ", 0) != 0) {
+            ASSERT_EQ(output.rfind("saved ", 0), 0u) << output;
             break;
         }
-        SCOPED_TRACE(run.output);
+        SCOPED_TRACE(output);
         app_settings loaded;
         try {
             load_settings(loaded, HKEY_CURRENT_USER, key.path());

@@ -45,6 +45,13 @@ public:
         return &*rows.insert(at, std::move(r));
     }
     void update_row(row_handle handle, const device_row& data) override { find(handle).data = data; }
+    void replace_children(row_handle handle, const local_device_node* subtree) override
+    {
+        row& r = find(handle);
+        r.children.clear();
+        if (subtree)
+            add_children(*subtree, r.children);
+    }
     void remove_row(row_handle handle) override
     {
         rows.remove_if([handle](const row& r) { return &r == handle; });
@@ -198,6 +205,22 @@ TEST_F(device_model_test, a_refresh_walks_a_device_node_again_only_once_the_mach
     model.full_refresh(api());
     EXPECT_TRUE(tree.at(0).children.empty());
     EXPECT_EQ(std::get<std::uint32_t>(tree.at(0).data.icon), fake_devices::disk_class.Data1);
+}
+
+TEST_F(device_model_test, a_device_that_comes_and_goes_is_walked_again_once_however_often_it_flipped)
+{
+    auto hub = server->add(L"Hub", 1);
+    model.full_refresh(api());
+    for (const bool connected : {false, true, false, true}) {
+        hub->connected = connected;
+        model.device_changed(api(), hub.get());
+    }
+    const int opened = source.opened_total;
+    source.nodes[2].friendly = L"Card Reader";
+    ASSERT_TRUE(model.walks_pending());
+    model.walk_pending_rows();
+    EXPECT_EQ(source.opened_total, opened + 2) << "one walk of the hub and its disk";
+    EXPECT_EQ(tree.at(0).children, std::vector<std::wstring>{L"[[[iCard Reader]]]"});
 }
 
 TEST_F(device_model_test, hide_disconnected_hides_only_devices_that_answer_not_connected)

@@ -142,7 +142,7 @@ bool enabled(HWND dialog, int id)
     return ::IsWindowEnabled(::GetDlgItem(dialog, id)) != FALSE;
 }
 
-TEST_F(settings_dialog_test, a_failed_fetch_leaves_the_server_controls_disabled_but_cancel_and_the_language_work)
+TEST_F(settings_dialog_test, a_failed_fetch_says_why_and_leaves_the_server_controls_disabled_but_the_language_works)
 {
     auto server = tessel::make_com_object<fake_server::server>();  // GetSettingsAsync fails
     int questions = 0;
@@ -151,21 +151,30 @@ TEST_F(settings_dialog_test, a_failed_fetch_leaves_the_server_controls_disabled_
         return IDNO;
     });
     std::vector<bool> states;
+    std::wstring status;
+    int questions_while_looking = -1;
     int selection_after_no = -2;
     dialog_driver driver(L"Server Settings", [&](HWND window) {
         for (const int id : {sids::endpoints, sids::port, sids::advertisement, IDOK, sids::statistics, sids::language})
             states.push_back(enabled(window, id));
+        status = tessel::windows::window_text(::GetDlgItem(window, sids::status));
+        // Another language selected (the list sends a change for each item looked at):
+        // nothing asked until Enter, which OK's being disabled does not stop.
         const HWND combo = ::GetDlgItem(window, sids::language);
         ::SendMessageW(combo, CB_SETCURSEL, 1, 0);
         ::SendMessageW(window, WM_COMMAND, MAKEWPARAM(sids::language, CBN_SELCHANGE), reinterpret_cast<LPARAM>(combo));
+        questions_while_looking = questions;
+        ::SendMessageW(window, WM_COMMAND, IDOK, 0);
         selection_after_no = static_cast<int>(::SendMessageW(combo, CB_GETCURSEL, 0, 0));
-        ::SendMessageW(window, WM_COMMAND, IDOK, 0);  // disabled: nothing happens
+        ::SendMessageW(window, WM_COMMAND, IDOK, 0);  // English again, OK disabled: nothing happens
         ::PostMessageW(window, WM_COMMAND, IDCANCEL, 0);
         return true;
     });
     EXPECT_EQ(dialog.show(nullptr), IDCANCEL);
     EXPECT_FALSE(driver.timed_out());
     EXPECT_EQ(states, (std::vector<bool>{false, false, false, false, true, true}));
+    EXPECT_EQ(status.rfind(L"The server's settings could not be read: ", 0), 0u) << tessel::utf16_to_utf8(status);
+    EXPECT_EQ(questions_while_looking, 0);
     EXPECT_EQ(questions, 1);
     EXPECT_EQ(selection_after_no, 0) << "No keeps English selected";
     EXPECT_EQ(current_app_settings().language, L"");
@@ -176,10 +185,14 @@ TEST_F(settings_dialog_test, ok_reads_the_server_values_as_edited_and_the_port_u
 {
     auto server = substitute_server();
     settings_dialog dialog(server);
-    std::wstring endpoints, port;
+    std::wstring endpoints, port, waiting, ready;
     dialog_driver driver(L"Server Settings", [&](HWND window) {
-        if (!enabled(window, IDOK))
+        const std::wstring status = tessel::windows::window_text(::GetDlgItem(window, sids::status));
+        if (!enabled(window, IDOK)) {
+            waiting = status;
             return false;  // still waiting for the server
+        }
+        ready = status;
         endpoints = tessel::windows::window_text(::GetDlgItem(window, sids::endpoints));
         port = tessel::windows::window_text(::GetDlgItem(window, sids::port));
         ::SetDlgItemTextW(window, sids::port, L"70000");
@@ -189,6 +202,8 @@ TEST_F(settings_dialog_test, ok_reads_the_server_values_as_edited_and_the_port_u
         return true;
     });
     EXPECT_EQ(dialog.show(nullptr), IDOK);
+    EXPECT_EQ(waiting, L"Reading the server's settings\u2026");
+    EXPECT_EQ(ready, L"") << "the status line goes once the values are there";
     EXPECT_EQ(endpoints, L"0.0.0.0:32032, [::]:32032");
     EXPECT_EQ(port, L"32032");
     const auto& result = dialog.result();
@@ -237,8 +252,18 @@ TEST(about_dialog_test, its_texts_fill_the_box_and_the_notices_link_opens_the_no
     using tessel::windows::new_controls::rich_view;
     namespace aids = about_dialog_controls;
     ASSERT_TRUE(SUCCEEDED(::CoInitialize(nullptr)));
-    std::vector<std::wstring> opened;
-    about_dialog dialog([](HWND) {}, [&](HWND, const std::wstring& path) { opened.push_back(path); });
+    struct recording_launcher final : tessel::link_launcher {
+        std::vector<std::wstring> started;
+        bool start_unelevated(const std::wstring& file, const std::wstring& parameters) override
+        {
+            started.push_back(file + L" " + parameters);
+            return true;
+        }
+        bool start_here(HWND, const std::wstring&, const std::wstring&) override { return false; }
+        bool ask(HWND, const std::wstring&) override { return false; }
+        void tell(HWND, const std::wstring& text) override { started.push_back(L"told: " + text); }
+    } launcher;
+    about_dialog dialog([](HWND) {}, launcher);
     dialog_driver driver(L"About", [&](HWND window) {
         const auto rect_of = [window](int id) {
             RECT r{};
@@ -271,7 +296,11 @@ TEST(about_dialog_test, its_texts_fill_the_box_and_the_notices_link_opens_the_no
     });
     EXPECT_EQ(dialog.show(nullptr), IDOK);
     EXPECT_FALSE(driver.timed_out());
-    EXPECT_EQ(opened, std::vector<std::wstring>{tessel::module_folder() + L"ThirdPartyNotices.txt"});
+    // The build puts the notices beside the executables, as the installers put them beside the program.
+    wchar_t system_folder[MAX_PATH]{};
+    ::GetSystemDirectoryW(system_folder, MAX_PATH);
+    EXPECT_EQ(launcher.started, std::vector<std::wstring>{std::wstring(system_folder) + L"\\notepad.exe \"" +
+                                                          tessel::module_folder() + L"ThirdPartyNotices.txt\""});
     ::CoUninitialize();
 }
 

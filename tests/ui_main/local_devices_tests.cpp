@@ -111,7 +111,7 @@ TEST(local_device_walk, reads_the_children_property_only_when_the_child_call_wro
     EXPECT_EQ(build_local_subtree(source, 1, L"Hub", {})->children.size(), 1u);
 }
 
-TEST(local_device_walk, a_node_without_id_is_left_out_and_one_that_cannot_be_opened_is_unknown_with_its_children)
+TEST(local_device_walk, a_node_without_id_is_left_out_with_its_siblings_walked_and_one_that_cannot_be_opened_is_unknown)
 {
     fake_source source = hub_with_mouse_and_storage();
     EXPECT_FALSE(build_local_subtree(source, 99, L"Gone", {}));
@@ -123,6 +123,10 @@ TEST(local_device_walk, a_node_without_id_is_left_out_and_one_that_cannot_be_ope
     EXPECT_FALSE(has_icon(root->children[0].icon));
     ASSERT_EQ(root->children[0].children.size(), 1u);
     EXPECT_EQ(root->children[0].children[0].name, L"Tern Optical Mouse");
+
+    // A child whose ID cannot be read is left out; its siblings are still walked.
+    source.nodes[1].children = {5, 2, 4};
+    EXPECT_EQ(build_local_subtree(source, 1, L"Hub", {})->children.size(), 2u);
 }
 
 TEST(local_device_walk, icon_paths_split_into_exactly_a_path_and_a_signed_decimal_index)

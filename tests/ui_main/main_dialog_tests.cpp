@@ -7,12 +7,17 @@
 #include "fake_server.h"
 #include "message_pump.h"
 
+#include "base/utf.h"
+#include "controls/treeview.h"
 #include "nsm/app_settings.h"
 #include "ui_main/local_devices.h"
 
 #include <gtest/gtest.h>
 
 #include <objbase.h>
+#include <shellapi.h>
+
+#include <cwchar>
 
 namespace {
 
@@ -100,6 +105,70 @@ TEST_F(main_window, keeps_its_controls_anchored_when_resized_and_never_shrinks_b
     ::GetClientRect(window, &small);
     EXPECT_GE(small.right, client_before.right);
     EXPECT_GE(small.bottom, client_before.bottom);
+}
+
+// The edge of an icon's bitmap, in pixels.
+int icon_edge(HICON icon)
+{
+    ICONINFO info{};
+    BITMAP bitmap{};
+    if (icon && ::GetIconInfo(icon, &info))
+        ::GetObjectW(info.hbmColor, sizeof bitmap, &bitmap);
+    ::DeleteObject(info.hbmColor);
+    ::DeleteObject(info.hbmMask);
+    return bitmap.bmWidth;
+}
+
+// The tree takes a new DPI only after its window (WM_DPICHANGED_AFTERPARENT, which Windows
+// sends once the window's WM_DPICHANGED is done): markers and class icons must follow the
+// size the tree draws icons at then. Wine keeps a window's DPI for its life, so a larger
+// message font, which the tree reads at the same moment, stands in for the higher DPI.
+TEST_F(main_window, markers_and_class_icons_follow_the_trees_icon_size_after_a_dpi_change)
+{
+    tessel::value_on_stack<main_dialog> dialog(server_);
+    const HWND window = dialog.create(SW_SHOW);
+    pump();
+    // The share marker a row draws: the icon handle in "[[[H[[[r:<handle>: ]]]]]]".
+    const auto marker = [&] {
+        const std::wstring& share = dialog.model().row_at(0).share;
+        return icon_edge(reinterpret_cast<HICON>(std::wcstoull(share.c_str() + share.find(L"[[[r:") + 5, nullptr, 10)));
+    };
+    const int before = dialog.tree()->list().icon_pixel_size();
+    ASSERT_EQ(marker(), before);
+
+    NONCLIENTMETRICSW metrics{};
+    metrics.cbSize = sizeof metrics;
+    ASSERT_TRUE(::SystemParametersInfoW(SPI_GETNONCLIENTMETRICS, sizeof metrics, &metrics, 0));
+    const NONCLIENTMETRICSW saved = metrics;
+    metrics.lfMessageFont.lfHeight *= 2;
+    ASSERT_TRUE(::SystemParametersInfoW(SPI_SETNONCLIENTMETRICS, sizeof metrics, &metrics, 0));
+    RECT frame;
+    ::GetWindowRect(window, &frame);
+    ::SendMessageW(window, WM_DPICHANGED, MAKEWPARAM(144, 144), reinterpret_cast<LPARAM>(&frame));
+    ::SendMessageW(dialog.tree()->window(), WM_DPICHANGED_AFTERPARENT, 0, 0);
+    pump();
+    ::SystemParametersInfoW(SPI_SETNONCLIENTMETRICS, sizeof saved, const_cast<NONCLIENTMETRICSW*>(&saved), 0);
+
+    const int after = dialog.tree()->list().icon_pixel_size();
+    ASSERT_NE(after, before);
+    EXPECT_EQ(marker(), after) << "the share marker";
+    const auto* flash_icon = std::get_if<servercfg::shared_icon>(&dialog.model().row_at(0).icon);
+    ASSERT_TRUE(flash_icon && *flash_icon);
+    EXPECT_EQ(icon_edge((*flash_icon)->get()), after) << "the class icon";
+    ::DestroyWindow(window);
+    pump();
+}
+
+TEST(main_window_help, the_help_file_and_topic_reach_hh_as_one_argument)
+{
+    const std::wstring file = L"C:\\Program Files\\Ulmora Tools\\doc\\en\\ulmo.chm";
+    const std::wstring command = L"hh.exe " + servercfg::help_file_argument(file, servercfg::help_topic);
+    int count = 0;
+    LPWSTR* arguments = ::CommandLineToArgvW(command.c_str(), &count);
+    ASSERT_TRUE(arguments);
+    ASSERT_EQ(count, 2) << tessel::utf16_to_utf8(command);
+    EXPECT_EQ(std::wstring(arguments[1]), file + L"::/redirect.html#Server Configuration Utility");
+    ::LocalFree(arguments);
 }
 
 TEST(main_window_listener, a_server_that_keeps_the_listener_after_the_window_has_gone_reaches_nothing)

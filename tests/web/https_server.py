@@ -10,20 +10,26 @@ behaviour through the base address it gives the program):
   /<kind>/dispatch/ulmo/checkforupdates?ver=V&mode=M
       newer       Version V+1 and the installer at /files/installer.exe
       same        Version V
-      slow        Version V+1, its installer at /pause
+      slow        Version V+1, its installer at /hold/slow
       insecure    Version V+1, its installer at a plain http address
       wrongkind   "Version" as a string
       packs       Version V, language packs at /files/pack.lpack and /files/bad.lpack
       broken      status 500
       redirect-http   302 to "same" over plain http
+      redirected  Version V+1, its installer reached https -> http -> https
   /quit                  ends the server
   /echo                  the request's User-Agent and Accept headers as JSON
   /status/<n>            status n with a short body
   /bytes/<n>             n bytes of a known pattern, with Content-Length
   /chunked-slow          a chunked body in 20 parts, 50 ms apart
   /cut                   announces 10000 bytes, sends 4000, closes
-  /pause                 announces 300000 bytes, sends 100000, waits 3 s, sends the rest
+  /hold/<name>           announces 300000 bytes, sends 100000, and sends the rest once
+                         /release/<name> has come (closes after 60 s without it)
+  /release/<name>        lets the held response of that name go on (also one still to come)
   /redirect-http         302 to the same answers over plain http (a second server)
+  /via-http/<path>       302 to /back-to-https/<path> over plain http, which sends 302 to
+                         https /<path>
+  /hops/<n>/<path>       n redirects (302) over https, then /<path>
   /files/<name>          a file from the files folder (--files)
 """
 
@@ -46,6 +52,15 @@ from cryptography.hazmat.primitives.asymmetric import ec
 from cryptography.x509.oid import NameOID
 
 PATTERN = bytes(range(256)) * 4096  # 1 MiB
+
+# Held responses by name, shared by both servers: a test releases them when it is ready.
+HELD = {}
+HELD_LOCK = threading.Lock()
+
+
+def held(name):
+    with HELD_LOCK:
+        return HELD.setdefault(name, threading.Event())
 
 
 def pattern(n):
@@ -121,12 +136,14 @@ class Handler(http.server.BaseHTTPRequestHandler):
                     "Promo": {"Title": "[[[bTest offer]]]", "Url": "https://localhost/offer",
                               "ExpiresOn": "2099-12-31T00:00:00"},
                     "LanguagePacks": []}
-        if kind in ("newer", "insecure", "slow"):
+        if kind in ("newer", "insecure", "slow", "redirected"):
             document["Version"] = own + 1
         if kind == "slow":
-            document["Url"] = self.base() + "pause"
+            document["Url"] = self.base() + "hold/slow"
         if kind == "insecure":
             document["Url"] = "http://localhost:%d/files/installer.exe" % self.server.server_address[1]
+        if kind == "redirected":
+            document["Url"] = self.base() + "via-http/files/installer.exe"
         if kind == "wrongkind":
             document["Version"] = str(own + 1)
         if kind == "packs":
@@ -178,22 +195,46 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.wfile.flush()
             self.close_connection = True
             return
-        if head == "pause":
+        if head == "hold" and len(parts) == 2:
             self.send_response(200)
             self.send_header("Content-Length", "300000")
             self.end_headers()
             body = pattern(300000)
             self.wfile.write(body[:100000])
             self.wfile.flush()
-            time.sleep(3)
+            released = held(parts[1]).wait(60)
+            with HELD_LOCK:
+                HELD.pop(parts[1], None)
+            if not released:
+                self.close_connection = True
+                return
             try:
                 self.wfile.write(body[100000:])
             except OSError:
                 pass
             return
+        if head == "release" and len(parts) == 2:
+            held(parts[1]).set()
+            return self.send_body(200, b"released")
         if head == "redirect-http":
             self.send_response(302)
             self.send_header("Location", "http://localhost:%d/bytes/10" % self.server.plain_port)
+            self.send_header("Content-Length", "0")
+            self.end_headers()
+            return
+        if head in ("via-http", "back-to-https", "hops"):
+            rest = "/".join(parts[1:])
+            if head == "via-http":
+                target = "http://localhost:%d/back-to-https/%s" % (self.server.plain_port, rest)
+            elif head == "back-to-https":
+                target = "https://localhost:%d/%s" % (self.server.https_port, rest)
+            elif int(parts[1]) > 0:
+                target = "/hops/%d/%s" % (int(parts[1]) - 1, "/".join(parts[2:]))
+            else:
+                self.path = "/" + "/".join(parts[2:])
+                return self.do_GET()
+            self.send_response(302)
+            self.send_header("Location", target)
             self.send_header("Content-Length", "0")
             self.end_headers()
             return
@@ -233,6 +274,7 @@ def main():
     threading.Thread(target=plain.serve_forever, daemon=True).start()
     server.plain_port = plain.server_address[1]
     plain.plain_port = plain.server_address[1]
+    server.https_port = plain.https_port = server.server_address[1]
     # A port that refuses: bound but never listening.
     refused = socket.socket()
     refused.bind(("127.0.0.1", 0))

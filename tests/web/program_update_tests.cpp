@@ -8,11 +8,12 @@
 
 #include "base/module_path.h"
 #include "base/window_text.h"
-#include "web/download.h"
+#include "web/staging_folder.h"
 #include "web/update_service.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -23,6 +24,8 @@ using web_test::server;
 constexpr wchar_t product_title[] = L"QMX Software Ulmora Tools Server";
 constexpr wchar_t settings_key[] = L"Software\\QMX Software\\Ulmora Tools\\ServerCfg";
 constexpr int message_text_id = 1101;
+// How long a program that should stay is watched for leaving on its own.
+constexpr DWORD settle_ms = 1000;
 
 // A visible top-level window of the program whose control `id` exists.
 HWND find_box(int id)
@@ -59,9 +62,9 @@ protected:
         ::RegDeleteTreeW(HKEY_CURRENT_USER, settings_key);
         ASSERT_TRUE(sim_server_.registered());
         set_service(L"newer/");
-        folder = tessel::web::secure_download_folder();
-        for (const std::wstring& name : web_test::files_in(folder))
-            ::DeleteFileW((folder + L"\\" + name).c_str());
+        folder = tessel::web::updates_folder_path();
+        std::error_code ignored;
+        std::filesystem::remove_all(std::filesystem::path(folder), ignored);
     }
     void set_service(const std::wstring& kind)
     {
@@ -102,10 +105,19 @@ TEST_F(program_update, accepted_offer_hands_over_to_the_installer_and_the_progra
     // The installer starts with the program's handle, the program closes, the installer
     // notices.
     EXPECT_EQ(program->wait(30000), 0u);
-    const std::wstring report = folder + L"\\UlmoraToolsSetup-1.0.0.1.exe.txt";
-    web_test::pump_until_or_die([&] { return web_test::read_file(report).find("ended") != std::string::npos; }, 20000,
+    // The installer ran from its own folder below the updates folder.
+    const auto report_text = [&] {
+        std::error_code ignored;
+        for (const auto& staged : std::filesystem::directory_iterator(std::filesystem::path(folder), ignored)) {
+            const std::string text = web_test::read_file(staged.path().wstring() + L"\\UlmoraToolsSetup-1.0.0.1.exe.txt");
+            if (!text.empty())
+                return text;
+        }
+        return std::string();
+    };
+    web_test::pump_until_or_die([&] { return report_text().find("ended") != std::string::npos; }, 20000,
                                 "the installer's wait for the program");
-    EXPECT_EQ(web_test::read_file(report), "pid=" + std::to_string(::GetProcessId(program->handle())) + "\nended\n");
+    EXPECT_EQ(report_text(), "pid=" + std::to_string(::GetProcessId(program->handle())) + "\nended\n");
 }
 
 TEST_F(program_update, check_without_news_keeps_the_promotion_and_the_program_closes_normally)
@@ -132,22 +144,45 @@ TEST_F(program_update, check_without_news_keeps_the_promotion_and_the_program_cl
     EXPECT_TRUE(find_box(message_text_id) == nullptr);
 }
 
-TEST_F(program_update, failed_download_leaves_no_file_and_the_program_running)
+TEST_F(program_update, refused_or_failed_downloads_leave_no_file_and_the_program_running)
 {
-    ::DeleteFileW((server().files() + L"\\installer.exe").c_str());
-    ASSERT_NO_FATAL_FAILURE(start_program());
-    const HWND offer = wait_for_box();
-    ASSERT_NE(offer, nullptr) << "no offer appeared";
-    ::PostMessageW(::GetDlgItem(offer, IDYES), BM_CLICK, 0, 0);
-    web_test::pump_until_or_die([&] { return !::IsWindow(offer); }, 10000, "the offer to close");
-    const HWND error = wait_for_box();
-    ASSERT_NE(error, nullptr) << "no error appeared";
-    const std::wstring text = tessel::windows::window_text(::GetDlgItem(error, message_text_id));
-    EXPECT_TRUE(text.starts_with(L"A following error occurred during downloading or installing upgrade: ")) << text;
-    EXPECT_NE(text.find(L"80070057)"), std::wstring::npos) << text;
-    EXPECT_TRUE(web_test::files_in(folder).empty());
-    ::PostMessageW(::GetDlgItem(error, IDOK), BM_CLICK, 0, 0);
-    EXPECT_EQ(program->wait(2000), STILL_ACTIVE);
+    const std::wstring bin = tessel::module_folder();
+    const struct {
+        const wchar_t* kind;
+        const wchar_t* installer;  // what the service offers; none: nothing
+        const wchar_t* reason;
+    } cases[] = {
+        {L"newer/", nullptr, L"80070057)"},
+        {L"newer/", L"web_fake_installer_foreign.exe", L"The downloaded installer is not signed by QMX Software."},
+        {L"redirected/", L"web_fake_installer.exe", L"not secure (https)"},
+    };
+    for (const auto& refused : cases) {
+        SCOPED_TRACE(testing::Message() << (refused.installer ? refused.installer : L"none") << " via " << refused.kind);
+        set_service(refused.kind);
+        ::DeleteFileW((server().files() + L"\\installer.exe").c_str());
+        if (refused.installer) {
+            ASSERT_TRUE(::CopyFileW((bin + refused.installer).c_str(), (server().files() + L"\\installer.exe").c_str(), FALSE));
+        }
+        ASSERT_NO_FATAL_FAILURE(start_program());
+        const HWND offer = wait_for_box();
+        ASSERT_NE(offer, nullptr) << "no offer appeared";
+        ::PostMessageW(::GetDlgItem(offer, IDYES), BM_CLICK, 0, 0);
+        web_test::pump_until_or_die([&] { return !::IsWindow(offer); }, 10000, "the offer to close");
+        const HWND error = wait_for_box();
+        ASSERT_NE(error, nullptr) << "no error appeared";
+        const std::wstring text = tessel::windows::window_text(::GetDlgItem(error, message_text_id));
+        EXPECT_TRUE(text.starts_with(L"A following error occurred during downloading or installing upgrade: ")) << text;
+        EXPECT_NE(text.find(refused.reason), std::wstring::npos) << text;
+        EXPECT_TRUE(std::filesystem::is_empty(std::filesystem::path(folder)));
+        ::PostMessageW(::GetDlgItem(error, IDOK), BM_CLICK, 0, 0);
+        // No WM_CLOSE came with the refusal: the program stays until it is closed.
+        EXPECT_EQ(program->wait(settle_ms), STILL_ACTIVE);
+        HWND main_window = nullptr;
+        test_support::pump_until([&] { return (main_window = find_box(1003)) != nullptr; }, 5000);
+        ASSERT_NE(main_window, nullptr);
+        ::PostMessageW(main_window, WM_CLOSE, 0, 0);
+        EXPECT_EQ(program->wait(), 0u);
+    }
 }
 
 }  // namespace

@@ -2,9 +2,15 @@
 
 #include "message_pump.h"
 #include "base/unique_handle.h"
+#include "web/staging_folder.h"
 
 #include "test_authority.h"
 
+#include <aclapi.h>
+#include <sddl.h>
+#include <wininet.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -36,6 +42,20 @@ const server_info& server()
     if (info.https_port == 0)
         ADD_FAILURE() << "no loopback test server: run this test through tests/web/run_with_server.sh";
     return info;
+}
+
+bool release_held_response(const std::wstring& name)
+{
+    const tessel::unique_hinternet session(::InternetOpenW(L"web tests", INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0));
+    const std::wstring address = L"http://localhost:" + std::to_wstring(server().http_port) + L"/release/" + name;
+    const tessel::unique_hinternet request(
+        session ? ::InternetOpenUrlW(session.get(), address.c_str(), nullptr, 0,
+                                     INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE | INTERNET_FLAG_NO_UI, 0)
+                : nullptr);
+    DWORD status = 0, size = sizeof status;
+    return request &&
+           ::HttpQueryInfoW(request.get(), HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status, &size, nullptr) &&
+           status == 200;
 }
 
 std::wstring fresh_folder(const std::wstring& name)
@@ -73,6 +93,32 @@ void write_file(const std::wstring& path, std::string_view bytes)
 {
     std::ofstream out(std::filesystem::path(path), std::ios::binary | std::ios::trunc);
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+bool administrators_alone(const std::wstring& folder, std::wstring& sddl)
+{
+    PSECURITY_DESCRIPTOR read = nullptr;
+    PACL dacl = nullptr;
+    sddl = L"<unreadable>";
+    if (::GetNamedSecurityInfoW(folder.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl,
+                                nullptr, &read) != ERROR_SUCCESS)
+        return false;
+    const tessel::unique_hlocal read_owner(read);
+    wchar_t* text = nullptr;
+    ::ConvertSecurityDescriptorToStringSecurityDescriptorW(read, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text,
+                                                           nullptr);
+    const tessel::unique_hlocal text_owner(text);
+    sddl = text ? text : L"";
+    const auto& platform = tessel::web::trusted_platform_sids();
+    for (DWORD i = 0; dacl && i < dacl->AceCount; ++i) {
+        ACCESS_ALLOWED_ACE* ace = nullptr;
+        ::GetAce(dacl, i, reinterpret_cast<void**>(&ace));
+        PSID sid = &ace->SidStart;
+        if (!::IsWellKnownSid(sid, WinBuiltinAdministratorsSid) && !::IsWellKnownSid(sid, WinLocalSystemSid) &&
+            std::none_of(platform.begin(), platform.end(), [sid](PSID other) { return ::EqualSid(sid, other); }))
+            return false;
+    }
+    return dacl != nullptr;
 }
 
 HRESULT code_of(const std::exception_ptr& error)

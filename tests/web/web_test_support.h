@@ -32,12 +32,20 @@ struct server_info {
 // to the LocalMachine "Root" store). Fails the test when there is no server.
 const server_info& server();
 
+// Lets the server's held response /hold/<name> go on (also one that has not started yet).
+// Goes to the plain http port, so that it never waits for a connection the program holds.
+bool release_held_response(const std::wstring& name);
+
 // A fresh empty folder under the test's temporary folder.
 std::wstring fresh_folder(const std::wstring& name);
 // The names of the files in a folder.
 std::vector<std::wstring> files_in(const std::wstring& folder);
 std::string read_file(const std::wstring& path);
 void write_file(const std::wstring& path, std::string_view bytes);
+
+// Whether nobody but Administrators, SYSTEM (and, under Wine, the user running it) has any
+// access to a folder; the folder's DACL as SDDL goes to sddl.
+bool administrators_alone(const std::wstring& folder, std::wstring& sddl);
 
 // The HRESULT an exception carries; S_OK for none, E_ABORT for a cancellation, E_FAIL else.
 HRESULT code_of(const std::exception_ptr& error);

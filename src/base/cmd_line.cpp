@@ -1,4 +1,4 @@
-#include "app/cmd_line.h"
+#include "base/cmd_line.h"
 
 #include <algorithm>
 
