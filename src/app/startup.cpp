@@ -6,6 +6,7 @@
 #include "controls/dark_theme.h"
 #include "format/ts_printf.h"
 #include "localization/localization.h"
+#include "localization/system_text.h"
 
 #include <string>
 #include <vector>
@@ -60,7 +61,7 @@ HWND find_window_with_title_prefix(std::wstring_view title_prefix) noexcept
 
 std::wstring error_text(HRESULT code)
 {
-    std::wstring text = tessel::system_message(code);
+    std::wstring text = tessel::ui_system_message(code);
     if (text.empty())
         text = tessel::load_string(tessel::string_ids::error_unknown_system_error);
     return text;

@@ -4,6 +4,7 @@
 #include "base/utf.h"
 #include "format/ts_printf.h"
 #include "localization/localization.h"
+#include "localization/system_text.h"
 #include "nsm/json_archive.h"
 #include "nsm/registry_ex.h"
 #include "web/installer_trust.h"
@@ -75,17 +76,7 @@ namespace {
 std::wstring wininet_message(DWORD code)
 {
     HMODULE wininet = ::GetModuleHandleW(L"wininet.dll");
-    if (!wininet)
-        return {};
-    wchar_t* buffer = nullptr;
-    const DWORD length = ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_HMODULE |
-                                              FORMAT_MESSAGE_IGNORE_INSERTS,
-                                          wininet, code, 0, reinterpret_cast<wchar_t*>(&buffer), 0, nullptr);
-    unique_hlocal owner(buffer);
-    std::wstring text = length ? std::wstring(buffer, length) : std::wstring();
-    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r' || text.back() == L' '))
-        text.pop_back();
-    return text;
+    return wininet ? message_text(code, ui_language_id(), wininet) : std::wstring();
 }
 
 std::wstring reason_text(folder_refusal reason)
@@ -122,7 +113,7 @@ std::wstring text_of(HRESULT code)
     // found wrong, the installer is not the publisher's.
     if (HRESULT_FACILITY(code) == FACILITY_CERT || HRESULT_FACILITY(code) == FACILITY_SECURITY)
         return std::wstring(load_string(string_ids::update_bad_signature));
-    std::wstring text = system_message(code);
+    std::wstring text = ui_system_message(code);
     if (text.empty() && HRESULT_FACILITY(code) == FACILITY_WIN32 && HRESULT_CODE(code) >= INTERNET_ERROR_BASE &&
         HRESULT_CODE(code) <= INTERNET_ERROR_LAST)
         text = wininet_message(HRESULT_CODE(code));
