@@ -10,13 +10,44 @@
 #include <windows.h>
 
 #include <atomic>
+#include <cstdint>
+#include <deque>
 #include <memory>
+#include <optional>
+#include <string>
 
 namespace tessel::web {
 
 inline constexpr int progress_dialog_id = 150;
 inline constexpr int progress_dialog_text_id = 1501;
 inline constexpr int progress_dialog_bar_id = 1502;
+
+// The transfer rate over the last seconds, once the transfer has run long enough for it to
+// mean something (the first seconds are dominated by the connection's start).
+class transfer_rate {
+public:
+    static constexpr std::uint64_t settle_ms = 3000;
+    static constexpr std::uint64_t window_ms = 5000;
+
+    void add(std::uint64_t tick_ms, std::uint64_t received);
+    // Bytes per second; nothing while the rate is not steady yet.
+    [[nodiscard]] std::optional<double> bytes_per_second() const noexcept;
+
+private:
+    struct sample {
+        std::uint64_t tick_ms;
+        std::uint64_t received;
+    };
+    std::deque<sample> samples_;
+    std::optional<std::uint64_t> first_tick_;
+};
+
+// "48.8 MB": mebibytes with one decimal, grouped and separated as the user's locale says.
+[[nodiscard]] std::wstring size_text(std::uint64_t bytes);
+// What the dialog says: how much of how much and the percentage (total < 0: unknown), and
+// on a second line, once the rate is steady, the rate and, with a known total, the time left.
+[[nodiscard]] std::wstring progress_text(std::uint64_t received, std::int64_t total,
+                                         std::optional<double> bytes_per_second);
 
 class progress_dialog final : public body_sink {
 public:
@@ -46,6 +77,9 @@ private:
     std::atomic<std::uint64_t> received_{0};
     std::atomic<std::int64_t> total_{-1};
     std::atomic<bool> update_posted_{false};
+    // UI thread only.
+    transfer_rate rate_;
+    bool marquee_ = false;
 };
 
 }  // namespace tessel::web
