@@ -124,6 +124,21 @@ update_hooks update_hooks_of(main_dialog& dialog)
                 return promotion ? tessel::web::promotion_markup(*promotion) : std::wstring();
             },
         .open_promotion = tessel::web::open_promotion_address,
+        // A stray click must not throw away a download: ask, and on Yes let the partial file
+        // go before the window does.
+        .may_close =
+            [](HWND main_window) {
+                if (!tessel::web::installer_download_running())
+                    return true;
+                const std::wstring question(tessel::load_string(tessel::string_ids::update_close_while_downloading));
+                if (tessel::show_message_box(
+                        {.owner = main_window, .text = question, .style = MB_YESNO | MB_ICONQUESTION}) == IDYES)
+                    tessel::web::stop_installer_download([main_window] {
+                        if (::IsWindow(main_window))
+                            ::DestroyWindow(main_window);
+                    });
+                return false;
+            },
     };
 }
 

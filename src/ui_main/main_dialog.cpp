@@ -353,7 +353,7 @@ INT_PTR main_dialog::handle(UINT message, WPARAM wparam, LPARAM lparam)
             hooks_.main_window_ready(window_);
         return TRUE;
     case WM_CLOSE:
-        ::DestroyWindow(window_);
+        close();
         return TRUE;
     case WM_DESTROY:
         on_destroy();
@@ -812,9 +812,20 @@ void main_dialog::open_help()
                      MB_OK | MB_ICONERROR);
 }
 
+void main_dialog::close()
+{
+    if (hooks_.may_close && !hooks_.may_close(window_))
+        return;
+    ::DestroyWindow(window_);
+}
+
 void main_dialog::show_about()
 {
     about_dialog(hooks_.check_for_updates).show(window_);
+    // Windows keeps the windows this one owns (the download's progress) above it. Wine, once
+    // a modal box has gone, may stack this window over them and hide them: moving it to the
+    // top moves them along, above it.
+    ::SetWindowPos(window_, HWND_TOP, 0, 0, 0, 0, SWP_NOMOVE | SWP_NOSIZE | SWP_NOACTIVATE);
 }
 
 void main_dialog::on_command(int id)
@@ -822,7 +833,7 @@ void main_dialog::on_command(int id)
     app_settings& settings = current_app_settings();
     switch (id) {
     case IDCANCEL:  // the Close button, Escape and the close box
-        ::DestroyWindow(window_);
+        close();
         break;
     case ids::hide_disconnected:
         settings.hide_disconnected = ::IsDlgButtonChecked(window_, id) == BST_CHECKED;

@@ -179,6 +179,7 @@ private:
     std::optional<std::size_t> model_row_of(tessel::windows::new_controls::treeview::impl::tree_node* node) const;
     void open_help();
     void show_about();
+    void close();
     static fibra::fire_and_forget run_settings(main_dialog* self);
     // Shows a failure of the server: a lost server once, anything else each time.
     void report_server_failure(HRESULT code, std::uint32_t message_id);

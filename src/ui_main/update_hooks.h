@@ -23,6 +23,10 @@ struct update_hooks {
     std::function<std::wstring()> promotion;
     // Opens a link of the promotion line the user followed.
     std::function<void(std::wstring_view address)> open_promotion;
+    // Asked before the main window closes (close box, Close, Escape, WM_CLOSE): false keeps
+    // it open, and the hook may destroy the window itself later, once work that must not be
+    // cut off has ended. Empty: the window closes at once.
+    std::function<bool(HWND main_window)> may_close;
 };
 
 }  // namespace servercfg

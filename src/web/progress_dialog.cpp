@@ -101,6 +101,13 @@ progress_dialog::~progress_dialog()
     }
 }
 
+void progress_dialog::cancel() noexcept
+{
+    // The transfer notices at its next step; until then the dialog says it heard.
+    cancelled_->cancel();
+    ::EnableWindow(::GetDlgItem(window_, IDCANCEL), FALSE);
+}
+
 void progress_dialog::progress(std::uint64_t received, std::int64_t total) noexcept
 {
     received_.store(received, std::memory_order_relaxed);
@@ -150,9 +157,7 @@ INT_PTR CALLBACK progress_dialog::dialog_procedure(HWND window, UINT message, WP
         return TRUE;
     case WM_COMMAND:
         if (LOWORD(wparam) == IDCANCEL) {
-            // The transfer notices at its next step; until then the dialog says it heard.
-            self->cancelled_->cancel();
-            ::EnableWindow(::GetDlgItem(window, IDCANCEL), FALSE);
+            self->cancel();
             return TRUE;
         }
         return FALSE;

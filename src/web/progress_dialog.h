@@ -51,7 +51,8 @@ private:
 
 class progress_dialog final : public body_sink {
 public:
-    // Creates and shows the dialog (UI thread). A failure to create it is thrown.
+    // Creates and shows the dialog (UI thread), owned by owner so that it always stays above
+    // it. A failure to create it is thrown.
     explicit progress_dialog(HWND owner);
     ~progress_dialog();
     progress_dialog(const progress_dialog&) = delete;
@@ -63,6 +64,9 @@ public:
     {
         return cancelled_;
     }
+
+    // What Cancel does: the transfer ends at its next step.
+    void cancel() noexcept;
 
     // Not a destination: the dialog only shows how far the transfer is.
     void write(const void*, DWORD) override {}

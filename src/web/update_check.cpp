@@ -15,11 +15,49 @@
 #include <atomic>
 #include <chrono>
 #include <cwctype>
+#include <utility>
 
 namespace tessel::web {
 namespace {
 
 std::atomic<bool> check_running{false};
+
+// The running check's download, for the main window's questions (UI thread only).
+struct running_download {
+    progress_dialog* progress = nullptr;
+    // Set when the main window waits for the check to end before it closes.
+    std::function<void()> after_check;
+    UINT_PTR overdue_timer = 0;
+};
+running_download running;
+
+// A transfer notices a stop only when the server sends something: one that has stalled
+// does not keep the program waiting longer than this.
+constexpr UINT stop_grace_ms = 10000;
+
+void run_after_check() noexcept
+{
+    if (running.overdue_timer) {
+        ::KillTimer(nullptr, running.overdue_timer);
+        running.overdue_timer = 0;
+    }
+    if (const std::function<void()> after = std::exchange(running.after_check, nullptr)) {
+        try {
+            after();
+        } catch (...) {
+            debug_report(L"the step after the update check failed");
+        }
+    }
+}
+
+// Marks the progress dialog as the running download's while it exists.
+class progress_shown {
+public:
+    explicit progress_shown(progress_dialog& progress) noexcept { running.progress = &progress; }
+    ~progress_shown() { running.progress = nullptr; }
+    progress_shown(const progress_shown&) = delete;
+    progress_shown& operator=(const progress_shown&) = delete;
+};
 
 HWND owner_of_boxes(const update_check_options& options) noexcept
 {
@@ -66,18 +104,23 @@ task<bool> download_and_start_installer(const update_check_options& options, con
 {
     std::exception_ptr failure;
     std::optional<progress_dialog> progress;
+    std::optional<progress_shown> shown;
     std::optional<staging_folder> staging;
     try {
         // A refused staging folder ends the update before anything is fetched.
         staging.emplace(options.download_folder.empty() ? stage_update_download()
                                                         : staging_folder(options.download_folder, {}));
-        progress.emplace(owner_of_boxes(options));
+        // Owned by the main window, never by the About box: it must outlive that box and stay
+        // above the window whose work it is.
+        progress.emplace(options.main_window);
+        shown.emplace(*progress);
         const stop_token stop{options.ui.cancellation(), progress->cancellation()};
         const std::wstring name =
             ts_printf::format(L"UlmoraToolsSetup-{}.exe", dotted_version(unpacked_version(response.version)));
         downloaded_file installer =
             co_await download_file(client, response.url, staging->path(), name, max_installer_size, stop, &*progress);
         co_await options.ui;
+        shown.reset();
         progress.reset();
         try {
             check_installer_signature(installer.handle.get(), built_in_publisher_pin());
@@ -100,8 +143,10 @@ task<bool> download_and_start_installer(const update_check_options& options, con
     if (staging)
         staging->discard();
     co_await options.ui;
+    shown.reset();
     progress.reset();
-    if (failure)
+    // The main window closes once this check has ended: no error to tell it any more.
+    if (failure && !running.after_check)
         show_failure(options, string_ids::update_failed, failure);
     co_return false;
 }
@@ -143,6 +188,7 @@ fibra::fire_and_forget run_update_check(update_check_options options)
             check_running.store(false);
             if (options.finished)
                 options.finished();
+            run_after_check();
         }
     } guard{options};
 
@@ -185,7 +231,7 @@ fibra::fire_and_forget run_update_check(update_check_options options)
             const std::wstring offer = ts_printf::format(load_string(string_ids::update_offer),
                                                          dotted_version(unpacked_version(response.version)));
             if (show(options, offer, MB_YESNO | MB_ICONQUESTION) == IDYES) {
-                if (co_await download_and_start_installer(options, client, response))
+                if (co_await download_and_start_installer(options, client, response) || running.after_check)
                     co_return;  // the program is closing
             } else if (options.mode == update_check_mode::automatic) {
                 if (show(options, load_string(string_ids::update_disable_checking), MB_YESNO | MB_ICONQUESTION) ==
@@ -214,8 +260,15 @@ nsm::date today()
 
 bool start_update_check(update_check_options options)
 {
-    if (check_running.exchange(true))
+    if (check_running.exchange(true)) {
+        // Asked again while the installer downloads: the user is looking for that download.
+        if (running.progress) {
+            const HWND progress = running.progress->window();
+            ::SetWindowPos(progress, HWND_TOP, 0, 0, 0, 0, SWP_NOMOVE | SWP_NOSIZE | SWP_SHOWWINDOW);
+            ::SetForegroundWindow(progress);
+        }
         return false;
+    }
     run_update_check(std::move(options));
     return true;
 }
@@ -223,6 +276,26 @@ bool start_update_check(update_check_options options)
 bool update_check_running() noexcept
 {
     return check_running.load();
+}
+
+bool installer_download_running() noexcept
+{
+    // Once asked to stop it is on its way out: nothing to ask about any more.
+    return running.progress && !running.after_check;
+}
+
+void stop_installer_download(std::function<void()> then)
+{
+    if (!running.progress) {
+        then();
+        return;
+    }
+    running.after_check = std::move(then);
+    running.progress->cancel();
+    if (!running.overdue_timer)
+        running.overdue_timer = ::SetTimer(nullptr, 0, stop_grace_ms, [](HWND, UINT, UINT_PTR, DWORD) noexcept {
+            run_after_check();
+        });
 }
 
 std::optional<promo_notice> promotion_to_show(const promo_notice& stored, nsm::date today)

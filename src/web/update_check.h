@@ -9,6 +9,9 @@
 //       check.mode = tessel::web::update_check_mode::automatic;   // About box: on_demand
 //       check.promotion_changed = [] { /* re-read current_promotion() */ };
 //       tessel::web::start_update_check(std::move(check));
+//   Before the main window closes:
+//       if (tessel::web::installer_download_running() && user_says_stop)
+//           tessel::web::stop_installer_download([window] { ::DestroyWindow(window); });
 //   The promotion line of the main window:
 //       if (auto promo = tessel::web::current_promotion()) rich_view_text = promotion_markup(*promo);
 //
@@ -41,7 +44,8 @@
 namespace tessel::web {
 
 struct update_check_options {
-    // The window that gets WM_CLOSE, and the owner of every box and dialog unless...
+    // The window that gets WM_CLOSE and owns the progress dialog, and the owner of every
+    // box unless...
     HWND main_window = nullptr;
     // ...this window (the About box of a check the user asked for) still exists.
     HWND owner = nullptr;
@@ -61,9 +65,18 @@ struct update_check_options {
     std::function<void()> finished;
 };
 
-// Starts a check and returns at once (UI thread). False when a check is running already.
+// Starts a check and returns at once (UI thread). False when a check is running already;
+// when that check is downloading the installer, its progress dialog comes forward.
 bool start_update_check(update_check_options options);
 [[nodiscard]] bool update_check_running() noexcept;
+
+// Whether the installer is downloading now and has not been asked to stop (UI thread).
+[[nodiscard]] bool installer_download_running() noexcept;
+// Stops the download as its Cancel does and calls then on the UI thread once the check has
+// ended and the partial file is gone (or after a few seconds when the server has stalled
+// and the transfer cannot notice); at once when no download runs. The check shows nothing
+// more after it.
+void stop_installer_download(std::function<void()> then);
 
 // The promotion to show now: the stored one while it has a title and has not expired.
 [[nodiscard]] std::optional<promo_notice> current_promotion();

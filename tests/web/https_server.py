@@ -11,6 +11,7 @@ behaviour through the base address it gives the program):
       newer       Version V+1 and the installer at /files/installer.exe
       same        Version V
       slow        Version V+1, its installer at /hold/slow
+      unsized     Version V+1, its installer at /hold-unsized/unsized
       insecure    Version V+1, its installer at a plain http address
       wrongkind   "Version" as a string
       packs       Version V, language packs at /files/pack.lpack and /files/bad.lpack
@@ -25,6 +26,7 @@ behaviour through the base address it gives the program):
   /cut                   announces 10000 bytes, sends 4000, closes
   /hold/<name>           announces 300000 bytes, sends 100000, and sends the rest once
                          /release/<name> has come (closes after 60 s without it)
+  /hold-unsized/<name>   the same without a size (chunked)
   /release/<name>        lets the held response of that name go on (also one still to come)
   /redirect-http         302 to the same answers over plain http (a second server)
   /via-http/<path>       302 to /back-to-https/<path> over plain http, which sends 302 to
@@ -136,10 +138,12 @@ class Handler(http.server.BaseHTTPRequestHandler):
                     "Promo": {"Title": "[[[bTest offer]]]", "Url": "https://localhost/offer",
                               "ExpiresOn": "2099-12-31T00:00:00"},
                     "LanguagePacks": []}
-        if kind in ("newer", "insecure", "slow", "redirected"):
+        if kind in ("newer", "insecure", "slow", "unsized", "redirected"):
             document["Version"] = own + 1
         if kind == "slow":
             document["Url"] = self.base() + "hold/slow"
+        if kind == "unsized":
+            document["Url"] = self.base() + "hold-unsized/unsized"
         if kind == "insecure":
             document["Url"] = "http://localhost:%d/files/installer.exe" % self.server.server_address[1]
         if kind == "redirected":
@@ -195,12 +199,14 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.wfile.flush()
             self.close_connection = True
             return
-        if head == "hold" and len(parts) == 2:
+        if head in ("hold", "hold-unsized") and len(parts) == 2:
+            sized = head == "hold"
             self.send_response(200)
-            self.send_header("Content-Length", "300000")
+            self.send_header("Content-Length" if sized else "Transfer-Encoding", "300000" if sized else "chunked")
             self.end_headers()
             body = pattern(300000)
-            self.wfile.write(body[:100000])
+            write = self.wfile.write if sized else lambda part: self.wfile.write(b"%x\r\n%s\r\n" % (len(part), part))
+            write(body[:100000])
             self.wfile.flush()
             released = held(parts[1]).wait(60)
             with HELD_LOCK:
@@ -209,7 +215,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 self.close_connection = True
                 return
             try:
-                self.wfile.write(body[100000:])
+                write(body[100000:])
+                if not sized:
+                    self.wfile.write(b"0\r\n\r\n")
             except OSError:
                 pass
             return

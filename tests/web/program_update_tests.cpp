@@ -8,8 +8,13 @@
 
 #include "base/module_path.h"
 #include "base/window_text.h"
+#include "ui_main/about_dialog.h"
+#include "ui_main/main_dialog.h"
+#include "web/progress_dialog.h"
 #include "web/staging_folder.h"
 #include "web/update_service.h"
+
+#include <commctrl.h>
 
 #include <gtest/gtest.h>
 
@@ -26,6 +31,8 @@ constexpr wchar_t settings_key[] = L"Software\\QMX Software\\Ulmora Tools\\Serve
 constexpr int message_text_id = 1101;
 // How long a program that should stay is watched for leaving on its own.
 constexpr DWORD settle_ms = 1000;
+// How long the windows are given to settle in their order after one has gone.
+constexpr DWORD stacking_settle_ms = 500;
 
 // A visible top-level window of the program whose control `id` exists.
 HWND find_box(int id)
@@ -183,6 +190,139 @@ TEST_F(program_update, refused_or_failed_downloads_leave_no_file_and_the_program
         ::PostMessageW(main_window, WM_CLOSE, 0, 0);
         EXPECT_EQ(program->wait(), 0u);
     }
+}
+
+namespace main_ids = servercfg::main_dialog_controls;
+namespace about_ids = servercfg::about_dialog_controls;
+
+// A visible top-level window of the program with control `id` whatever its caption.
+HWND find_window_with(int id)
+{
+    struct search {
+        int id;
+        HWND found = nullptr;
+    } state{id};
+    ::EnumWindows(
+        [](HWND window, LPARAM lparam) -> BOOL {
+            auto& state = *reinterpret_cast<search*>(lparam);
+            if (::IsWindowVisible(window) && ::GetDlgItem(window, state.id)) {
+                state.found = window;
+                return FALSE;
+            }
+            return TRUE;
+        },
+        reinterpret_cast<LPARAM>(&state));
+    return state.found;
+}
+
+// Whether upper is above lower in the Z-order.
+bool above(HWND upper, HWND lower)
+{
+    for (HWND window = ::GetWindow(lower, GW_HWNDPREV); window; window = ::GetWindow(window, GW_HWNDPREV))
+        if (window == upper)
+            return true;
+    return false;
+}
+
+std::wstring text_of(HWND progress)
+{
+    return tessel::windows::window_text(::GetDlgItem(progress, tessel::web::progress_dialog_text_id));
+}
+
+std::wstring megabytes(const wchar_t* whole, wchar_t tenth)
+{
+    wchar_t decimal[8] = L".";
+    ::GetLocaleInfoEx(LOCALE_NAME_USER_DEFAULT, LOCALE_SDECIMAL, decimal, 8);
+    return whole + std::wstring(1, decimal[0]) + tenth + L" MB";
+}
+
+class program_download : public program_update {
+protected:
+    // Starts the program against a service whose installer comes in part and then waits,
+    // accepts the offer and waits for the progress dialog to show the part: `expected`.
+    void start_download(const wchar_t* kind, const std::wstring& expected)
+    {
+        set_service(kind);
+        ASSERT_NO_FATAL_FAILURE(start_program());
+        const HWND offer = wait_for_box();
+        ASSERT_NE(offer, nullptr) << "no offer appeared";
+        ::PostMessageW(::GetDlgItem(offer, IDYES), BM_CLICK, 0, 0);
+        test_support::pump_until([&] { return (main_window = find_box(main_ids::tree_placeholder)) != nullptr; },
+                                 20000);
+        ASSERT_NE(main_window, nullptr);
+        test_support::pump_until([&] {
+            progress = find_window_with(tessel::web::progress_dialog_bar_id);
+            return progress && text_of(progress) == expected;
+        }, 20000);
+        ASSERT_NE(progress, nullptr) << "no progress dialog";
+        EXPECT_EQ(text_of(progress), expected);
+        EXPECT_EQ(::GetWindow(progress, GW_OWNER), main_window);
+    }
+    // Closes the main window and answers the question.
+    void close_and_answer(int answer)
+    {
+        ::PostMessageW(main_window, WM_CLOSE, 0, 0);
+        const HWND question = wait_for_box(10000);
+        ASSERT_NE(question, nullptr) << "closing did not ask";
+        EXPECT_EQ(tessel::windows::window_text(::GetDlgItem(question, message_text_id)),
+                  L"A download is running. Stop it and close?");
+        ::PostMessageW(::GetDlgItem(question, answer), BM_CLICK, 0, 0);
+        web_test::pump_until_or_die([&] { return !::IsWindow(question); }, 10000, "the question to close");
+    }
+
+    HWND main_window = nullptr;
+    HWND progress = nullptr;
+};
+
+TEST_F(program_download, progress_stays_above_the_main_window_and_closing_asks_first_then_cleans_up)
+{
+    ASSERT_NO_FATAL_FAILURE(start_download(L"slow/", L"Downloaded " + megabytes(L"0", L'1') + L" of " +
+                                                          megabytes(L"0", L'3') + L" (33%)"));
+    // The About box comes over it; its "Check for updates" brings the download forward.
+    ::PostMessageW(main_window, WM_COMMAND, main_ids::about, 0);
+    HWND about = nullptr;
+    test_support::pump_until([&] {
+        return (about = find_window_with(about_ids::check_for_updates)) != nullptr && above(about, progress);
+    }, 10000);
+    ASSERT_NE(about, nullptr);
+    ASSERT_TRUE(above(about, progress));
+    ::PostMessageW(::GetDlgItem(about, about_ids::check_for_updates), BM_CLICK, 0, 0);
+    EXPECT_TRUE(test_support::pump_until([&] { return above(progress, about); }, 10000));
+    EXPECT_EQ(find_box(message_text_id), nullptr) << "a second check began";
+    // Gone again, it leaves the download above the main window, in reach.
+    ::PostMessageW(::GetDlgItem(about, IDOK), BM_CLICK, 0, 0);
+    web_test::pump_until_or_die([&] { return !::IsWindow(about); }, 10000, "the About box to close");
+    test_support::pump_for(stacking_settle_ms);
+    EXPECT_TRUE(above(progress, main_window));
+    EXPECT_TRUE(::IsWindowVisible(progress));
+
+    // Closing asks; Yes stops the download, the partial file goes, and then the program.
+    ASSERT_NO_FATAL_FAILURE(close_and_answer(IDYES));
+    web_test::release_held_response(L"slow");
+    EXPECT_EQ(program->wait(20000), 0u);
+    EXPECT_TRUE(std::filesystem::is_empty(std::filesystem::path(folder)));
+}
+
+TEST_F(program_download, without_a_size_the_bar_moves_and_no_on_closing_lets_the_download_go_on)
+{
+    ASSERT_NO_FATAL_FAILURE(start_download(L"unsized/", L"Downloaded " + megabytes(L"0", L'1')));
+    const HWND bar = ::GetDlgItem(progress, tessel::web::progress_dialog_bar_id);
+    EXPECT_TRUE(::GetWindowLongPtrW(bar, GWL_STYLE) & PBS_MARQUEE);
+
+    ASSERT_NO_FATAL_FAILURE(close_and_answer(IDNO));
+    EXPECT_EQ(program->wait(settle_ms), STILL_ACTIVE);
+    EXPECT_TRUE(::IsWindowVisible(progress));
+    // The download runs to its end: the test server's bytes are no signed installer.
+    web_test::release_held_response(L"unsized");
+    const HWND error = wait_for_box();
+    ASSERT_NE(error, nullptr);
+    EXPECT_NE(tessel::windows::window_text(::GetDlgItem(error, message_text_id)).find(L"no valid signature"),
+              std::wstring::npos);
+    ::PostMessageW(::GetDlgItem(error, IDOK), BM_CLICK, 0, 0);
+    web_test::pump_until_or_die([&] { return !::IsWindow(error); }, 10000, "the error to close");
+    // Nothing downloads any more: closing closes.
+    ::PostMessageW(main_window, WM_CLOSE, 0, 0);
+    EXPECT_EQ(program->wait(20000), 0u);
 }
 
 }  // namespace
