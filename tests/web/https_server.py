@@ -12,6 +12,7 @@ behaviour through the base address it gives the program):
       same        Version V
       slow        Version V+1, its installer at /hold/slow
       unsized     Version V+1, its installer at /hold-unsized/unsized
+      trickle     Version V+1, its installer at /trickle (for looking at the progress dialog)
       insecure    Version V+1, its installer at a plain http address
       wrongkind   "Version" as a string
       packs       Version V, language packs at /files/pack.lpack and /files/bad.lpack
@@ -27,6 +28,7 @@ behaviour through the base address it gives the program):
   /hold/<name>           announces 300000 bytes, sends 100000, and sends the rest once
                          /release/<name> has come (closes after 60 s without it)
   /hold-unsized/<name>   the same without a size (chunked)
+  /trickle               announces 20 MiB and sends 100 KiB every 0.2 s
   /release/<name>        lets the held response of that name go on (also one still to come)
   /redirect-http         302 to the same answers over plain http (a second server)
   /via-http/<path>       302 to /back-to-https/<path> over plain http, which sends 302 to
@@ -138,12 +140,14 @@ class Handler(http.server.BaseHTTPRequestHandler):
                     "Promo": {"Title": "[[[bTest offer]]]", "Url": "https://localhost/offer",
                               "ExpiresOn": "2099-12-31T00:00:00"},
                     "LanguagePacks": []}
-        if kind in ("newer", "insecure", "slow", "unsized", "redirected"):
+        if kind in ("newer", "insecure", "slow", "unsized", "trickle", "redirected"):
             document["Version"] = own + 1
         if kind == "slow":
             document["Url"] = self.base() + "hold/slow"
         if kind == "unsized":
             document["Url"] = self.base() + "hold-unsized/unsized"
+        if kind == "trickle":
+            document["Url"] = self.base() + "trickle"
         if kind == "insecure":
             document["Url"] = "http://localhost:%d/files/installer.exe" % self.server.server_address[1]
         if kind == "redirected":
@@ -190,6 +194,19 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 self.wfile.flush()
                 time.sleep(0.05)
             self.wfile.write(b"0\r\n\r\n")
+            return
+        if head == "trickle":
+            size = 20 << 20
+            self.send_response(200)
+            self.send_header("Content-Length", str(size))
+            self.end_headers()
+            try:
+                for start in range(0, size, 100 << 10):
+                    self.wfile.write(pattern(min(100 << 10, size - start)))
+                    self.wfile.flush()
+                    time.sleep(0.2)
+            except OSError:
+                pass
             return
         if head == "cut":
             self.send_response(200)
