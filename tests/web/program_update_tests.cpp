@@ -34,18 +34,20 @@ constexpr DWORD settle_ms = 1000;
 // How long the windows are given to settle in their order after one has gone.
 constexpr DWORD stacking_settle_ms = 500;
 
-// A visible top-level window of the program whose control `id` exists.
-HWND find_box(int id)
+// A visible top-level window of the program whose control `id` exists, with the product
+// title unless any title will do.
+HWND find_box(int id, bool any_title = false)
 {
     struct search {
         int id;
+        bool any_title;
         HWND found = nullptr;
-    } state{id};
+    } state{id, any_title};
     ::EnumWindows(
         [](HWND window, LPARAM lparam) -> BOOL {
             auto& state = *reinterpret_cast<search*>(lparam);
-            if (::IsWindowVisible(window) && tessel::windows::window_text(window) == product_title &&
-                ::GetDlgItem(window, state.id)) {
+            if (::IsWindowVisible(window) && ::GetDlgItem(window, state.id) &&
+                (state.any_title || tessel::windows::window_text(window) == product_title)) {
                 state.found = window;
                 return FALSE;
             }
@@ -195,26 +197,6 @@ TEST_F(program_update, refused_or_failed_downloads_leave_no_file_and_the_program
 namespace main_ids = servercfg::main_dialog_controls;
 namespace about_ids = servercfg::about_dialog_controls;
 
-// A visible top-level window of the program with control `id` whatever its caption.
-HWND find_window_with(int id)
-{
-    struct search {
-        int id;
-        HWND found = nullptr;
-    } state{id};
-    ::EnumWindows(
-        [](HWND window, LPARAM lparam) -> BOOL {
-            auto& state = *reinterpret_cast<search*>(lparam);
-            if (::IsWindowVisible(window) && ::GetDlgItem(window, state.id)) {
-                state.found = window;
-                return FALSE;
-            }
-            return TRUE;
-        },
-        reinterpret_cast<LPARAM>(&state));
-    return state.found;
-}
-
 // Whether upper is above lower in the Z-order.
 bool above(HWND upper, HWND lower)
 {
@@ -222,11 +204,6 @@ bool above(HWND upper, HWND lower)
         if (window == upper)
             return true;
     return false;
-}
-
-std::wstring text_of(HWND progress)
-{
-    return tessel::windows::window_text(::GetDlgItem(progress, tessel::web::progress_dialog_text_id));
 }
 
 std::wstring megabytes(const wchar_t* whole, wchar_t tenth)
@@ -250,12 +227,14 @@ protected:
         test_support::pump_until([&] { return (main_window = find_box(main_ids::tree_placeholder)) != nullptr; },
                                  20000);
         ASSERT_NE(main_window, nullptr);
+        const auto text = [&] {
+            return tessel::windows::window_text(::GetDlgItem(progress, tessel::web::progress_dialog_text_id));
+        };
         test_support::pump_until([&] {
-            progress = find_window_with(tessel::web::progress_dialog_bar_id);
-            return progress && text_of(progress) == expected;
+            return (progress = find_box(tessel::web::progress_dialog_bar_id, true)) && text() == expected;
         }, 20000);
         ASSERT_NE(progress, nullptr) << "no progress dialog";
-        EXPECT_EQ(text_of(progress), expected);
+        EXPECT_EQ(text(), expected);
         EXPECT_EQ(::GetWindow(progress, GW_OWNER), main_window);
     }
     // Closes the main window and answers the question.
@@ -282,7 +261,7 @@ TEST_F(program_download, progress_stays_above_the_main_window_and_closing_asks_f
     ::PostMessageW(main_window, WM_COMMAND, main_ids::about, 0);
     HWND about = nullptr;
     test_support::pump_until([&] {
-        return (about = find_window_with(about_ids::check_for_updates)) != nullptr && above(about, progress);
+        return (about = find_box(about_ids::check_for_updates, true)) != nullptr && above(about, progress);
     }, 10000);
     ASSERT_NE(about, nullptr);
     ASSERT_TRUE(above(about, progress));

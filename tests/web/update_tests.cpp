@@ -51,21 +51,17 @@ TEST(download_progress, tells_sizes_percentage_and_once_steady_rate_and_time_lef
     // The separators are the user's: the expectations take them from the same place.
     wchar_t decimal[8] = {};
     ASSERT_GT(::GetLocaleInfoEx(LOCALE_NAME_USER_DEFAULT, LOCALE_SDECIMAL, decimal, 8), 1);
-    const auto mb = [&](std::wstring whole, wchar_t tenth) {
-        return whole + decimal[0] + tenth + L" MB";
-    };
-    const std::wstring thousand = ts_printf::thousands_separator() ? std::wstring(1, ts_printf::thousands_separator())
-                                                                   : std::wstring();
+    const auto mb = [&](std::wstring whole, wchar_t tenth) { return whole + decimal[0] + tenth + L" MB"; };
+    const wchar_t thousand = ts_printf::thousands_separator();
     constexpr std::uint64_t mib = 1 << 20;
-    EXPECT_EQ(size_text(0), mb(L"0", L'0'));
-    EXPECT_EQ(size_text(1536 * mib + mib * 96 / 100), mb(L"1" + thousand + L"537", L'0'));  // rounds up into the next
+    EXPECT_EQ(size_text(1536 * mib + mib * 96 / 100),
+              mb(thousand ? L"1" + std::wstring(1, thousand) + L"537" : L"1537", L'0'));
     EXPECT_EQ(progress_text(14811136, 51200000, std::nullopt),
               L"Downloaded " + mb(L"14", L'1') + L" of " + mb(L"48", L'8') + L" (28%)");
     EXPECT_EQ(progress_text(100000, -1, std::nullopt), L"Downloaded " + mb(L"0", L'1'));
     // Once steady: the rate, and with a known size the time left, in the unit that suits it.
-    EXPECT_EQ(progress_text(10 * mib, 50 * mib, 2.0 * mib),
-              L"Downloaded " + mb(L"10", L'0') + L" of " + mb(L"50", L'0') + L" (20%)\n" + mb(L"2", L'0') +
-                  L"/s, 20 s left");
+    EXPECT_TRUE(
+        progress_text(10 * mib, 50 * mib, 2.0 * mib).ends_with(L" (20%)\n" + mb(L"2", L'0') + L"/s, 20 s left"));
     EXPECT_TRUE(progress_text(10 * mib, 50 * mib, 0.5 * mib).ends_with(L"/s, 1 min 20 s left"));
     EXPECT_TRUE(progress_text(0, 50 * mib, 10240.0).ends_with(L"/s, 1 h 25 min left"));
     EXPECT_EQ(progress_text(mib, -1, 0.5 * mib), L"Downloaded " + mb(L"1", L'0') + L"\n" + mb(L"0", L'5') + L"/s");
@@ -76,11 +72,10 @@ TEST(download_progress, tells_sizes_percentage_and_once_steady_rate_and_time_lef
     rate.add(2000, 1100000);
     EXPECT_FALSE(rate.bytes_per_second());
     rate.add(4000, 3100000);
-    ASSERT_TRUE(rate.bytes_per_second());
-    EXPECT_DOUBLE_EQ(*rate.bytes_per_second(), 1000000.0);
+    EXPECT_EQ(rate.bytes_per_second(), 1000000.0);
     for (std::uint64_t tick = 5000; tick <= 12000; tick += 1000)
         rate.add(tick, 3100000 + (tick - 4000) * 100);
-    EXPECT_DOUBLE_EQ(*rate.bytes_per_second(), 100000.0);
+    EXPECT_EQ(rate.bytes_per_second(), 100000.0);
 }
 
 class download_test : public ::testing::Test {
