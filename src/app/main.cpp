@@ -56,16 +56,19 @@ void report_failed_work(std::exception_ptr error) noexcept
         } catch (const fibra::details::operation_cancelled&) {
             return;
         } catch (const fibra::details::hresult_error& e) {
+            tessel::log_caught_exception(L"background work failed");
             reason = ts_printf::format(tessel::load_string(tessel::string_ids::error_with_code), error_text(e.code()),
                                        static_cast<std::uint32_t>(e.code()));
         } catch (const std::exception& e) {
+            tessel::log_caught_exception(L"background work failed");
             reason = tessel::utf8_to_utf16(e.what());
         } catch (...) {
+            tessel::log_caught_exception(L"background work failed");
             reason = error_text(E_UNEXPECTED);
         }
         show_error(ts_printf::format(tessel::load_string(tessel::string_ids::error_unexpected), reason));
     } catch (...) {
-        tessel::debug_report(L"a failure of background work could not be shown");
+        tessel::log_caught_exception(L"a failure of background work could not be shown");
     }
 }
 
@@ -240,6 +243,6 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, PWSTR, int show_command)
         return servercfg::run(show_command);
     } catch (...) {
         // Anything that escapes start-up is a broken invariant of the program itself.
-        tessel::fail_fast_hr(tessel::hresult_from_caught_exception(), L"start-up failed");
+        tessel::fail_fast_caught_exception(L"start-up failed");
     }
 }

@@ -63,6 +63,6 @@ int wmain()
         return run();
     } catch (...) {
         // Anything else that escapes is a broken invariant of the program itself.
-        tessel::fail_fast_hr(tessel::hresult_from_caught_exception(), L"ulmora-cfg failed");
+        tessel::fail_fast_caught_exception(L"ulmora-cfg failed");
     }
 }
