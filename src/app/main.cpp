@@ -11,9 +11,11 @@
 #include "base/com_ptr.h"
 #include "base/coroutine.h"
 #include "base/failure.h"
+#include "base/gdiplus_startup.h"
 #include "base/module_path.h"
 #include "base/process_hardening.h"
 #include "base/registered_messages.h"
+#include "base/scope_exit.h"
 #include "base/service_registry.h"
 #include "base/utf.h"
 #include "controls/factories.h"
@@ -27,7 +29,6 @@
 
 #include <windows.h>
 #include <commctrl.h>
-#include <gdiplus.h>
 
 #include <exception>
 #include <string>
@@ -152,15 +153,8 @@ int run(int show_command)
     // apartment.
     tessel::service_registry services;
     tessel::service_registry::install(&services);
-    const HRESULT com = ::CoInitialize(nullptr);
-    struct com_scope {
-        bool active;
-        ~com_scope()
-        {
-            if (active)
-                ::CoUninitialize();
-        }
-    } com_guard{SUCCEEDED(com)};
+    // A failure here shows as the server's COM class that cannot be created, next.
+    const tessel::unique_couninitialize com = tessel::co_initialize();
 
     // 4, 5. The server's API object.
     tessel::com_ptr<IUsbServer> server;
@@ -194,10 +188,7 @@ int run(int show_command)
 
     // 8. Text and bitmap machinery of the controls, and the main window's object.
     (void)tessel::d2d::dwrite_factory();
-    Gdiplus::GdiplusStartupInput gdiplus_input;
-    ULONG_PTR gdiplus_token = 0;
-    if (Gdiplus::GdiplusStartup(&gdiplus_token, &gdiplus_input, nullptr) != Gdiplus::Ok)
-        gdiplus_token = 0;
+    tessel::unique_gdiplus gdiplus = tessel::gdiplus_startup();
 
     int exit_code = 0;
     {
@@ -223,12 +214,11 @@ int run(int show_command)
             try {
                 start_new_copy(tessel::module_path(), command_line);
             } catch (...) {
-                tessel::debug_report(L"the program's own path is unknown: no restart");
+                tessel::log_caught_exception(L"the program's own path is unknown: no restart");
             }
         }
     }  // 12. The window's object goes first, then GDI+, the server and COM.
-    if (gdiplus_token)
-        Gdiplus::GdiplusShutdown(gdiplus_token);
+    gdiplus.reset();
     server.reset();
     services.clear();  // COM objects go before COM does
     return exit_code;

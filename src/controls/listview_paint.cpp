@@ -5,6 +5,7 @@
 // than the rows the update region touches.
 
 #include "base/failure.h"
+#include "base/scope_exit.h"
 #include "controls/dark_theme.h"
 #include "controls/factories.h"
 #include "controls/listview_state.h"
@@ -536,14 +537,8 @@ void draw_into(list_state& s, HDC dc, const RECT& update)
 
 void paint(list_state& s)
 {
-    PAINTSTRUCT ps;
-    ::BeginPaint(s.window, &ps);
-    struct end_paint {
-        HWND window;
-        PAINTSTRUCT* ps;
-        ~end_paint() { ::EndPaint(window, ps); }
-    } ender{s.window, &ps};
-    draw_into(s, ps.hdc, ps.rcPaint);
+    const unique_paint ps = begin_paint(s.window);
+    draw_into(s, ps->hdc, ps->rcPaint);
 }
 
 }  // namespace tessel::windows::new_controls::listview::impl

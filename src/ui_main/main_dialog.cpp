@@ -5,6 +5,7 @@
 #include "base/failure.h"
 #include "base/module_path.h"
 #include "base/registered_messages.h"
+#include "base/scope_exit.h"
 #include "base/window_text.h"
 #include "controls/rich_view.h"
 #include "controls/treeview.h"
@@ -715,9 +716,8 @@ void main_dialog::show_context_menu(tv::tree_node* node, POINT screen)
 int main_dialog::show_message(std::wstring_view text, UINT style)
 {
     showing_message_ = true;
-    const int answer = tessel::show_message_box({.owner = window_, .text = text, .style = style});
-    showing_message_ = false;
-    return answer;
+    const tessel::scope_exit shown([this]() noexcept { showing_message_ = false; });
+    return tessel::show_message_box({.owner = window_, .text = text, .style = style});
 }
 
 void main_dialog::report_server_failure(HRESULT code, std::uint32_t message_id)
