@@ -112,7 +112,7 @@ update_hooks update_hooks_of(main_dialog& dialog)
         check.owner = owner;
         check.mode = mode;
         check.promotion_changed = [&dialog] { dialog.show_promotion(); };
-        (void)tessel::web::start_update_check(std::move(check));
+        (void)tessel::web::start_update_check(std::move(check));  // false: one is running already
     };
     return {
         .check_for_updates = [start](HWND owner) { start(owner, tessel::web::update_check_mode::on_demand); },
@@ -206,7 +206,7 @@ int run(int show_command)
         try {
             save_app_settings();
         } catch (...) {
-            tessel::debug_report(L"the settings could not be saved at exit");
+            tessel::log_caught_exception(L"the settings could not be saved at exit");
         }
 
         // 11. A confirmed language change restarts the program with the same arguments.

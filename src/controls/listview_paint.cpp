@@ -55,6 +55,7 @@ void window_dpi(HWND window, float& x, float& y) noexcept
         d2d_factory()->GetDesktopDpi(&x, &y);
 #pragma GCC diagnostic pop
     } catch (...) {
+        log_caught_exception(L"list view: no Direct2D factory to ask for the DPI");
     }
     if (x <= 0 || y <= 0)
         x = y = 96.f;

@@ -467,7 +467,7 @@ LRESULT CALLBACK rich_view::window_proc(HWND window, UINT message, WPARAM wparam
     try {
         return view->handle(message, wparam, lparam);
     } catch (...) {
-        debug_report(L"rich view: a message failed: " + system_message(hresult_from_caught_exception()));
+        log_caught_exception(L"rich view: a message failed");
         return ::DefWindowProcW(window, message, wparam, lparam);
     }
 }
@@ -504,7 +504,7 @@ LRESULT CALLBACK rich_view::placeholder_proc(HWND window, UINT message, WPARAM w
         default: break;
         }
     } catch (...) {
-        debug_report(L"rich view: following the placeholder failed");
+        log_caught_exception(L"rich view: following the placeholder failed");
     }
     return ::DefSubclassProc(window, message, wparam, lparam);
 }

@@ -219,7 +219,7 @@ try {
     }
     return start(owner, text, {}, text, launcher);
 } catch (...) {
-    debug_report(L"a link could not be opened: " + system_message(hresult_from_caught_exception()));
+    log_caught_exception(L"a link could not be opened");
     return false;
 }
 
@@ -229,7 +229,7 @@ try {
         owner = ::GetActiveWindow();
     return start(owner, L"hh.exe", help_address, help_address, launcher);
 } catch (...) {
-    debug_report(L"the help file could not be opened: " + system_message(hresult_from_caught_exception()));
+    log_caught_exception(L"the help file could not be opened");
     return false;
 }
 
@@ -256,7 +256,7 @@ try {
     launcher.tell(owner, ts_printf::format(load_string(string_ids::error_text_file_unopened), path));
     return false;
 } catch (...) {
-    debug_report(L"a text file could not be opened: " + system_message(hresult_from_caught_exception()));
+    log_caught_exception(L"a text file could not be opened");
     return false;
 }
 

@@ -238,7 +238,7 @@ void initialize(HWND dialog, dialog_state& state)
     try {
         new_controls::rich_view::attach(::GetDlgItem(dialog, message_box_text_id));
     } catch (...) {
-        debug_report(L"message box: no rich view for the text: " + system_message(hresult_from_caught_exception()));
+        log_caught_exception(L"message box: no rich view for the text");
     }
     std::wstring text(state.request.text);
     if (!new_controls::rich_view::from_placeholder(::GetDlgItem(dialog, message_box_text_id))) {

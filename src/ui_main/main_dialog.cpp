@@ -136,10 +136,9 @@ void save_settings_reporting_failure() noexcept
 {
     try {
         save_app_settings();
-    } catch (const std::exception& e) {
+    } catch (...) {
         // Nothing is lost for this session; the next successful save writes everything.
-        tessel::debug_report(L"the settings could not be saved");
-        (void)e;
+        tessel::log_caught_exception(L"the settings could not be saved");
     }
 }
 
@@ -368,7 +367,7 @@ void main_dialog::on_init_dialog()
 {
     (void)tessel::windows::wm_ole_call();
     ole_thread_ = std::make_unique<tessel::windows::ole_thread>();
-    (void)LoadIconCollection(tessel::svg::icon_collection_resource_id);
+    tessel::log_if_failed(LoadIconCollection(tessel::svg::icon_collection_resource_id));
     tessel::translate_dialog(window_);
     icons_.apply(window_);
 
@@ -424,7 +423,7 @@ void main_dialog::create_promotion_line()
         promotion_ = tessel::windows::new_controls::rich_view::attach(placeholder);
         ::ShowWindow(promotion_->window(), SW_HIDE);
     } catch (...) {
-        tessel::debug_report(L"the promotion line could not be made");
+        tessel::log_caught_exception(L"the promotion line could not be made");
     }
 }
 
@@ -438,6 +437,7 @@ void main_dialog::show_promotion()
             markup = hooks_.promotion();
         promotion_->set_text(markup);
     } catch (...) {
+        tessel::log_caught_exception(L"the promotion line could not be shown");
         markup.clear();
     }
     ::ShowWindow(promotion_->window(), markup.empty() ? SW_HIDE : SW_SHOWNA);
@@ -797,7 +797,7 @@ void main_dialog::open_help()
         opened = tessel::open_help_file(window_, help_file_argument(local, help_topic));
     } else {
         BSTR name = nullptr;
-        (void)GetProductShortName(&name);
+        tessel::log_if_failed(GetProductShortName(&name));
         const tessel::unique_bstr owned(name);
         std::wstring topic = help_topic;
         // An address has no blanks.
