@@ -170,12 +170,8 @@ int run(int show_command)
     try {
         (void)tessel::cmd_line_parser().parse(command_line);
     } catch (const tessel::cmd_line_syntax_error& e) {
-        std::wstring reason;
-        try {
-            reason = tessel::load_string_by_key(tessel::utf8_to_utf16(e.what()));
-        } catch (const tessel::no_string_exception&) {
-            reason = tessel::utf8_to_utf16(e.what());
-        }
+        const std::wstring english = tessel::utf8_to_utf16(e.what());
+        const std::wstring reason = tessel::load_string_by_key_or(english, english);
         show_error(ts_printf::format(tessel::load_string(tessel::string_ids::command_line_error), reason, command_line));
         return exit_code_bad_command_line;
     }

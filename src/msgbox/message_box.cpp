@@ -310,18 +310,14 @@ INT_PTR CALLBACK dialog_procedure(HWND dialog, UINT message, WPARAM wparam, LPAR
             return FALSE;
         }
     } catch (...) {
-        debug_report(L"message box: unexpected failure while handling a message");
+        log_caught_exception(L"message box: unexpected failure while handling a message");
         return FALSE;
     }
 }
 
 std::wstring product_title()
 {
-    try {
-        return std::wstring(load_string(string_id(product_title_key)));
-    } catch (const no_string_exception&) {
-        return std::wstring(product_title_key);
-    }
+    return load_string_or(string_id(product_title_key), product_title_key);
 }
 
 void remember_answer(std::wstring_view name, int answer) noexcept

@@ -459,13 +459,7 @@ void main_dialog::create_tree()
 
     std::vector<lv::column> columns;
     for (const tree_column& c : tree_columns) {
-        std::wstring title;
-        try {
-            title = tessel::load_string_item(tessel::string_ids::main_columns, c.title_item);
-        } catch (const tessel::no_string_exception&) {
-            tessel::debug_report(L"main dialog: a column title is missing");
-        }
-        columns.push_back({std::move(title), c.width});
+        columns.push_back({tessel::load_string_item_or(tessel::string_ids::main_columns, c.title_item, {}), c.width});
     }
     tree_->set_columns(std::move(columns));
 
@@ -477,12 +471,8 @@ void main_dialog::create_tree()
         const auto index = model_->index_of(static_cast<device_rows::row_handle>(node));
         if (!index)
             return {};
-        try {
-            return std::wstring(tessel::load_string(model_->device_at(*index).share ? tessel::string_ids::device_shared
-                                                                                     : tessel::string_ids::device_not_shared));
-        } catch (const tessel::no_string_exception&) {
-            return {};
-        }
+        return tessel::load_string_or(
+            model_->device_at(*index).share ? tessel::string_ids::device_shared : tessel::string_ids::device_not_shared, {});
     };
     // A disconnected device's row is only dimmed: screen readers hear it in words.
     tree_->list().handlers().row_state_text = [this](lv::row_index row) -> std::wstring {
@@ -509,14 +499,7 @@ void main_dialog::prepare_markers()
     auto shared = marker(L"marker.shared");
     auto not_shared = marker(L"marker.not-shared");
     namespace id = tessel::string_ids;
-    const auto text = [](std::uint32_t string_id) {
-        try {
-            return std::wstring(tessel::load_string(string_id));
-        } catch (const tessel::no_string_exception&) {
-            tessel::debug_report(L"main dialog: a text of the device rows is missing");
-            return std::wstring();
-        }
-    };
+    const auto text = [](std::uint32_t string_id) { return tessel::load_string_or(string_id, {}); };
     device_model::texts texts{text(id::device_unknown),
                               reinterpret_cast<std::uintptr_t>(shared.get()),
                               reinterpret_cast<std::uintptr_t>(not_shared.get()),
@@ -677,13 +660,7 @@ void main_dialog::show_context_menu(tv::tree_node* node, POINT screen)
         ::GetWindowRect(tree_->window(), &r);
         screen = {r.left + 16, r.top + 16};
     }
-    const auto text = [](std::uint32_t id) {
-        try {
-            return std::wstring(tessel::load_string(id));
-        } catch (const tessel::no_string_exception&) {
-            return std::wstring();
-        }
-    };
+    const auto text = [](std::uint32_t id) { return tessel::load_string_or(id, {}); };
     tessel::unique_handle_of<HMENU, ::DestroyMenu> menu(::CreatePopupMenu());
     if (!menu)
         return;
