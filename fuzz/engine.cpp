@@ -483,7 +483,7 @@ reader_report run_campaign(const target& t, const campaign_options& options)
     const std::size_t capacity = largest * 4 + 4096;
     test_support::guarded_buffer buffer(capacity);
 
-    for (std::uint64_t i = 0; i < options.inputs; ++i) {
+    for (std::uint64_t i = options.first; i < options.first + options.inputs; ++i) {
         rng random(options.seed * 0x9E3779B97F4A7C15ull + i);
         const bytes& start = seeds[random.below(seeds.size())];
         bytes input = t.mutate ? t.mutate(start, random, seeds) : mutate_bytes(t, start, random, seeds, fields[&start]);

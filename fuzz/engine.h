@@ -82,6 +82,9 @@ struct reader_report {
 
 struct campaign_options {
     std::uint64_t inputs = 10000;
+    // The number of the first input: an input depends only on the seed and its number,
+    // so a long campaign can run as slices, side by side or one after another.
+    std::uint64_t first = 0;
     std::uint64_t seed = 1;
     std::chrono::milliseconds time_budget{100};
     // A single allocation larger than this is a finding.

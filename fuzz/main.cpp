@@ -1,12 +1,14 @@
 // servercfg-fuzz: the fuzz campaign over every reader of the program.
 //
-//   servercfg-fuzz [--reader <name>]... [--inputs <n>] [--seed <n>] [--out <folder>] [--no-page-heap]
+//   servercfg-fuzz [--reader <name>]... [--inputs <n>] [--first <n>] [--seed <n>] [--out <folder>] [--no-page-heap]
 //   servercfg-fuzz --replay <reader> <file>...
 //   servercfg-fuzz --list
 //   servercfg-fuzz [--out <folder>] --page-heap-probe overflow|use-after-free|double-delete
 //
 // A campaign first replays the reader's kept reproducers (fuzz/regressions/<reader>),
 // then runs <n> mutated inputs (default 1000000) and prints one report line per reader.
+// Input number k is the same in every run with the same seed: --first starts a run at
+// input <n>, so that slices of one campaign add up to the whole.
 // Findings are saved in <folder> (default: the current folder). Every block the process
 // allocates comes from the page heap unless --no-page-heap is given. The page heap probe
 // makes the named fault on purpose, as a reader would, to show that it is caught. The
@@ -35,7 +37,7 @@ namespace {
 
 int usage()
 {
-    std::fputs("usage: servercfg-fuzz [--reader <name>]... [--inputs <n>] [--seed <n>] [--out <folder>] [--no-page-heap]\n"
+    std::fputs("usage: servercfg-fuzz [--reader <name>]... [--inputs <n>] [--first <n>] [--seed <n>] [--out <folder>] [--no-page-heap]\n"
                "       servercfg-fuzz --replay <reader> <file>...\n"
                "       servercfg-fuzz --list\n"
                "       servercfg-fuzz [--out <folder>] --page-heap-probe overflow|use-after-free|double-delete\n",
@@ -134,6 +136,8 @@ int wmain(int argc, wchar_t** argv)
             readers.push_back(tessel::utf16_to_utf8(value));
         else if (arg == L"--inputs")
             options.inputs = std::wcstoull(value.c_str(), nullptr, 10);
+        else if (arg == L"--first")
+            options.first = std::wcstoull(value.c_str(), nullptr, 10);
         else if (arg == L"--seed")
             options.seed = std::wcstoull(value.c_str(), nullptr, 10);
         else if (arg == L"--out")

@@ -44,6 +44,9 @@ for dpi in 96 144; do
       [[ -n $(drive rows "$main" 1003 || true) ]] && break
       sleep 0.2
     done
+    # The pointer off the window, so that no tooltip covers a row (a picture of one
+    # window shows another window over it as a black box).
+    xdotool mousemove 0 0
     sleep 2
     shoot "$title" "$prefix-main.png"
 

@@ -309,11 +309,21 @@ void trim_cache(list_state& s)
 
 // An axis-aligned clip popped however its scope ends: a push without its pop outlives the
 // frame (Wine's EndDraw does not even fail) and clips every later one to a stale area.
+// The rectangle is moved by the drawing's translation here and pushed untransformed:
+// Wine scales a clip for the DPI before it applies the transform, so above 96 dpi a
+// translated clip lands off by part of the translation and cuts the top off a row
+// drawn into an update region that starts below the window's top.
 class clip_scope {
 public:
     clip_scope(ID2D1RenderTarget* target, const D2D1_RECT_F& rect) noexcept : target_(target)
     {
-        target_->PushAxisAlignedClip(rect, D2D1_ANTIALIAS_MODE_ALIASED);
+        D2D1_MATRIX_3X2_F transform{};
+        target_->GetTransform(&transform);
+        const float dx = transform._31, dy = transform._32;
+        target_->SetTransform(D2D1::Matrix3x2F::Identity());
+        target_->PushAxisAlignedClip({rect.left + dx, rect.top + dy, rect.right + dx, rect.bottom + dy},
+                                     D2D1_ANTIALIAS_MODE_ALIASED);
+        target_->SetTransform(transform);
     }
     ~clip_scope() { target_->PopAxisAlignedClip(); }
     clip_scope(const clip_scope&) = delete;
@@ -492,8 +502,8 @@ void draw_into(list_state& s, HDC dc, const RECT& update)
     HRESULT drawn = S_OK;
     try {
         // Only the update region is drawn and copied: a one-row scroll costs one row. The
-        // region's top left corner is the surface's; the clip is pushed before the shift,
-        // so that it is not transformed (Wine loses a transformed clip at 144 dpi and more).
+        // region's top left corner is the surface's; the drawing is shifted by the
+        // region's offset, which every clip below takes into account.
         target->SetTransform(D2D1::Matrix3x2F::Identity());
         const clip_scope region(target, {0, 0, float(area_width) / s.sx, float(area_height) / s.sy});
         target->SetTransform(D2D1::Matrix3x2F::Translation(-float(area.left) / s.sx, -float(area.top) / s.sy));

@@ -8,6 +8,7 @@
 #include "ui_main/dialog_layout.h"
 #include "ui_main/server_operation.h"
 
+#include <commctrl.h>
 #include <oleauto.h>
 
 #include <algorithm>
@@ -138,6 +139,7 @@ void settings_dialog::on_init()
         ::SendMessageW(combo, CB_ADDSTRING, 0, reinterpret_cast<LPARAM>(entry.display_name.c_str()));
     selected_language_ = languages.selected;
     ::SendMessageW(combo, CB_SETCURSEL, static_cast<WPARAM>(selected_language_), 0);
+    ::SetWindowSubclass(combo, &settings_dialog::language_list_proc, 0, reinterpret_cast<DWORD_PTR>(this));
 
     create_status_line();
     show_status(tessel::load_string_or(tessel::string_ids::settings_loading, {}));
@@ -212,6 +214,36 @@ void settings_dialog::show_server_settings(const UsbServerSettings& settings)
         ::EnableWindow(::GetDlgItem(window_, id), TRUE);
     show_status({});
     ready_ = true;
+}
+
+LRESULT CALLBACK settings_dialog::language_list_proc(HWND list, UINT message, WPARAM wparam, LPARAM lparam,
+                                                    UINT_PTR id, DWORD_PTR self) noexcept
+{
+    const auto* dialog = reinterpret_cast<const settings_dialog*>(self);
+    const auto another_language = [&] {
+        const auto item = static_cast<int>(::SendMessageW(list, CB_GETCURSEL, 0, 0));
+        return item >= 0 && item != dialog->selected_language_ && !::SendMessageW(list, CB_GETDROPPEDSTATE, 0, 0);
+    };
+    switch (message) {
+    case WM_GETDLGCODE:
+        // Enter on another language is ours; on the current one it stays the dialog's OK.
+        if (const auto* msg = reinterpret_cast<const MSG*>(lparam);
+            msg && msg->message == WM_KEYDOWN && msg->wParam == VK_RETURN && another_language())
+            return ::DefSubclassProc(list, message, wparam, lparam) | DLGC_WANTMESSAGE;
+        break;
+    case WM_KEYDOWN:
+        if (wparam == VK_RETURN && another_language()) {
+            ::PostMessageW(::GetParent(list), wm_language_chosen, 0, 0);
+            return 0;
+        }
+        break;
+    case WM_NCDESTROY:
+        ::RemoveWindowSubclass(list, &settings_dialog::language_list_proc, id);
+        break;
+    default:
+        break;
+    }
+    return ::DefSubclassProc(list, message, wparam, lparam);
 }
 
 bool settings_dialog::on_language_chosen()

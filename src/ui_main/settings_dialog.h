@@ -83,6 +83,10 @@ private:
     void show_status(const std::wstring& text);
     // Asks the language question when another language is selected; true when it did.
     bool on_language_chosen();
+    // The language list's Enter: the dialog manager sends no IDOK while OK is disabled
+    // (the server's values have not arrived), yet the language is the program's own.
+    static LRESULT CALLBACK language_list_proc(HWND list, UINT message, WPARAM wparam, LPARAM lparam,
+                                               UINT_PTR id, DWORD_PTR self) noexcept;
     void on_ok();
     static fibra::fire_and_forget fetch(settings_dialog* self, tessel::com_ptr<IUsbServer> server,
                                         std::shared_ptr<fibra::details::cancellation_source_body> alive);
