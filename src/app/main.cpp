@@ -11,9 +11,11 @@
 #include "base/com_ptr.h"
 #include "base/coroutine.h"
 #include "base/failure.h"
+#include "base/gdiplus_startup.h"
 #include "base/module_path.h"
 #include "base/process_hardening.h"
 #include "base/registered_messages.h"
+#include "base/scope_exit.h"
 #include "base/service_registry.h"
 #include "base/utf.h"
 #include "controls/factories.h"
@@ -27,7 +29,6 @@
 
 #include <windows.h>
 #include <commctrl.h>
-#include <gdiplus.h>
 
 #include <exception>
 #include <string>
@@ -56,16 +57,19 @@ void report_failed_work(std::exception_ptr error) noexcept
         } catch (const fibra::details::operation_cancelled&) {
             return;
         } catch (const fibra::details::hresult_error& e) {
+            tessel::log_caught_exception(L"background work failed");
             reason = ts_printf::format(tessel::load_string(tessel::string_ids::error_with_code), error_text(e.code()),
                                        static_cast<std::uint32_t>(e.code()));
         } catch (const std::exception& e) {
+            tessel::log_caught_exception(L"background work failed");
             reason = tessel::utf8_to_utf16(e.what());
         } catch (...) {
+            tessel::log_caught_exception(L"background work failed");
             reason = error_text(E_UNEXPECTED);
         }
         show_error(ts_printf::format(tessel::load_string(tessel::string_ids::error_unexpected), reason));
     } catch (...) {
-        tessel::debug_report(L"a failure of background work could not be shown");
+        tessel::log_caught_exception(L"a failure of background work could not be shown");
     }
 }
 
@@ -108,7 +112,7 @@ update_hooks update_hooks_of(main_dialog& dialog)
         check.owner = owner;
         check.mode = mode;
         check.promotion_changed = [&dialog] { dialog.show_promotion(); };
-        (void)tessel::web::start_update_check(std::move(check));
+        (void)tessel::web::start_update_check(std::move(check));  // false: one is running already
     };
     return {
         .check_for_updates = [start](HWND owner) { start(owner, tessel::web::update_check_mode::on_demand); },
@@ -164,15 +168,8 @@ int run(int show_command)
     // apartment.
     tessel::service_registry services;
     tessel::service_registry::install(&services);
-    const HRESULT com = ::CoInitialize(nullptr);
-    struct com_scope {
-        bool active;
-        ~com_scope()
-        {
-            if (active)
-                ::CoUninitialize();
-        }
-    } com_guard{SUCCEEDED(com)};
+    // A failure here shows as the server's COM class that cannot be created, next.
+    const tessel::unique_couninitialize com = tessel::co_initialize();
 
     // 4, 5. The server's API object.
     tessel::com_ptr<IUsbServer> server;
@@ -188,12 +185,8 @@ int run(int show_command)
     try {
         (void)tessel::cmd_line_parser().parse(command_line);
     } catch (const tessel::cmd_line_syntax_error& e) {
-        std::wstring reason;
-        try {
-            reason = tessel::load_string_by_key(tessel::utf8_to_utf16(e.what()));
-        } catch (const tessel::no_string_exception&) {
-            reason = tessel::utf8_to_utf16(e.what());
-        }
+        const std::wstring english = tessel::utf8_to_utf16(e.what());
+        const std::wstring reason = tessel::load_string_by_key_or(english, english);
         show_error(ts_printf::format(tessel::load_string(tessel::string_ids::command_line_error), reason, command_line));
         return exit_code_bad_command_line;
     }
@@ -206,10 +199,7 @@ int run(int show_command)
 
     // 8. Text and bitmap machinery of the controls, and the main window's object.
     (void)tessel::d2d::dwrite_factory();
-    Gdiplus::GdiplusStartupInput gdiplus_input;
-    ULONG_PTR gdiplus_token = 0;
-    if (Gdiplus::GdiplusStartup(&gdiplus_token, &gdiplus_input, nullptr) != Gdiplus::Ok)
-        gdiplus_token = 0;
+    tessel::unique_gdiplus gdiplus = tessel::gdiplus_startup();
 
     int exit_code = 0;
     {
@@ -227,7 +217,7 @@ int run(int show_command)
         try {
             save_app_settings();
         } catch (...) {
-            tessel::debug_report(L"the settings could not be saved at exit");
+            tessel::log_caught_exception(L"the settings could not be saved at exit");
         }
 
         // 11. A confirmed language change restarts the program with the same arguments.
@@ -235,12 +225,11 @@ int run(int show_command)
             try {
                 start_new_copy(tessel::module_path(), command_line);
             } catch (...) {
-                tessel::debug_report(L"the program's own path is unknown: no restart");
+                tessel::log_caught_exception(L"the program's own path is unknown: no restart");
             }
         }
     }  // 12. The window's object goes first, then GDI+, the server and COM.
-    if (gdiplus_token)
-        Gdiplus::GdiplusShutdown(gdiplus_token);
+    gdiplus.reset();
     server.reset();
     services.clear();  // COM objects go before COM does
     return exit_code;
@@ -255,6 +244,6 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, PWSTR, int show_command)
         return servercfg::run(show_command);
     } catch (...) {
         // Anything that escapes start-up is a broken invariant of the program itself.
-        tessel::fail_fast_hr(tessel::hresult_from_caught_exception(), L"start-up failed");
+        tessel::fail_fast_caught_exception(L"start-up failed");
     }
 }

@@ -29,6 +29,7 @@ void apply_title_bar_theme(HWND window) noexcept
     try {
         const auto& theme = tessel::windows::new_controls::default_theme_settings();
         const BOOL dark = theme.dark_mode_allowed(window) && theme.apps_use_dark_theme();
+        // Older systems refuse the attribute: the title bar keeps the system's look.
         (void)set_attribute(window, use_dark_mode, &dark, sizeof dark);
     } catch (...) {
         // The title bar keeps the system's look.

@@ -4,7 +4,6 @@
 #include "base/registered_messages.h"
 
 #include <atomic>
-#include <cstdio>
 
 namespace tessel::windows::impl {
 
@@ -43,17 +42,8 @@ void report_to_debugger(std::exception_ptr error) noexcept
         std::rethrow_exception(error);
     } catch (const details::operation_cancelled&) {
         // The window went away; ending its work is what cancellation is for.
-    } catch (const details::hresult_error& e) {
-        wchar_t text[96];
-        std::swprintf(text, std::size(text), L"coroutine ended by an error: 0x%08lX",
-                      static_cast<unsigned long>(e.code()));
-        tessel::debug_report(text);
-    } catch (const std::exception& e) {
-        wchar_t text[300];
-        std::swprintf(text, std::size(text), L"coroutine ended by an exception: %.256hs", e.what());
-        tessel::debug_report(text);
     } catch (...) {
-        tessel::debug_report(L"coroutine ended by an unknown exception");
+        tessel::log_caught_exception(L"coroutine ended by an exception");
     }
 }
 

@@ -2,13 +2,14 @@
 
 #include "base/unique_handle.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cwchar>
 #include <new>
 
 namespace fibra::details {
 
-hresult_error::hresult_error(HRESULT code) noexcept : code_(code)
+hresult_error::hresult_error(HRESULT code, std::source_location where) noexcept : code_(code), where_(where)
 {
     std::snprintf(what_, sizeof what_, "HRESULT 0x%08lX", static_cast<unsigned long>(code));
 }
@@ -28,23 +29,62 @@ const char* file_name_of(const char* path) noexcept
     return name;
 }
 
-[[noreturn]] void fail_fast_impl(HRESULT code, bool has_code, std::wstring_view message,
-                                 const std::source_location& where) noexcept
-{
-    // No allocation: the heap may be what is broken.
+// "[prefix]<message>[: detail] [file(line)][ (0x80070005)]" into a buffer of our own: no
+// allocation, since the heap may be what is broken.
+struct report_line {
     wchar_t text[1024];
-    int length = std::swprintf(text, std::size(text), L"FAIL FAST: %.*ls [%hs(%u)]",
-                               static_cast<int>(message.size()), message.data(),
-                               file_name_of(where.file_name()), static_cast<unsigned>(where.line()));
-    if (length < 0)
-        length = 0;
-    if (has_code && static_cast<size_t>(length) < std::size(text))
-        std::swprintf(text + length, std::size(text) - length, L" (0x%08lX)", static_cast<unsigned long>(code));
-    debug_report(text);
+
+    report_line(const char* prefix, std::wstring_view message, const char* detail, const std::source_location& where,
+                HRESULT code, bool has_code) noexcept
+    {
+        int length = std::swprintf(text, std::size(text), L"%hs%.*ls%hs%.300hs [%hs(%u)]", prefix,
+                                   static_cast<int>(std::min<size_t>(message.size(), 800)), message.data(),
+                                   detail ? ": " : "", detail ? detail : "",
+                                   file_name_of(where.file_name()), static_cast<unsigned>(where.line()));
+        if (length < 0) {
+            // Truncated: what fitted is still worth reporting.
+            text[std::size(text) - 1] = L'\0';
+            length = static_cast<int>(std::wcslen(text));
+        }
+        if (has_code && static_cast<size_t>(length) < std::size(text))
+            std::swprintf(text + length, std::size(text) - length, L" (0x%08lX)", static_cast<unsigned long>(code));
+    }
+};
+
+[[noreturn]] void end_process_now() noexcept
+{
     // Ends the process at once, bypassing exception handlers and exit-time destructors.
     ::RaiseFailFastException(nullptr, nullptr, 0);
     ::TerminateProcess(::GetCurrentProcess(), 0xC0000602u /* STATUS_FAIL_FAST_EXCEPTION */);
     __builtin_unreachable();
+}
+
+[[noreturn]] void fail_fast_impl(HRESULT code, bool has_code, std::wstring_view message,
+                                 const std::source_location& where) noexcept
+{
+    debug_report(report_line("FAIL FAST: ", message, nullptr, where, code, has_code).text);
+    end_process_now();
+}
+
+// The exception being handled: its code, the place that threw it when it is one of ours
+// (else the place that caught it) and, for other exceptions, their text.
+struct caught_failure {
+    HRESULT code;
+    std::source_location where;
+    const char* detail;
+};
+
+caught_failure inspect_caught_exception(const std::source_location& catch_place) noexcept
+{
+    try {
+        throw;
+    } catch (const fibra::details::hresult_error& e) {
+        return {e.code(), e.where(), nullptr};
+    } catch (const std::exception& e) {
+        return {hresult_from_caught_exception(), catch_place, e.what()};
+    } catch (...) {
+        return {E_FAIL, catch_place, "an exception of an unknown type"};
+    }
 }
 
 }  // namespace
@@ -85,19 +125,39 @@ void fail_fast_last_error(std::wstring_view message, std::source_location where)
     fail_fast_impl(hresult_from_win32(::GetLastError()), true, message, where);
 }
 
-void throw_hresult(HRESULT code)
+HRESULT log_if_failed(HRESULT code, std::source_location where) noexcept
 {
-    throw fibra::details::hresult_error(code);
+    if (FAILED(code)) [[unlikely]]
+        debug_report(report_line("", L"failure ignored", nullptr, where, code, true).text);
+    return code;
 }
 
-void throw_win32(DWORD error)
+void log_caught_exception(std::wstring_view message, std::source_location where) noexcept
 {
-    throw_hresult(error == ERROR_SUCCESS ? E_FAIL : hresult_from_win32(error));
+    const caught_failure caught = inspect_caught_exception(where);
+    debug_report(report_line("", message, caught.detail, caught.where, caught.code, true).text);
 }
 
-void throw_last_error()
+void fail_fast_caught_exception(std::wstring_view message, std::source_location where) noexcept
 {
-    throw_win32(::GetLastError());
+    const caught_failure caught = inspect_caught_exception(where);
+    debug_report(report_line("FAIL FAST: ", message, caught.detail, caught.where, caught.code, true).text);
+    end_process_now();
+}
+
+void throw_hresult(HRESULT code, std::source_location where)
+{
+    throw fibra::details::hresult_error(code, where);
+}
+
+void throw_win32(DWORD error, std::source_location where)
+{
+    throw_hresult(error == ERROR_SUCCESS ? E_FAIL : hresult_from_win32(error), where);
+}
+
+void throw_last_error(std::source_location where)
+{
+    throw_win32(::GetLastError(), where);
 }
 
 std::wstring system_message(HRESULT code)

@@ -12,16 +12,20 @@
 
 namespace fibra::details {
 
-// A failed HRESULT, thrown by the throw helpers below and by coroutines.
+// A failed HRESULT, thrown by the throw helpers below and by coroutines. It remembers
+// where it was thrown, for the debugger output only: users see the system's text and
+// the code, never our file names.
 class hresult_error : public std::exception {
 public:
-    explicit hresult_error(HRESULT code) noexcept;
+    explicit hresult_error(HRESULT code, std::source_location where = std::source_location::current()) noexcept;
     [[nodiscard]] HRESULT code() const noexcept { return code_; }
+    [[nodiscard]] const std::source_location& where() const noexcept { return where_; }
     // "HRESULT 0x80070005"; the user-facing text comes from system_message().
     [[nodiscard]] const char* what() const noexcept override { return what_; }
 
 private:
     HRESULT code_;
+    std::source_location where_;
     char what_[24];
 };
 
@@ -56,36 +60,48 @@ inline void fail_fast_if(bool condition, std::wstring_view message,
 // Writes one line to the debugger output (and standard error when there is one).
 void debug_report(std::wstring_view message) noexcept;
 
-[[noreturn]] void throw_hresult(HRESULT code);
-// ERROR_SUCCESS becomes E_FAIL: a failure was reported, so something must be thrown.
-[[noreturn]] void throw_win32(DWORD error);
-[[noreturn]] void throw_last_error();
+// Failures ignored on purpose, still visible: "<message> [file(line)] (0x80070005)" in
+// the debugger output. log_if_failed answers the code it was given.
+HRESULT log_if_failed(HRESULT code, std::source_location where = std::source_location::current()) noexcept;
+// Inside a catch block: the exception being handled, with the place that threw it when it
+// is one of ours (else the place of the catch) and its code or text.
+void log_caught_exception(std::wstring_view message,
+                          std::source_location where = std::source_location::current()) noexcept;
+// The same, then fail_fast: for the outermost boundary, where anything caught is a broken
+// invariant of the program.
+[[noreturn]] void fail_fast_caught_exception(std::wstring_view message,
+                                             std::source_location where = std::source_location::current()) noexcept;
 
-inline HRESULT throw_if_failed(HRESULT code)
+[[noreturn]] void throw_hresult(HRESULT code, std::source_location where = std::source_location::current());
+// ERROR_SUCCESS becomes E_FAIL: a failure was reported, so something must be thrown.
+[[noreturn]] void throw_win32(DWORD error, std::source_location where = std::source_location::current());
+[[noreturn]] void throw_last_error(std::source_location where = std::source_location::current());
+
+inline HRESULT throw_if_failed(HRESULT code, std::source_location where = std::source_location::current())
 {
     if (FAILED(code)) [[unlikely]]
-        throw_hresult(code);
+        throw_hresult(code, where);
     return code;
 }
 
 // For the registry family, which returns a Win32 error code instead of setting the last error.
-inline void throw_if_win32_error(LSTATUS status)
+inline void throw_if_win32_error(LSTATUS status, std::source_location where = std::source_location::current())
 {
     if (status != ERROR_SUCCESS) [[unlikely]]
-        throw_win32(static_cast<DWORD>(status));
+        throw_win32(static_cast<DWORD>(status), where);
 }
 
-inline void throw_last_error_if(bool condition)
+inline void throw_last_error_if(bool condition, std::source_location where = std::source_location::current())
 {
     if (condition) [[unlikely]]
-        throw_last_error();
+        throw_last_error(where);
 }
 
 template <class T>
-T throw_last_error_if_null(T value)
+T throw_last_error_if_null(T value, std::source_location where = std::source_location::current())
 {
     if (!value) [[unlikely]]
-        throw_last_error();
+        throw_last_error(where);
     return value;
 }
 

@@ -36,6 +36,7 @@ HMODULE load_system_library(const wchar_t* name) noexcept
             return nullptr;
         return ::LoadLibraryW((std::wstring(folder, length) + L"\\" + name).c_str());
     } catch (...) {
+        // No memory for the path: the library counts as missing, which every caller handles.
         return nullptr;
     }
 }

@@ -11,6 +11,7 @@
 #include "base/failure.h"
 #include "base/module_path.h"
 #include "base/process_hardening.h"
+#include "base/scope_exit.h"
 #include "localization/localization.h"
 #include "nsm/app_settings.h"
 
@@ -33,15 +34,8 @@ int run()
     }
     tessel::initialize_localization(tessel::module_folder(), settings.language);
 
-    const HRESULT com = ::CoInitialize(nullptr);
-    struct com_scope {
-        bool active;
-        ~com_scope()
-        {
-            if (active)
-                ::CoUninitialize();
-        }
-    } com_guard{SUCCEEDED(com)};
+    // A failure here shows as the server's COM class that cannot be created.
+    const tessel::unique_couninitialize com = tessel::co_initialize();
 
     servercfg::console::stream_sink out(STD_OUTPUT_HANDLE);
     servercfg::console::stream_sink err(STD_ERROR_HANDLE);
@@ -63,6 +57,6 @@ int wmain()
         return run();
     } catch (...) {
         // Anything else that escapes is a broken invariant of the program itself.
-        tessel::fail_fast_hr(tessel::hresult_from_caught_exception(), L"ulmora-cfg failed");
+        tessel::fail_fast_caught_exception(L"ulmora-cfg failed");
     }
 }

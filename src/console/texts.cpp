@@ -15,11 +15,7 @@ std::wstring error_text(HRESULT code)
 
 std::wstring translated(std::wstring_view english)
 {
-    try {
-        return tessel::load_string_by_key(english);
-    } catch (const tessel::no_string_exception&) {
-        return std::wstring(english);
-    }
+    return tessel::load_string_by_key_or(english, english);
 }
 
 }  // namespace servercfg::console

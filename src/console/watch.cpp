@@ -154,7 +154,7 @@ public:
             try {
                 out_.line(say(text_id::watch_ended));
             } catch (...) {
-                tessel::debug_report(L"ulmora-cfg: the last line of the watch could not be written");
+                tessel::log_caught_exception(L"ulmora-cfg: the last line of the watch could not be written");
             }
         }
         return failed_ ? exit_rules_failed : exit_done;

@@ -71,7 +71,7 @@ LRESULT CALLBACK window_procedure::proc(HWND window, UINT message, WPARAM wparam
     try {
         return handle(*s, message, wparam, lparam);
     } catch (...) {
-        debug_report(L"list view: a message failed: " + system_message(hresult_from_caught_exception()));
+        log_caught_exception(L"list view: a message failed");
         return ::DefWindowProcW(window, message, wparam, lparam);
     }
 }
@@ -81,6 +81,7 @@ bool list_state::row_selected(row_index row) const noexcept
     try {
         return selection->is_selected(row);
     } catch (...) {
+        log_caught_exception(L"list view: a row's selection is unknown");
         return false;
     }
 }
@@ -133,8 +134,7 @@ void list_state::fill_cells(row_index row, std::size_t first_column, std::size_t
             filled = provider(row, first_column, std::span<cell>(scratch.data(), count), row_colour);
     } catch (...) {
         // One row that cannot say what it shows must not stop the others from showing.
-        debug_report(L"list view: the cells of row " + std::to_wstring(row) + L" failed: " +
-                     system_message(hresult_from_caught_exception()));
+        log_caught_exception(L"list view: the cells of row " + std::to_wstring(row) + L" failed");
         filled = false;
     }
     if (!filled) {

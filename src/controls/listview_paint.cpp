@@ -5,6 +5,7 @@
 // than the rows the update region touches.
 
 #include "base/failure.h"
+#include "base/scope_exit.h"
 #include "controls/dark_theme.h"
 #include "controls/factories.h"
 #include "controls/listview_state.h"
@@ -54,6 +55,7 @@ void window_dpi(HWND window, float& x, float& y) noexcept
         d2d_factory()->GetDesktopDpi(&x, &y);
 #pragma GCC diagnostic pop
     } catch (...) {
+        log_caught_exception(L"list view: no Direct2D factory to ask for the DPI");
     }
     if (x <= 0 || y <= 0)
         x = y = 96.f;
@@ -546,14 +548,8 @@ void draw_into(list_state& s, HDC dc, const RECT& update)
 
 void paint(list_state& s)
 {
-    PAINTSTRUCT ps;
-    ::BeginPaint(s.window, &ps);
-    struct end_paint {
-        HWND window;
-        PAINTSTRUCT* ps;
-        ~end_paint() { ::EndPaint(window, ps); }
-    } ender{s.window, &ps};
-    draw_into(s, ps.hdc, ps.rcPaint);
+    const unique_paint ps = begin_paint(s.window);
+    draw_into(s, ps->hdc, ps->rcPaint);
 }
 
 }  // namespace tessel::windows::new_controls::listview::impl

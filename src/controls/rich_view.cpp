@@ -2,6 +2,7 @@
 
 #include "base/dpi.h"
 #include "base/failure.h"
+#include "base/scope_exit.h"
 #include "controls/dark_theme.h"
 #include "controls/factories.h"
 
@@ -388,13 +389,7 @@ void rich_view::notify(std::size_t link, bool by_keyboard)
 
 void rich_view::paint()
 {
-    PAINTSTRUCT ps;
-    ::BeginPaint(window_, &ps);
-    struct end_paint {
-        HWND window;
-        PAINTSTRUCT* ps;
-        ~end_paint() { ::EndPaint(window, ps); }
-    } ender{window_, &ps};
+    const unique_paint ps = begin_paint(window_);
 
     RECT client{};
     ::GetClientRect(window_, &client);
@@ -412,7 +407,7 @@ void rich_view::paint()
         throw_if_failed(d2d_factory()->CreateDCRenderTarget(&properties, target_.put()));
         icon_bitmaps_ = std::make_unique<d2d::icon_bitmap_cache>(target_.get());
     }
-    throw_if_failed(target_->BindDC(ps.hdc, &client));
+    throw_if_failed(target_->BindDC(ps->hdc, &client));
     const rich_layout& text = layout();
     com_ptr<ID2D1SolidColorBrush> text_brush;
     com_ptr<ID2D1SolidColorBrush> accent;
@@ -472,7 +467,7 @@ LRESULT CALLBACK rich_view::window_proc(HWND window, UINT message, WPARAM wparam
     try {
         return view->handle(message, wparam, lparam);
     } catch (...) {
-        debug_report(L"rich view: a message failed: " + system_message(hresult_from_caught_exception()));
+        log_caught_exception(L"rich view: a message failed");
         return ::DefWindowProcW(window, message, wparam, lparam);
     }
 }
@@ -509,7 +504,7 @@ LRESULT CALLBACK rich_view::placeholder_proc(HWND window, UINT message, WPARAM w
         default: break;
         }
     } catch (...) {
-        debug_report(L"rich view: following the placeholder failed");
+        log_caught_exception(L"rich view: following the placeholder failed");
     }
     return ::DefSubclassProc(window, message, wparam, lparam);
 }

@@ -53,7 +53,7 @@ IDWriteFontCollection* icon_font() noexcept
             static const com_ptr<IDWriteFontCollection> font = loaders.program_font();
             return font.get();
         } catch (...) {
-            debug_report(L"tree view: the icon font is missing; expanders are drawn plainly");
+            log_caught_exception(L"tree view: the icon font is missing; expanders are drawn plainly");
             return nullptr;
         }
     }();

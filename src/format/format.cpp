@@ -42,6 +42,7 @@ const std::locale& user_locale() noexcept
         try {
             return std::locale("");
         } catch (...) {
+            // Expected here, as said above: not worth a report.
             return std::locale::classic();
         }
     }();
@@ -61,6 +62,7 @@ wchar_t thousands_separator() noexcept
             if (name != "C" && name != "POSIX")
                 return std::use_facet<std::numpunct<wchar_t>>(locale).thousands_sep();
         } catch (...) {
+            // A named locale without the wide facet: Windows answers instead, below.
         }
         wchar_t text[8] = {};
         if (::GetLocaleInfoEx(LOCALE_NAME_USER_DEFAULT, LOCALE_STHOUSAND, text, static_cast<int>(std::size(text))) > 0)

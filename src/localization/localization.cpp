@@ -141,6 +141,44 @@ std::wstring load_string_by_key(std::wstring_view key)
     return program_strings().text_by_key(key);
 }
 
+namespace {
+
+std::wstring missing_string(std::uint32_t id, std::wstring_view fallback, const std::source_location& where)
+{
+    log_caught_exception(L"no string for id " + std::to_wstring(id), where);
+    return std::wstring(fallback);
+}
+
+}  // namespace
+
+std::wstring load_string_or(std::uint32_t id, std::wstring_view fallback, std::source_location where)
+{
+    try {
+        return std::wstring(load_string(id));
+    } catch (const no_string_exception&) {
+        return missing_string(id, fallback, where);
+    }
+}
+
+std::wstring load_string_item_or(std::uint32_t id, std::size_t index, std::wstring_view fallback,
+                                 std::source_location where)
+{
+    try {
+        return std::wstring(load_string_item(id, index));
+    } catch (const no_string_exception&) {
+        return missing_string(id, fallback, where);
+    }
+}
+
+std::wstring load_string_by_key_or(std::wstring_view key, std::wstring_view fallback)
+{
+    try {
+        return load_string_by_key(key);
+    } catch (const no_string_exception&) {
+        return std::wstring(fallback);
+    }
+}
+
 language_list make_language_list(const std::vector<pack_record>& packs, std::wstring_view setting)
 {
     language_list list;
@@ -167,7 +205,7 @@ void translate_dialog(HWND dialog) noexcept
     try {
         translate_dialog(dialog, program_strings());
     } catch (...) {
-        debug_report(L"translate_dialog: the language packs are not available");
+        log_caught_exception(L"translate_dialog: the language packs are not available");
     }
 }
 
@@ -213,7 +251,7 @@ void translate_dialog(HWND dialog, const LanguagePack& pack) noexcept
             if (!holds_user_text(child))
                 translate_window(child, pack);
     } catch (...) {
-        debug_report(L"translate_dialog failed");
+        log_caught_exception(L"translate_dialog failed");
     }
 }
 

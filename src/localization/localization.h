@@ -16,6 +16,7 @@
 
 #include <functional>
 #include <memory>
+#include <source_location>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -89,6 +90,14 @@ void initialize_localization(const localization_options& options, std::wstring_v
 [[nodiscard]] std::wstring_view load_string(std::uint32_t id);
 [[nodiscard]] std::wstring_view load_string_item(std::uint32_t id, std::size_t index);
 [[nodiscard]] std::wstring load_string_by_key(std::wstring_view key);
+// The same, with `fallback` when no table holds the text. A missing id is a fault of the
+// tables and goes to the debugger output with the caller's place; a key may have no
+// translation by design (texts whose English wording is the key) and goes unreported.
+[[nodiscard]] std::wstring load_string_or(std::uint32_t id, std::wstring_view fallback,
+                                          std::source_location where = std::source_location::current());
+[[nodiscard]] std::wstring load_string_item_or(std::uint32_t id, std::size_t index, std::wstring_view fallback,
+                                               std::source_location where = std::source_location::current());
+[[nodiscard]] std::wstring load_string_by_key_or(std::wstring_view key, std::wstring_view fallback);
 
 // The UI language list: "English" (code "en") first, then every pack in list order.
 // selected is the index of the entry the setting names, or -1. ui_language_list selects,

@@ -2,6 +2,7 @@
 
 #include "base/com_ptr.h"
 #include "base/failure.h"
+#include "base/scope_exit.h"
 #include "base/unique_handle.h"
 #include "format/ts_printf.h"
 #include "localization/localization.h"
@@ -92,19 +93,17 @@ public:
     {
         if (!process_is_elevated())
             return start_from_here(file, parameters);
-        // The calling thread may not have COM yet (a message box on a worker thread).
-        const HRESULT com = ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-        const auto uninitialize = [com] {
-            if (SUCCEEDED(com))
-                ::CoUninitialize();
-        };
         HRESULT result;
-        try {
-            result = desktop_shell_execute(file, parameters);
-        } catch (...) {
-            result = hresult_from_caught_exception();
+        {
+            // The calling thread may not have COM yet (a message box on a worker thread);
+            // one that already has another apartment model works as it is.
+            const unique_couninitialize com = co_initialize();
+            try {
+                result = desktop_shell_execute(file, parameters);
+            } catch (...) {
+                result = hresult_from_caught_exception();
+            }
         }
-        uninitialize();
         if (result != S_OK)
             debug_report(ts_printf::format(L"no desktop shell to start a link as the signed-in user ({b016X})",
                                            static_cast<std::uint32_t>(result)));
@@ -220,7 +219,7 @@ try {
     }
     return start(owner, text, {}, text, launcher);
 } catch (...) {
-    debug_report(L"a link could not be opened: " + system_message(hresult_from_caught_exception()));
+    log_caught_exception(L"a link could not be opened");
     return false;
 }
 
@@ -230,7 +229,7 @@ try {
         owner = ::GetActiveWindow();
     return start(owner, L"hh.exe", help_address, help_address, launcher);
 } catch (...) {
-    debug_report(L"the help file could not be opened: " + system_message(hresult_from_caught_exception()));
+    log_caught_exception(L"the help file could not be opened");
     return false;
 }
 
@@ -257,7 +256,7 @@ try {
     launcher.tell(owner, ts_printf::format(load_string(string_ids::error_text_file_unopened), path));
     return false;
 } catch (...) {
-    debug_report(L"a text file could not be opened: " + system_message(hresult_from_caught_exception()));
+    log_caught_exception(L"a text file could not be opened");
     return false;
 }
 

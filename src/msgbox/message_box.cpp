@@ -2,6 +2,7 @@
 
 #include "base/dpi.h"
 #include "base/failure.h"
+#include "base/gdiplus_startup.h"
 #include "base/unique_handle.h"
 #include "base/window_text.h"
 #include "controls/rich_view.h"
@@ -71,26 +72,6 @@ std::optional<message_icon> icon_of(UINT style) noexcept
 // GDI+ for as long as an icon is being made. The program starts GDI+ only after it has
 // reached its server, but the boxes that say why it could not come before that; a
 // nested start-up is allowed and cheap, and the HICON outlives the session.
-class gdiplus_session {
-public:
-    gdiplus_session() noexcept
-    {
-        const Gdiplus::GdiplusStartupInput input;
-        started_ = Gdiplus::GdiplusStartup(&token_, &input, nullptr) == Gdiplus::Ok;
-    }
-    ~gdiplus_session()
-    {
-        if (started_)
-            Gdiplus::GdiplusShutdown(token_);
-    }
-    gdiplus_session(const gdiplus_session&) = delete;
-    gdiplus_session& operator=(const gdiplus_session&) = delete;
-
-private:
-    ULONG_PTR token_ = 0;
-    bool started_ = false;
-};
-
 // The message icon drawn from the program's vector icons at `size` pixels; empty when
 // the collection lacks it (or cannot be drawn), and the caller shows the system's icon.
 unique_hicon vector_message_icon(const wchar_t* name, int size) noexcept
@@ -102,11 +83,10 @@ unique_hicon vector_message_icon(const wchar_t* name, int size) noexcept
         const svg::icon_view icon = icons->find(std::wstring_view(name));
         if (icon.empty())
             return {};
-        const gdiplus_session gdiplus;
+        const unique_gdiplus gdiplus = gdiplus_startup();
         return svg::create_hicon(svg::render_icon(icon, size));
     } catch (...) {
-        debug_report(L"message box: the message icon could not be drawn: " +
-                     system_message(hresult_from_caught_exception()));
+        log_caught_exception(L"message box: the message icon could not be drawn");
         return {};
     }
 }
@@ -258,7 +238,7 @@ void initialize(HWND dialog, dialog_state& state)
     try {
         new_controls::rich_view::attach(::GetDlgItem(dialog, message_box_text_id));
     } catch (...) {
-        debug_report(L"message box: no rich view for the text: " + system_message(hresult_from_caught_exception()));
+        log_caught_exception(L"message box: no rich view for the text");
     }
     std::wstring text(state.request.text);
     if (!new_controls::rich_view::from_placeholder(::GetDlgItem(dialog, message_box_text_id))) {
@@ -330,18 +310,14 @@ INT_PTR CALLBACK dialog_procedure(HWND dialog, UINT message, WPARAM wparam, LPAR
             return FALSE;
         }
     } catch (...) {
-        debug_report(L"message box: unexpected failure while handling a message");
+        log_caught_exception(L"message box: unexpected failure while handling a message");
         return FALSE;
     }
 }
 
 std::wstring product_title()
 {
-    try {
-        return std::wstring(load_string(string_id(product_title_key)));
-    } catch (const no_string_exception&) {
-        return std::wstring(product_title_key);
-    }
+    return load_string_or(string_id(product_title_key), product_title_key);
 }
 
 void remember_answer(std::wstring_view name, int answer) noexcept

@@ -45,7 +45,7 @@ bool load_app_settings() noexcept
     } catch (const tessel::nsm::load_exception& failure) {
         tessel::debug_report(L"settings not fully loaded: " + failure.message() + L" at " + failure.location());
     } catch (...) {
-        tessel::debug_report(L"settings not loaded");
+        tessel::log_caught_exception(L"settings not loaded");
     }
     return false;
 }

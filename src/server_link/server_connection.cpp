@@ -18,7 +18,7 @@ bool server_is_running(IUsbServer& server) noexcept
     // A server that fails to initialise says so through IsRunning below; its own code
     // would tell the user nothing more than "not running" does.
     if (auto init = held.try_query<IUsbServerInit>())
-        (void)init->Initialize();
+        tessel::log_if_failed(init->Initialize());
     VARIANT_BOOL running = VARIANT_FALSE;
     return SUCCEEDED(server.IsRunning(&running)) && running != VARIANT_FALSE;
 }

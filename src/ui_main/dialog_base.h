@@ -49,7 +49,7 @@ private:
         try {
             result = self->handle(message, wparam, lparam);
         } catch (...) {
-            tessel::debug_report(L"a dialog's message handler failed");
+            tessel::log_caught_exception(L"a dialog's message handler failed");
         }
         if (message == WM_NCDESTROY) {
             // A late coroutine must not reach a dead window through the object.

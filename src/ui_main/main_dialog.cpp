@@ -5,6 +5,7 @@
 #include "base/failure.h"
 #include "base/module_path.h"
 #include "base/registered_messages.h"
+#include "base/scope_exit.h"
 #include "base/window_text.h"
 #include "controls/rich_view.h"
 #include "controls/treeview.h"
@@ -135,10 +136,9 @@ void save_settings_reporting_failure() noexcept
 {
     try {
         save_app_settings();
-    } catch (const std::exception& e) {
+    } catch (...) {
         // Nothing is lost for this session; the next successful save writes everything.
-        tessel::debug_report(L"the settings could not be saved");
-        (void)e;
+        tessel::log_caught_exception(L"the settings could not be saved");
     }
 }
 
@@ -367,7 +367,7 @@ void main_dialog::on_init_dialog()
 {
     (void)tessel::windows::wm_ole_call();
     ole_thread_ = std::make_unique<tessel::windows::ole_thread>();
-    (void)LoadIconCollection(tessel::svg::icon_collection_resource_id);
+    tessel::log_if_failed(LoadIconCollection(tessel::svg::icon_collection_resource_id));
     tessel::translate_dialog(window_);
     icons_.apply(window_);
 
@@ -423,7 +423,7 @@ void main_dialog::create_promotion_line()
         promotion_ = tessel::windows::new_controls::rich_view::attach(placeholder);
         ::ShowWindow(promotion_->window(), SW_HIDE);
     } catch (...) {
-        tessel::debug_report(L"the promotion line could not be made");
+        tessel::log_caught_exception(L"the promotion line could not be made");
     }
 }
 
@@ -437,6 +437,7 @@ void main_dialog::show_promotion()
             markup = hooks_.promotion();
         promotion_->set_text(markup);
     } catch (...) {
+        tessel::log_caught_exception(L"the promotion line could not be shown");
         markup.clear();
     }
     ::ShowWindow(promotion_->window(), markup.empty() ? SW_HIDE : SW_SHOWNA);
@@ -458,13 +459,7 @@ void main_dialog::create_tree()
 
     std::vector<lv::column> columns;
     for (const tree_column& c : tree_columns) {
-        std::wstring title;
-        try {
-            title = tessel::load_string_item(tessel::string_ids::main_columns, c.title_item);
-        } catch (const tessel::no_string_exception&) {
-            tessel::debug_report(L"main dialog: a column title is missing");
-        }
-        columns.push_back({std::move(title), c.width});
+        columns.push_back({tessel::load_string_item_or(tessel::string_ids::main_columns, c.title_item, {}), c.width});
     }
     tree_->set_columns(std::move(columns));
 
@@ -476,12 +471,8 @@ void main_dialog::create_tree()
         const auto index = model_->index_of(static_cast<device_rows::row_handle>(node));
         if (!index)
             return {};
-        try {
-            return std::wstring(tessel::load_string(model_->device_at(*index).share ? tessel::string_ids::device_shared
-                                                                                     : tessel::string_ids::device_not_shared));
-        } catch (const tessel::no_string_exception&) {
-            return {};
-        }
+        return tessel::load_string_or(
+            model_->device_at(*index).share ? tessel::string_ids::device_shared : tessel::string_ids::device_not_shared, {});
     };
     // A disconnected device's row is only dimmed: screen readers hear it in words.
     tree_->list().handlers().row_state_text = [this](lv::row_index row) -> std::wstring {
@@ -508,14 +499,7 @@ void main_dialog::prepare_markers()
     auto shared = marker(L"marker.shared");
     auto not_shared = marker(L"marker.not-shared");
     namespace id = tessel::string_ids;
-    const auto text = [](std::uint32_t string_id) {
-        try {
-            return std::wstring(tessel::load_string(string_id));
-        } catch (const tessel::no_string_exception&) {
-            tessel::debug_report(L"main dialog: a text of the device rows is missing");
-            return std::wstring();
-        }
-    };
+    const auto text = [](std::uint32_t string_id) { return tessel::load_string_or(string_id, {}); };
     device_model::texts texts{text(id::device_unknown),
                               reinterpret_cast<std::uintptr_t>(shared.get()),
                               reinterpret_cast<std::uintptr_t>(not_shared.get()),
@@ -676,13 +660,7 @@ void main_dialog::show_context_menu(tv::tree_node* node, POINT screen)
         ::GetWindowRect(tree_->window(), &r);
         screen = {r.left + 16, r.top + 16};
     }
-    const auto text = [](std::uint32_t id) {
-        try {
-            return std::wstring(tessel::load_string(id));
-        } catch (const tessel::no_string_exception&) {
-            return std::wstring();
-        }
-    };
+    const auto text = [](std::uint32_t id) { return tessel::load_string_or(id, {}); };
     tessel::unique_handle_of<HMENU, ::DestroyMenu> menu(::CreatePopupMenu());
     if (!menu)
         return;
@@ -715,9 +693,8 @@ void main_dialog::show_context_menu(tv::tree_node* node, POINT screen)
 int main_dialog::show_message(std::wstring_view text, UINT style)
 {
     showing_message_ = true;
-    const int answer = tessel::show_message_box({.owner = window_, .text = text, .style = style});
-    showing_message_ = false;
-    return answer;
+    const tessel::scope_exit shown([this]() noexcept { showing_message_ = false; });
+    return tessel::show_message_box({.owner = window_, .text = text, .style = style});
 }
 
 void main_dialog::report_server_failure(HRESULT code, std::uint32_t message_id)
@@ -797,7 +774,7 @@ void main_dialog::open_help()
         opened = tessel::open_help_file(window_, help_file_argument(local, help_topic));
     } else {
         BSTR name = nullptr;
-        (void)GetProductShortName(&name);
+        tessel::log_if_failed(GetProductShortName(&name));
         const tessel::unique_bstr owned(name);
         std::wstring topic = help_topic;
         // An address has no blanks.

@@ -46,6 +46,8 @@ public:
                 *waiting_handler_ = tessel::com_ptr<IUsbServerOperationHandler>(handler.get());
             return true;
         } catch (...) {
+            // Not waiting goes on at once and reads the operation's result as it is.
+            tessel::log_caught_exception(L"a server operation could not be waited for");
             return false;
         }
     }
@@ -99,7 +101,7 @@ private:
 inline void end_server_wait(tessel::com_ptr<IUsbServerOperationHandler>& waiting_handler) noexcept
 {
     if (auto handler = std::move(waiting_handler))
-        (void)handler->OnCompleted(nullptr);
+        (void)handler->OnCompleted(nullptr);  // ours: it only resumes the coroutine
 }
 
 }  // namespace servercfg

@@ -142,11 +142,7 @@ void settings_dialog::on_init()
     ::SetWindowSubclass(combo, &settings_dialog::language_list_proc, 0, reinterpret_cast<DWORD_PTR>(this));
 
     create_status_line();
-    try {
-        show_status(std::wstring(tessel::load_string(tessel::string_ids::settings_loading)));
-    } catch (const tessel::no_string_exception&) {
-        tessel::debug_report(L"settings dialog: the text that says it is loading is missing");
-    }
+    show_status(tessel::load_string_or(tessel::string_ids::settings_loading, {}));
     alive_ = std::make_shared<fibra::details::cancellation_source_body>();
     fetch(this, server_, alive_);
 }

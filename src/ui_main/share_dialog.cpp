@@ -63,12 +63,8 @@ void share_dialog::on_init()
     ::SetDlgItemTextW(window_, ids::device, device_text_.c_str());
     ::SetDlgItemTextW(window_, ids::key, key_.c_str());
     // Shown also while the edit has the focus, which it gets at once.
-    try {
-        const std::wstring cue(tessel::load_string(tessel::string_ids::share_key_cue));
-        ::SendDlgItemMessageW(window_, ids::key, EM_SETCUEBANNER, TRUE, reinterpret_cast<LPARAM>(cue.c_str()));
-    } catch (const tessel::no_string_exception&) {
-        tessel::debug_report(L"share dialog: the key's cue text is missing");
-    }
+    const std::wstring cue = tessel::load_string_or(tessel::string_ids::share_key_cue, {});
+    ::SendDlgItemMessageW(window_, ids::key, EM_SETCUEBANNER, TRUE, reinterpret_cast<LPARAM>(cue.c_str()));
 
     layout_.capture(window_, anchors);
     // The key is what the user came for.

@@ -151,8 +151,10 @@ bool HttpClient::initialize(std::wstring base_address)
     base_address_ = std::move(base_address);
     session_.reset(::InternetOpenW(std::wstring(http_agent).c_str(), INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr,
                                    INTERNET_FLAG_ASYNC));
-    if (!session_)
+    if (!session_) {
+        log_if_failed(hresult_from_win32(::GetLastError()));
         return false;
+    }
     ::InternetSetStatusCallbackW(session_.get(), status_callback);
     return true;
 }
@@ -301,7 +303,8 @@ public:
             waiting().emplace(timer, continuation);
             return true;
         } catch (...) {
-            return false;
+            log_caught_exception(L"a pause could not be waited for");
+            return false;  // go on at once
         }
     }
     void await_resume() const noexcept {}

@@ -245,8 +245,8 @@ private:
 // user reads is the status and its reason phrase.
 class http_status_error : public fibra::details::hresult_error {
 public:
-    http_status_error(DWORD status, std::wstring reason)
-        : hresult_error(E_INVALIDARG), status_(status), reason_(std::move(reason))
+    http_status_error(DWORD status, std::wstring reason, std::source_location where = std::source_location::current())
+        : hresult_error(E_INVALIDARG, where), status_(status), reason_(std::move(reason))
     {
     }
     [[nodiscard]] DWORD status() const noexcept { return status_; }

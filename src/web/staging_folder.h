@@ -55,8 +55,9 @@ struct folder_security {
 inline constexpr HRESULT e_unsafe_folder = MAKE_HRESULT(SEVERITY_ERROR, FACILITY_ITF, 0x0205);
 class unsafe_folder_error : public fibra::details::hresult_error {
 public:
-    unsafe_folder_error(std::wstring folder, folder_refusal reason)
-        : hresult_error(e_unsafe_folder), folder_(std::move(folder)), reason_(reason)
+    unsafe_folder_error(std::wstring folder, folder_refusal reason,
+                        std::source_location where = std::source_location::current())
+        : hresult_error(e_unsafe_folder, where), folder_(std::move(folder)), reason_(reason)
     {
     }
     [[nodiscard]] const std::wstring& folder() const noexcept { return folder_; }

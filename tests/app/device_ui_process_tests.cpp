@@ -57,14 +57,14 @@ protected:
     // Waits for the share dialog; checks it names the device.
     std::wstring share_dialog(const std::wstring& device)
     {
-        const std::wstring dialog = wait_for(1006, 10000, L"Share Device");
+        const std::wstring dialog = wait_for(share_ids::key, 10000, L"Share Device");
         EXPECT_FALSE(dialog.empty()) << "no share dialog";
-        EXPECT_EQ(ui_driver(L"text " + dialog + L" 1005").output, device);
+        EXPECT_EQ(ui_driver(L"text " + dialog + arg(share_ids::device)).output, device);
         return dialog;
     }
     std::wstring open_settings()
     {
-        ui_driver(L"click " + window + L" " + std::to_wstring(ids::settings));
+        ui_driver(L"click " + window + arg(ids::settings));
         return wait_for(sids::language, 10000, L"Server Settings");
     }
     // Whether the dialog has gone (its control with this id no longer answers).
@@ -121,9 +121,9 @@ TEST_F(device_window, lists_the_devices_tells_them_apart_and_follows_the_server)
 TEST_F(device_window, hide_disconnected_and_collapse_all_act_at_once_and_survive_a_restart)
 {
     ASSERT_NO_FATAL_FAILURE(start());
-    ui_driver(L"click " + window + L" 1016");  // Hide disconnected
+    ui_driver(L"click " + window + arg(ids::hide_disconnected));  // Hide disconnected
     EXPECT_TRUE(rows_become(window, [](const auto& r) { return !has_row(r, L"Vaultkey"); }));
-    ui_driver(L"click " + window + L" 1017");  // Collapse all
+    ui_driver(L"click " + window + arg(ids::collapse_all));  // Collapse all
     EXPECT_TRUE(rows_become(window, [](const auto& r) { return r.size() == 4; })) << joined(rows(window));
     // Unplugged while hidden: the row goes; plugged again: it comes back.
     ASSERT_TRUE(control({L"unplug", L"printer"}).ok);
@@ -135,8 +135,8 @@ TEST_F(device_window, hide_disconnected_and_collapse_all_act_at_once_and_survive
     run_.emplace(program());
     window = wait_for(main_tree_placeholder_id, 20000);
     ASSERT_FALSE(window.empty());
-    EXPECT_EQ(ui_driver(L"checked " + window + L" 1016").output, L"1");
-    EXPECT_EQ(ui_driver(L"checked " + window + L" 1017").output, L"1");
+    EXPECT_EQ(ui_driver(L"checked " + window + arg(ids::hide_disconnected)).output, L"1");
+    EXPECT_EQ(ui_driver(L"checked " + window + arg(ids::collapse_all)).output, L"1");
     EXPECT_TRUE(rows_become(window, [](const auto& r) {
         return r.size() == 4 && !has_row(r, L"Vaultkey") && !has_row(r, L"USB Mass Storage Device");
     })) << joined(rows(window));
@@ -149,8 +149,8 @@ TEST_F(device_window, shares_with_a_key_through_the_share_dialog_and_unshares_wi
     ASSERT_TRUE(share_action(window, L"Generic USB 3.0 Hub"));
     const std::wstring share = share_dialog(L"Generic USB 3.0 Hub");
     ASSERT_FALSE(share.empty());
-    ui_driver(L"settext " + share + L" 1006 \"s3cret key\"");
-    ui_driver(L"key " + share + L" 1006 13");  // Enter: OK
+    ui_driver(L"settext " + share + arg(share_ids::key) + L" \"s3cret key\"");
+    ui_driver(L"key " + share + arg(share_ids::key) + L" 13");  // Enter: OK
     EXPECT_TRUE(rows_become(window, [](const auto& r) { return has_row(r, L"0\tGeneric USB 3.0 Hub, Shared, s3cret key"); }))
         << joined(rows(window));
     EXPECT_NE(server_list().find(L"share hub key=\"s3cret key\""), std::wstring::npos);
@@ -177,8 +177,8 @@ TEST_F(device_window, the_menu_key_and_shift_f10_open_the_rows_context_menu)
         ui_driver(L"key " + window + tree + L"0x53");
         const std::wstring share = share_dialog(L"Generic USB 3.0 Hub");
         ASSERT_FALSE(share.empty());
-        ui_driver(L"key " + share + L" 1006 0x1B");  // Esc: Cancel
-        ASSERT_TRUE(gone(share, 1006)) << "Esc did not close the share dialog";
+        ui_driver(L"key " + share + arg(share_ids::key) + L" 0x1B");  // Esc: Cancel
+        ASSERT_TRUE(gone(share, share_ids::key)) << "Esc did not close the share dialog";
     }
     EXPECT_EQ(close(), 0u);
 }
@@ -203,7 +203,7 @@ TEST_F(device_window, a_row_that_goes_while_its_context_menu_is_open_is_left_alo
     // A round trip through the window's thread after the command: a share dialog it had
     // opened would be there by now.
     EXPECT_EQ(rows(window).size(), 4u);
-    EXPECT_TRUE(wait_for(1006, 0, L"Share Device").empty()) << "a share dialog for a device that has gone";
+    EXPECT_TRUE(wait_for(share_ids::key, settle_ms, L"Share Device").empty()) << "a share dialog for a device that has gone";
     EXPECT_EQ(close(), 0u) << "the program did not survive the command";
 }
 
@@ -218,23 +218,23 @@ TEST_F(device_window, a_failing_share_shows_its_error_and_copy_device_id_fills_t
 
     ASSERT_TRUE(control({L"fail", L"ShareDevice", L"0x80070005"}).ok);
     select(L"0\tGeneric USB 3.0 Hub");
-    EXPECT_EQ(ui_driver(L"enabled " + window + L" 1014").output, L"1") << "a device row is selected";
+    EXPECT_EQ(ui_driver(L"enabled " + window + arg(ids::copy_device_id)).output, L"1") << "a device row is selected";
     ui_driver(L"key " + window + tree + L"13");
     const std::wstring share = share_dialog(L"Generic USB 3.0 Hub");
     ASSERT_FALSE(share.empty());
-    ui_driver(L"click " + share + L" 1");
+    ui_driver(L"click " + share + arg(IDOK));
     const std::wstring box = wait_for(message_text_id, 10000);
     ASSERT_FALSE(box.empty()) << "no error message";
     const std::wstring text = message_text(box);
     EXPECT_EQ(text.rfind(L"The device could not be shared: ", 0), 0u) << tessel::utf16_to_utf8(text);
     EXPECT_NE(text.find(L"(0x80070005)"), std::wstring::npos) << tessel::utf16_to_utf8(text);
-    ui_driver(L"click " + box + L" 1");
+    ui_driver(L"click " + box + arg(IDOK));
     ASSERT_TRUE(gone(box, message_text_id));
     EXPECT_EQ(server_list().find(L"share hub"), std::wstring::npos);
 
     // Copy device ID, then the program is killed: only a clipboard flushed at once keeps
     // the ID (a process that ends normally flushes on its way out anyway).
-    ui_driver(L"click " + window + L" 1014 wait");
+    ui_driver(L"click " + window + arg(ids::copy_device_id) + L" wait");
     run_->kill();
     expect_census_ = false;
     EXPECT_EQ(ui_driver(L"clipboard").output, hub_id) << "the ID must outlive the program that copied it";
@@ -246,15 +246,15 @@ TEST_F(device_window, settings_ok_reaches_the_server_one_write_at_a_time_and_can
     std::wstring settings = open_settings();
     ASSERT_FALSE(settings.empty());
     // Cancel first: nothing reaches the server.
-    ui_driver(L"settext " + settings + L" 1010 70000");
-    ui_driver(L"key " + settings + L" 1019 0x1B");  // Esc: Cancel
+    ui_driver(L"settext " + settings + arg(sids::port) + L" 70000");
+    ui_driver(L"key " + settings + arg(sids::language) + L" 0x1B");  // Esc: Cancel
     ASSERT_TRUE(gone(settings, sids::language));
 
     settings = open_settings();
     ASSERT_FALSE(settings.empty());
-    EXPECT_TRUE(eventually([&] { return ui_driver(L"enabled " + settings + L" 1").output == L"1"; }, 5000));
-    ui_driver(L"settext " + settings + L" 1010 70000");
-    ui_driver(L"key " + settings + L" 1010 13");  // Enter: OK
+    EXPECT_TRUE(eventually([&] { return ui_driver(L"enabled " + settings + arg(IDOK)).output == L"1"; }, 5000));
+    ui_driver(L"settext " + settings + arg(sids::port) + L" 70000");
+    ui_driver(L"key " + settings + arg(sids::port) + L" 13");  // Enter: OK
     EXPECT_TRUE(eventually([&] { return server_list().find(L"port=4464") != std::wstring::npos; }, 5000))
         << "the unchecked port 70000 arrives as 4464";
     EXPECT_NE(server_list().find(L"settings writes 1"), std::wstring::npos) << "Cancel sent a write";
@@ -265,8 +265,8 @@ TEST_F(device_window, settings_ok_reaches_the_server_one_write_at_a_time_and_can
     for (int write = 0; write < 2; ++write) {
         settings = open_settings();
         ASSERT_FALSE(settings.empty());
-        ASSERT_TRUE(eventually([&] { return ui_driver(L"enabled " + settings + L" 1").output == L"1"; }, 5000));
-        ui_driver(L"key " + settings + L" 1010 13");
+        ASSERT_TRUE(eventually([&] { return ui_driver(L"enabled " + settings + arg(IDOK)).output == L"1"; }, 5000));
+        ui_driver(L"key " + settings + arg(sids::port) + L" 13");
         ASSERT_TRUE(gone(settings, sids::language));
     }
     EXPECT_NE(server_list().find(L"settings writes 3"), std::wstring::npos);
@@ -281,24 +281,24 @@ TEST_F(device_window, the_language_list_asks_once_per_choice_and_a_new_language_
     ASSERT_TRUE(control({L"delay", L"read", L"600000"}).ok);
     std::wstring settings = open_settings();
     ASSERT_FALSE(settings.empty());
-    const std::wstring language = L"key " + settings + L" " + std::to_wstring(sids::language) + L" ";
-    const std::wstring combo = L"text " + settings + L" " + std::to_wstring(sids::language);
-    const auto choose = [&](const wchar_t* answer) {
+    const std::wstring language = L"key " + settings + arg(sids::language) + L" ";
+    const std::wstring combo = L"text " + settings + arg(sids::language);
+    const auto choose = [&](int answer) {
         ui_driver(language + L"0x28");  // Down: Deutsch, which asks nothing yet
         EXPECT_TRUE(eventually([&] { return ui_driver(combo).output == L"Deutsch"; }, 5000));
-        EXPECT_TRUE(wait_for(message_text_id, 0, L"UI Language Changed").empty()) << "asked while looking";
+        EXPECT_TRUE(wait_for(message_text_id, settle_ms, L"UI Language Changed").empty()) << "asked while looking";
         ui_driver(language + L"13");  // Enter: the choice
         const std::wstring question = wait_for(message_text_id, 10000, L"UI Language Changed");
         ASSERT_FALSE(question.empty()) << "no question after Enter";
-        ui_driver(L"click " + question + L" " + answer);
+        ui_driver(L"click " + question + arg(answer));
     };
-    ASSERT_NO_FATAL_FAILURE(choose(L"7"));  // No: English again
+    ASSERT_NO_FATAL_FAILURE(choose(IDNO));  // No: English again
     EXPECT_TRUE(eventually([&] { return ui_driver(combo).output == L"English"; }, 5000));
-    ASSERT_NO_FATAL_FAILURE(choose(L"6"));  // Yes: the program closes, a new copy starts in German
+    ASSERT_NO_FATAL_FAILURE(choose(IDYES));  // Yes: the program closes, a new copy starts in German
     EXPECT_EQ(run_->wait(), 0u);
     const std::wstring german = wait_for(main_tree_placeholder_id, 20000);
     ASSERT_FALSE(german.empty()) << "no new copy started";
-    EXPECT_EQ(ui_driver(L"text " + german + L" 2").output, L"Schlie\u00DFen");
+    EXPECT_EQ(ui_driver(L"text " + german + arg(IDCANCEL)).output, L"Schlie\u00DFen");
     ui_driver(L"close " + german);
     // The new copy is not ours to wait for: its server adds the census line of its end to
     // the file, after the first copy's.
@@ -326,7 +326,7 @@ TEST_F(device_window, a_burst_of_ten_thousand_notifications_ends_equal_to_the_se
         << joined(rows(window));
     EXPECT_NE(server_list().find(L"device flash \"Arcturus Flash 32GB\" location=1-1 connected=no"), std::wstring::npos);
     // Still answering: Hide disconnected now hides the flash drive and the dongle.
-    ui_driver(L"click " + window + L" 1016");
+    ui_driver(L"click " + window + arg(ids::hide_disconnected));
     EXPECT_TRUE(rows_become(window, [](const auto& r) { return !has_row(r, L"Arcturus") && !has_row(r, L"Vaultkey"); }));
     EXPECT_EQ(close(), 0u);
 }
@@ -341,7 +341,7 @@ TEST_F(device_window, a_server_that_goes_away_is_reported_once_and_the_window_st
     const std::wstring box = wait_for(message_text_id, 10000);
     ASSERT_FALSE(box.empty()) << "no message about the server";
     EXPECT_EQ(message_text(box).rfind(L"Ulmora Tools Server does not answer: ", 0), 0u);
-    ui_driver(L"click " + box + L" 1");
+    ui_driver(L"click " + box + arg(IDOK));
     ASSERT_TRUE(gone(box, message_text_id));
     control({L"burst", L"20"});
     // A device added after the burst: once its row is there, every change of the burst has
@@ -349,7 +349,7 @@ TEST_F(device_window, a_server_that_goes_away_is_reported_once_and_the_window_st
     control({L"add", L"late", L"Late"});
     EXPECT_TRUE(rows_become(window, [](const auto& r) { return has_row(r, L"0\tUnknown device"); }))
         << joined(rows(window));
-    EXPECT_TRUE(wait_for(message_text_id, 0).empty()) << "one message, not one per row";
+    EXPECT_TRUE(wait_for(message_text_id, settle_ms).empty()) << "one message, not one per row";
     EXPECT_EQ(close(), 0u);
 }
 

@@ -14,6 +14,7 @@
 
 #include "base/unique_handle.h"
 #include "base/utf.h"
+#include "server_link/server_connection.h"
 
 #include <gtest/gtest.h>
 
@@ -184,7 +185,7 @@ protected:
         control({L"remove", L"cam"});
         answer_messages();
         for (int rebuilds = 0; rebuilds < 2; ++rebuilds) {
-            ui_driver(L"click " + window + L" 1016");
+            ui_driver(L"click " + window + arg(main_ids::hide_disconnected));
             answer_messages();
         }
     }
@@ -227,7 +228,7 @@ protected:
             EXPECT_TRUE(std::any_of(failing_.begin(), failing_.end(),
                                     [&](HRESULT code) { return text.find(hex(code).substr(2)) != std::wstring::npos; }))
                 << "a message that does not name the failure: " << tessel::utf16_to_utf8(text);
-            ui_driver(L"click " + box + L" 1");
+            ui_driver(L"click " + box + arg(IDOK));
         }
     }
 
@@ -238,7 +239,7 @@ protected:
         ASSERT_TRUE(process_test::share_action(window, device)) << "no row for " << tessel::utf16_to_utf8(device);
         if (dialog_button == 0)
             return;
-        const std::wstring dialog = wait_for(1006, 10000, L"Share Device");
+        const std::wstring dialog = wait_for(share_ids::key, 10000, L"Share Device");
         ASSERT_FALSE(dialog.empty()) << "no share dialog";
         ui_driver(L"click " + dialog + L" " + std::to_wstring(dialog_button));
     }
@@ -247,14 +248,14 @@ protected:
     // pressed once the settings have been read.
     void settings_action(const std::wstring& window, bool press_ok)
     {
-        ui_driver(L"click " + window + L" 1005");
-        const std::wstring dialog = wait_for(1019, 10000, L"Server Settings");
+        ui_driver(L"click " + window + arg(main_ids::settings));
+        const std::wstring dialog = wait_for(settings_ids::language, 10000, L"Server Settings");
         ASSERT_FALSE(dialog.empty()) << "no settings dialog";
         if (press_ok) {
-            ASSERT_TRUE(eventually([&] { return ui_driver(L"enabled " + dialog + L" 1").output == L"1"; }, 5000))
+            ASSERT_TRUE(eventually([&] { return ui_driver(L"enabled " + dialog + arg(IDOK)).output == L"1"; }, 5000))
                 << "the settings were not read";
         }
-        ui_driver(L"click " + dialog + L" " + (press_ok ? L"1" : L"2"));
+        ui_driver(L"click " + dialog + arg(press_ok ? IDOK : IDCANCEL));
     }
 
     // Makes the program call the method while the window runs.
@@ -267,8 +268,8 @@ protected:
         case phase::share: share_action(window, L"Generic USB 3.0 Hub", c.method == std::wstring(L"ShareDevice") ? 1 : 2); break;
         case phase::unshare:
             // A failed unshare still clears the row; a full refresh shows the server's share again.
-            ui_driver(L"click " + window + L" 1016");
-            ui_driver(L"click " + window + L" 1016");
+            ui_driver(L"click " + window + arg(main_ids::hide_disconnected));
+            ui_driver(L"click " + window + arg(main_ids::hide_disconnected));
             share_action(window, L"Labelwise", 0);
             break;
         case phase::settings: settings_action(window, false); break;
@@ -282,9 +283,9 @@ protected:
     void close_and_check(process& program_run, const std::wstring& window)
     {
         EXPECT_FALSE(wait_for(main_tree_placeholder_id, 3000).empty()) << "the main window is gone or hangs";
-        const auto switched_on = [&] { return ui_driver(L"checked " + window + L" 1016").output == L"1"; };
+        const auto switched_on = [&] { return ui_driver(L"checked " + window + arg(main_ids::hide_disconnected)).output == L"1"; };
         for (int click = 0; click < 2 && !switched_on(); ++click) {  // a second time only if a click went astray
-            ui_driver(L"click " + window + L" 1016");
+            ui_driver(L"click " + window + arg(main_ids::hide_disconnected));
             answer_messages();
         }
         EXPECT_TRUE(switched_on()) << "the view option does not switch";
@@ -325,8 +326,8 @@ TEST_F(fault_injection, every_method_failing_at_start_up_gives_the_message_or_th
                 ASSERT_FALSE(box.empty()) << "no message box appeared";
                 EXPECT_EQ(message_text(box), L"Ulmora Tools Server is not currently running. Either start the server "
                                              L"or try to reinstall the product.");
-                ui_driver(L"click " + box + L" 1");
-                EXPECT_EQ(program_run.wait(), 2u);
+                ui_driver(L"click " + box + arg(IDOK));
+                EXPECT_EQ(program_run.wait(), static_cast<DWORD>(servercfg::exit_code_server_not_running));
                 continue;
             }
             if (c.on_failure == outcome::error_message) {

@@ -4,7 +4,9 @@
 #include "program_process.h"
 
 #include "base/unique_handle.h"
+#include "app/startup.h"
 #include "base/utf.h"
+#include "server_link/server_connection.h"
 
 #include <gtest/gtest.h>
 
@@ -25,16 +27,18 @@ TEST_F(program_process, start_up_failures_show_their_message_and_exit_with_their
         const wchar_t* arguments;
         const wchar_t* text_start;
         const wchar_t* text_part;
-        DWORD exit_code;
+        int exit_code;
     };
     const wchar_t* const not_running =
         L"Ulmora Tools Server is not currently running. Either start the server or try to reinstall the product.";
     const failing_start cases[] = {
-        {"", L"--no-such-option", L"", L"Invalid command line argument specified", ERROR_INVALID_PARAMETER},
+        {"", L"--no-such-option", L"", L"Invalid command line argument specified",
+         servercfg::exit_code_bad_command_line},
         // A server that answers "not running", and one whose running query itself fails.
-        {R"({"running": false})", L"", not_running, L"", 2},
-        {R"({"running": true, "failures": [{"method": "IsRunning", "hresult": "0x80010108"}]})", L"", not_running, L"", 2},
-        {nullptr, L"", L"Error connecting to Ulmora Tools Server API: ", L" (0x80040154)\n\nTry to reinstall the product.", 1},
+        {R"({"running": false})", L"", not_running, L"", servercfg::exit_code_server_not_running},
+        {R"({"running": true, "failures": [{"method": "IsRunning", "hresult": "0x80010108"}]})", L"", not_running, L"", servercfg::exit_code_server_not_running},
+        {nullptr, L"", L"Error connecting to Ulmora Tools Server API: ", L" (0x80040154)\n\nTry to reinstall the product.",
+         servercfg::exit_code_server_not_created},
     };
     for (const failing_start& c : cases) {
         SCOPED_TRACE(c.scenario ? c.scenario : "unregistered");
@@ -51,7 +55,7 @@ TEST_F(program_process, start_up_failures_show_their_message_and_exit_with_their
         EXPECT_EQ(text.rfind(c.text_start, 0), 0u) << tessel::utf16_to_utf8(text);
         EXPECT_NE(text.find(c.text_part), std::wstring::npos) << tessel::utf16_to_utf8(text);
         ui_driver(L"click " + box + L" 1");
-        EXPECT_EQ(program_run.wait(), c.exit_code);
+        EXPECT_EQ(program_run.wait(), static_cast<DWORD>(c.exit_code));
     }
 }
 
@@ -73,9 +77,7 @@ TEST_F(program_process, second_start_defers_to_the_first_and_closing_leaves_only
     EXPECT_EQ(second.wait(), 0u);
     EXPECT_EQ(first.wait(0), STILL_ACTIVE) << "the first copy must keep running";
     // Wine learns of the new foreground window through X focus events, a moment later.
-    for (int i = 0; i < 100 && ::GetForegroundWindow() != first_window; ++i)
-        ::Sleep(50);
-    EXPECT_EQ(::GetForegroundWindow(), first_window);
+    EXPECT_TRUE(eventually([&] { return ::GetForegroundWindow() == first_window; }, 5000));
 
     ui_driver(L"close " + main_window);
     EXPECT_EQ(first.wait(), 0u);

@@ -7,6 +7,10 @@
 
 #include "child_process.h"
 #include "control_protocol.h"
+#include "msgbox/message_box.h"
+#include "ui_main/main_dialog.h"
+#include "ui_main/settings_dialog.h"
+#include "ui_main/share_dialog.h"
 
 #include <gtest/gtest.h>
 
@@ -22,8 +26,20 @@ using process = test_support::child_process;
 
 inline constexpr wchar_t title[] = L"QMX Software Ulmora Tools Server";
 inline constexpr wchar_t settings_key[] = L"Software\\QMX Software\\Ulmora Tools\\ServerCfg";
-inline constexpr int message_text_id = 1101;
-inline constexpr int main_tree_placeholder_id = 1003;
+// The programs' own control ids.
+inline constexpr int message_text_id = tessel::message_box_text_id;
+inline constexpr int main_tree_placeholder_id = servercfg::main_dialog_controls::tree_placeholder;
+namespace main_ids = servercfg::main_dialog_controls;
+namespace settings_ids = servercfg::settings_dialog_controls;
+namespace share_ids = servercfg::share_dialog_controls;
+// A control id as an argument of ui_driver: " 1016".
+inline std::wstring arg(int control_id)
+{
+    return L" " + std::to_wstring(control_id);
+}
+// Where a test checks that nothing happens: long enough for what a posted message would
+// have started to show, short enough to be paid for on every such check.
+inline constexpr DWORD settle_ms = 500;
 
 std::wstring bin_folder();
 std::wstring temp_folder();

@@ -1,3 +1,5 @@
+#include "program_process.h"
+
 #include "app/startup.h"
 
 #include "base/module_path.h"
@@ -49,14 +51,16 @@ TEST(startup, a_new_copy_starts_by_its_own_path_with_the_very_same_command_line)
     servercfg::start_new_copy(folder + L"ui_driver.exe", command_line);
 
     std::string seen;
-    for (int i = 0; i < 200 && seen.empty(); ++i) {
-        ::Sleep(25);
-        if (FILE* file = _wfopen(record.c_str(), L"rb")) {
-            char buffer[1024];
-            seen.assign(buffer, std::fread(buffer, 1, sizeof buffer, file));
-            std::fclose(file);
-        }
-    }
+    EXPECT_TRUE(process_test::eventually(
+        [&] {
+            if (FILE* file = _wfopen(record.c_str(), L"rb")) {
+                char buffer[1024];
+                seen.assign(buffer, std::fread(buffer, 1, sizeof buffer, file));
+                std::fclose(file);
+            }
+            return !seen.empty();
+        },
+        5000));
     EXPECT_EQ(tessel::utf8_to_utf16(seen), command_line);
     ::DeleteFileW(record.c_str());
 }

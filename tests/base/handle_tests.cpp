@@ -1,6 +1,9 @@
 #include "base/unique_handle.h"
+#include "base/scope_exit.h"
 
 #include <gtest/gtest.h>
+
+#include <thread>
 
 
 namespace {
@@ -48,6 +51,47 @@ TEST(unique_handle, file_family_treats_invalid_handle_value_as_empty)
                                               FILE_ATTRIBUTE_NORMAL, nullptr));
     EXPECT_FALSE(missing);
     EXPECT_EQ(missing.get(), INVALID_HANDLE_VALUE);
+}
+
+// A flag set for the length of a call is reset also when the call throws; a moved-from
+// or released guard does nothing.
+TEST(scope_exit, runs_once_when_the_scope_is_left_by_a_throw_and_never_after_release)
+{
+    int runs = 0;
+    try {
+        tessel::scope_exit outer([&]() noexcept { ++runs; });
+        tessel::scope_exit moved(std::move(outer));
+        throw 1;
+    } catch (int) {
+    }
+    EXPECT_EQ(runs, 1);
+    {
+        tessel::scope_exit released([&]() noexcept { ++runs; });
+        released.release();
+    }
+    EXPECT_EQ(runs, 1);
+}
+
+// Each owner undoes its own initialisation only: a refused one (the thread is an STA
+// already) must not end the apartment that others hold.
+TEST(co_initialize, balances_its_own_initialisation_only)
+{
+    std::thread([] {
+        {
+            const tessel::unique_couninitialize first = tessel::co_initialize();
+            EXPECT_EQ(first.result(), S_OK);
+            {
+                const tessel::unique_couninitialize nested = tessel::co_initialize();
+                EXPECT_EQ(nested.result(), S_FALSE);
+                const tessel::unique_couninitialize refused = tessel::co_initialize(COINIT_MULTITHREADED);
+                EXPECT_EQ(refused.result(), RPC_E_CHANGED_MODE);
+            }
+            const tessel::unique_couninitialize probe = tessel::co_initialize();
+            EXPECT_EQ(probe.result(), S_FALSE) << "the apartment of the first owner has gone";
+        }
+        const tessel::unique_couninitialize again = tessel::co_initialize();
+        EXPECT_EQ(again.result(), S_OK) << "an initialisation was left behind";
+    }).join();
 }
 
 }  // namespace
