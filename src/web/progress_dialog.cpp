@@ -137,7 +137,7 @@ void progress_dialog::show_progress() noexcept
         const std::wstring text = progress_text(received, total, rate_.bytes_per_second());
         ::SetDlgItemTextW(window_, progress_dialog_text_id, text.c_str());
     } catch (...) {
-        debug_report(L"the download progress could not be shown");
+        log_caught_exception(L"the download progress could not be shown");
     }
 }
 

@@ -45,7 +45,7 @@ void run_after_check() noexcept
         try {
             after();
         } catch (...) {
-            debug_report(L"the step after the update check failed");
+            log_caught_exception(L"the step after the update check failed");
         }
     }
 }
@@ -92,7 +92,7 @@ void store_promotion(const update_check_options& options, const promotion& offer
     try {
         save_app_settings();
     } catch (...) {
-        debug_report(L"the promotion could not be saved");
+        log_caught_exception(L"the promotion could not be saved");
     }
     if (options.promotion_changed)
         options.promotion_changed();
