@@ -1,7 +1,7 @@
 #pragma once
 // Copies of the program installed by the Windows Installer package (UlmoraTools.msi) belong
 // to whoever deployed the package: their deployment tool updates them, so the update check
-// offers no download for them (update_check.h).
+// offers them neither a new release nor language packs (update_check.h).
 
 #include <string>
 

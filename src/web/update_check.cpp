@@ -15,6 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <cwctype>
+#include <optional>
 #include <utility>
 
 namespace tessel::web {
@@ -157,9 +158,16 @@ task<void> offer_language_packs(const update_check_options& options, const HttpC
     const std::wstring program_folder = options.program_folder.empty() ? module_folder() : options.program_folder;
     std::vector<pack_record> installed = enumerate_packs(program_folder);
     const stop_token stop{options.ui.cancellation(), nullptr};
+    std::optional<bool> deployed;
     for (const language_pack_offer& offer : response.language_packs) {
         if (!language_pack_wanted(offer, own, installed))
             continue;
+        // The package's folder is its deployment's: a pack written there would outlive
+        // the package's removal, and the deployment brings the packs it wants.
+        if (!deployed)
+            deployed = installed_by_package(module_path());
+        if (*deployed)
+            co_return;
         const std::wstring question = ts_printf::format(load_string(string_ids::update_language_pack_offer), offer.name);
         if (show(options, question, MB_YESNO | MB_ICONQUESTION, L"LanguagePack." + offer.locale) != IDYES)
             continue;

@@ -16,6 +16,7 @@ behaviour through the base address it gives the program):
       insecure    Version V+1, its installer at a plain http address
       wrongkind   "Version" as a string
       packs       Version V, language packs at /files/pack.lpack and /files/bad.lpack
+      deployed    Version V+1 and the language packs of "packs"
       broken      status 500
       redirect-http   302 to "same" over plain http
       redirected  Version V+1, its installer reached https -> http -> https
@@ -140,7 +141,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
                     "Promo": {"Title": "[[[bTest offer]]]", "Url": "https://localhost/offer",
                               "ExpiresOn": "2099-12-31T00:00:00"},
                     "LanguagePacks": []}
-        if kind in ("newer", "insecure", "slow", "unsized", "trickle", "redirected"):
+        if kind in ("newer", "insecure", "slow", "unsized", "trickle", "redirected", "deployed"):
             document["Version"] = own + 1
         if kind == "slow":
             document["Url"] = self.base() + "hold/slow"
@@ -154,7 +155,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             document["Url"] = self.base() + "via-http/files/installer.exe"
         if kind == "wrongkind":
             document["Version"] = str(own + 1)
-        if kind == "packs":
+        if kind in ("packs", "deployed"):
             made_for = own // 10000 * 10000
             document["LanguagePacks"] = [
                 {"Name": "Deutsch", "Locale": "de-DE", "Version": 7, "ClientVersion": made_for,

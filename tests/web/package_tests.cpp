@@ -73,7 +73,7 @@ TEST(package, is_signed_installs_runs_upgrades_refuses_a_downgrade_and_uninstall
     const std::wstring vendor = known_folder(CSIDL_PROGRAM_FILES) + L"\\QMX Software", folder = vendor + L"\\Ulmora Tools";
     const std::wstring settings_key = L"Software\\QMX Software\\Ulmora Tools\\ServerCfg";
     // Trusted first: the program that comes later asks the service at once.
-    const std::wstring service = web_test::server().base() + L"newer/";
+    const std::wstring service = web_test::server().base() + L"deployed/";
     // Wine's installer puts a per-machine package's shortcuts into the user's Start menu.
     const auto shortcut_exists = [] {
         const std::wstring shortcut = L"\\QMX Software\\Ulmora Tools Server Configuration.lnk";
@@ -106,8 +106,9 @@ TEST(package, is_signed_installs_runs_upgrades_refuses_a_downgrade_and_uninstall
     EXPECT_EQ(uninstall_text(products[0], L"InstallLocation"), folder + L"\\");
 
     {
-        // The installed copy, with a newer version on offer: the automatic check shows
-        // nothing; asked from the About box, it names the version and the deployment.
+        // The installed copy, with a newer version and language packs on offer: the
+        // automatic check shows nothing; asked from the About box, it names the version
+        // and the deployment, and offers no pack.
         ::RegDeleteTreeW(HKEY_CURRENT_USER, settings_key.c_str());
         const test_support::registered_sim_server sim_server;
         const std::wstring key(tessel::web::update_service_override_key), value(tessel::web::update_service_override_value);
@@ -136,6 +137,8 @@ TEST(package, is_signed_installs_runs_upgrades_refuses_a_downgrade_and_uninstall
         EXPECT_FALSE(::IsWindowVisible(::GetDlgItem(box, IDYES))) << "an offer to download";
         ::PostMessageW(::GetDlgItem(box, IDOK), BM_CLICK, 0, 0);
         EXPECT_EQ(program.wait(settle_ms), STILL_ACTIVE) << "the program closed for an installer";
+        EXPECT_EQ(wait_for_window(program, tessel::message_box_text_id, about, settle_ms), nullptr)
+            << "a language pack was offered";
         ::PostMessageW(about, WM_CLOSE, 0, 0);
         ::PostMessageW(main_window, WM_CLOSE, 0, 0);
         EXPECT_EQ(program.wait(), 0u);
