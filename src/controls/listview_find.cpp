@@ -15,6 +15,14 @@ constexpr row_index max_find_rows = 10000;
 
 bool blank(wchar_t c) noexcept { return c == L' ' || c == L'\t' || c == L'\r' || c == L'\n'; }
 
+std::size_t first_non_blank(std::wstring_view text) noexcept
+{
+    std::size_t at = 0;
+    while (at < text.size() && blank(text[at]))
+        ++at;
+    return at;
+}
+
 // Case folding through the current locale's classification, as the search compares.
 const std::ctype<wchar_t>& classification() { return std::use_facet<std::ctype<wchar_t>>(std::locale()); }
 
@@ -33,9 +41,7 @@ struct case_folding {
 
 bool starts_with_folded(std::wstring_view text, std::wstring_view folded_needle, const case_folding& fold)
 {
-    std::size_t at = 0;
-    while (at < text.size() && blank(text[at]))
-        ++at;
+    const std::size_t at = first_non_blank(text);
     if (text.size() - at < folded_needle.size())
         return false;
     for (std::size_t i = 0; i < folded_needle.size(); ++i)
@@ -63,18 +69,15 @@ const std::wstring* find_markup(list_state& s, row_index row)
     return filled ? &c.text : nullptr;
 }
 
-// The plain text of column 0 of a row; false when the row has none.
-bool find_text(list_state& s, row_index row, std::wstring_view& plain)
+// The plain text of a row's markup; false when the markup is broken.
+bool plain_text(list_state& s, const std::wstring& markup, std::wstring_view& plain)
 {
-    const std::wstring* markup = find_markup(s, row);
-    if (!markup)
-        return false;
-    if (markup->find(L'[') == std::wstring::npos) {
-        plain = *markup;
+    if (std::find(markup.begin(), markup.end(), L'[') == markup.end()) {
+        plain = markup;
         return true;
     }
     try {
-        strip_markup(*markup, s.find_plain);
+        strip_markup(markup, s.find_plain);
     } catch (const std::out_of_range&) {
         return false;
     }
@@ -82,19 +85,39 @@ bool find_text(list_state& s, row_index row, std::wstring_view& plain)
     return true;
 }
 
+// The plain text of column 0 of a row; false when the row has none.
+bool find_text(list_state& s, row_index row, std::wstring_view& plain)
+{
+    const std::wstring* markup = find_markup(s, row);
+    return markup && plain_text(s, *markup, plain);
+}
+
 void read_find_prefix(list_state& s, row_index row, list_state::find_prefix& prefix)
 {
     prefix.known = true;
     prefix.length = 0;
     prefix.complete = true;
-    std::wstring_view plain;
-    if (!find_text(s, row, plain))
+    const std::wstring* markup = find_markup(s, row);
+    if (!markup)
         return;
-    std::size_t at = 0;
-    while (at < plain.size() && blank(plain[at]))
-        ++at;
-    const std::size_t length = std::min(plain.size() - at, prefix.letters.size());
-    std::copy_n(plain.data() + at, length, prefix.letters.data());
+    // Up to its first '[' the plain text is the markup itself, so only a row with a tag
+    // among its first letters is stripped: every row of a search is read here, and the
+    // letters of a longer text are not complete, which leaves the rest to the whole text.
+    std::wstring_view plain = *markup;
+    std::size_t at = first_non_blank(plain);
+    std::size_t length = std::min(plain.size() - at, prefix.letters.size());
+    bool tag = false;
+    for (std::size_t i = 0; i < length; ++i) {
+        prefix.letters[i] = plain[at + i];
+        tag = tag || plain[at + i] == L'[';
+    }
+    if (tag) {
+        if (!plain_text(s, *markup, plain))
+            return;
+        at = first_non_blank(plain);
+        length = std::min(plain.size() - at, prefix.letters.size());
+        std::copy_n(plain.data() + at, length, prefix.letters.data());
+    }
     prefix.length = static_cast<std::uint8_t>(length);
     prefix.complete = plain.size() - at == length;
 }
