@@ -32,8 +32,10 @@ file_identity identity_of(HANDLE file)
             (std::uint64_t{info.nFileSizeHigh} << 32) | info.nFileSizeLow};
 }
 
-// Writes the body and deletes the file unless it is kept: the file is marked for deletion
-// through its own handle, so no other file of that name can be hit.
+// Writes the body and deletes the file unless it is kept. The file is marked for deletion
+// through its own handle from the start, so no other file of that name can be hit, and a
+// body that never completes leaves nothing behind, also when the process ends without
+// unwinding (killed, or closed while a stalled transfer still held the file).
 class file_sink final : public body_sink {
 public:
     file_sink(const std::wstring& path, body_sink* progress) : progress_(progress)
@@ -41,14 +43,13 @@ public:
         file_.reset(::CreateFileW(path.c_str(), GENERIC_WRITE | DELETE, 0, nullptr, CREATE_ALWAYS,
                                   FILE_ATTRIBUTE_NORMAL, nullptr));
         throw_last_error_if(!file_);
+        throw_last_error_if(!delete_on_close(true));
     }
     file_sink(const file_sink&) = delete;
     ~file_sink()
     {
-        if (file_ && !kept_) {
-            FILE_DISPOSITION_INFO disposition{TRUE};
-            ::SetFileInformationByHandle(file_.get(), FileDispositionInfo, &disposition, sizeof disposition);
-        }
+        if (file_ && !kept_)
+            log_if_failed(delete_on_close(true) ? S_OK : HRESULT_FROM_WIN32(::GetLastError()));
     }
 
     void write(const void* data, DWORD size) override
@@ -67,9 +68,11 @@ public:
             progress_->progress(received, total);
     }
 
-    // Gives the file its final name; it stays marked for deletion until keep().
+    // Gives the complete file its final name. From here it is no longer marked: the
+    // destructor marks it again unless keep_and_close() came first.
     void rename(const std::wstring& path)
     {
+        throw_last_error_if(!delete_on_close(false));
         const std::size_t name_bytes = path.size() * sizeof(wchar_t);
         std::vector<std::byte> buffer(sizeof(FILE_RENAME_INFO) + name_bytes);
         auto* info = reinterpret_cast<FILE_RENAME_INFO*>(buffer.data());
@@ -88,6 +91,12 @@ public:
     }
 
 private:
+    bool delete_on_close(bool on) noexcept
+    {
+        FILE_DISPOSITION_INFO disposition{on};
+        return ::SetFileInformationByHandle(file_.get(), FileDispositionInfo, &disposition, sizeof disposition) != FALSE;
+    }
+
     unique_file file_;
     body_sink* progress_;
     bool kept_ = false;

@@ -8,6 +8,7 @@
 
 #include "base/module_path.h"
 #include "base/window_text.h"
+#include "msgbox/message_box.h"
 #include "ui_main/about_dialog.h"
 #include "ui_main/main_dialog.h"
 #include "web/progress_dialog.h"
@@ -28,7 +29,7 @@ using web_test::server;
 
 constexpr wchar_t product_title[] = L"QMX Software Ulmora Tools Server";
 constexpr wchar_t settings_key[] = L"Software\\QMX Software\\Ulmora Tools\\ServerCfg";
-constexpr int message_text_id = 1101;
+constexpr int message_text_id = tessel::message_box_text_id;
 // How long a program that should stay is watched for leaving on its own.
 constexpr DWORD settle_ms = 1000;
 // How long the windows are given to settle in their order after one has gone.
@@ -134,7 +135,7 @@ TEST_F(program_update, check_without_news_keeps_the_promotion_and_the_program_cl
     set_service(L"same/");
     ASSERT_NO_FATAL_FAILURE(start_program());
     HWND main_window = nullptr;
-    test_support::pump_until([&] { return (main_window = find_box(1003)) != nullptr; }, 20000);
+    test_support::pump_until([&] { return (main_window = find_box(servercfg::main_dialog_controls::tree_placeholder)) != nullptr; }, 20000);
     ASSERT_NE(main_window, nullptr);
     // The answer's promotion reaches the settings.
     tessel::unique_hkey promo;
@@ -145,7 +146,7 @@ TEST_F(program_update, check_without_news_keeps_the_promotion_and_the_program_cl
     }, 10000);
     EXPECT_EQ(::RegQueryValueExW(promo.get(), L"Title", nullptr, nullptr, nullptr, nullptr), ERROR_SUCCESS);
     // ...and the main window's promotion line, the title without its markup.
-    const HWND line = ::GetDlgItem(main_window, 1020);
+    const HWND line = ::GetDlgItem(main_window, servercfg::main_dialog_controls::promotion);
     test_support::pump_until([&] { return tessel::windows::window_text(line) == L"Test offer"; }, 5000);
     EXPECT_EQ(tessel::windows::window_text(line), L"Test offer");
     ::PostMessageW(main_window, WM_CLOSE, 0, 0);
@@ -187,7 +188,7 @@ TEST_F(program_update, refused_or_failed_downloads_leave_no_file_and_the_program
         // No WM_CLOSE came with the refusal: the program stays until it is closed.
         EXPECT_EQ(program->wait(settle_ms), STILL_ACTIVE);
         HWND main_window = nullptr;
-        test_support::pump_until([&] { return (main_window = find_box(1003)) != nullptr; }, 5000);
+        test_support::pump_until([&] { return (main_window = find_box(servercfg::main_dialog_controls::tree_placeholder)) != nullptr; }, 5000);
         ASSERT_NE(main_window, nullptr);
         ::PostMessageW(main_window, WM_CLOSE, 0, 0);
         EXPECT_EQ(program->wait(), 0u);
@@ -195,6 +196,16 @@ TEST_F(program_update, refused_or_failed_downloads_leave_no_file_and_the_program
 }
 
 namespace main_ids = servercfg::main_dialog_controls;
+
+// The files below a folder, in any of its subfolders.
+std::size_t files_below(const std::wstring& folder)
+{
+    std::size_t count = 0;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(std::filesystem::path(folder), ignored))
+        count += entry.is_regular_file(ignored) ? 1 : 0;
+    return count;
+}
 namespace about_ids = servercfg::about_dialog_controls;
 
 // Whether upper is above lower in the Z-order.
@@ -253,10 +264,16 @@ protected:
     HWND progress = nullptr;
 };
 
+// What the progress dialog shows of the held installer before it is released.
+std::wstring held_progress_text()
+{
+    return L"Downloaded " + megabytes(L"0", L'1') + L" of " + megabytes(L"0", L'3') + L" (33%)";
+}
+
 TEST_F(program_download, progress_stays_above_the_main_window_and_closing_asks_first_then_cleans_up)
 {
-    ASSERT_NO_FATAL_FAILURE(start_download(L"slow/", L"Downloaded " + megabytes(L"0", L'1') + L" of " +
-                                                          megabytes(L"0", L'3') + L" (33%)"));
+    ASSERT_NO_FATAL_FAILURE(start_download(L"slow/", held_progress_text()));
+    EXPECT_EQ(files_below(folder), 1u) << "the partial file";
     // The About box comes over it; its "Check for updates" brings the download forward.
     ::PostMessageW(main_window, WM_COMMAND, main_ids::about, 0);
     HWND about = nullptr;
@@ -280,6 +297,16 @@ TEST_F(program_download, progress_stays_above_the_main_window_and_closing_asks_f
     web_test::release_held_response(L"slow");
     EXPECT_EQ(program->wait(20000), 0u);
     EXPECT_TRUE(std::filesystem::is_empty(std::filesystem::path(folder)));
+}
+
+TEST_F(program_download, a_process_that_ends_during_the_download_leaves_no_partial_file)
+{
+    ASSERT_NO_FATAL_FAILURE(start_download(L"slow/", held_progress_text()));
+    ASSERT_EQ(files_below(folder), 1u) << "the partial file";
+    ASSERT_TRUE(::TerminateProcess(program->handle(), 9));
+    EXPECT_EQ(program->wait(20000), 9u);
+    web_test::release_held_response(L"slow");
+    EXPECT_TRUE(test_support::pump_until([&] { return files_below(folder) == 0; }, 10000));
 }
 
 TEST_F(program_download, without_a_size_the_bar_moves_and_no_on_closing_lets_the_download_go_on)
