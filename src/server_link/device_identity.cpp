@@ -57,18 +57,6 @@ std::optional<std::uint16_t> tagged_hex(std::wstring_view text, std::wstring_vie
     return std::nullopt;
 }
 
-std::wstring device_id_of(DWORD devinst)
-{
-    ULONG length = 0;
-    if (::CM_Get_Device_ID_Size(&length, devinst, 0) != CR_SUCCESS || length == 0)
-        return {};
-    std::wstring id(length + 1, L'\0');
-    if (::CM_Get_Device_IDW(devinst, id.data(), length + 1, 0) != CR_SUCCESS)
-        return {};
-    id.resize(std::wcslen(id.c_str()));
-    return id;
-}
-
 // A registry property of the device as UTF-16 units, the terminators included.
 std::optional<std::wstring> registry_property(HDEVINFO set, SP_DEVINFO_DATA& data, DWORD property)
 {
@@ -96,6 +84,18 @@ std::vector<std::wstring> split_multi_string(const std::wstring& units)
 }
 
 }  // namespace
+
+std::wstring instance_id_of(DWORD devinst)
+{
+    ULONG length = 0;
+    if (::CM_Get_Device_ID_Size(&length, devinst, 0) != CR_SUCCESS || length == 0)
+        return {};
+    std::wstring id(length + 1, L'\0');
+    if (::CM_Get_Device_IDW(devinst, id.data(), length + 1, 0) != CR_SUCCESS)
+        return {};
+    id.resize(std::wcslen(id.c_str()));
+    return id;
+}
 
 std::optional<usb_vid_pid> vid_pid_in_id(std::wstring_view id) noexcept
 {
@@ -191,7 +191,7 @@ device_identity read_device_identity(IUsbDevice& device)
     tessel::com_ptr<IUsbDevice> held(&device);
     device_identity identity;
     if (auto node = held.try_query<IUsbDeviceNode>())
-        identity = read_node_identity(device_id_of(node->GetDevInst()));
+        identity = read_node_identity(instance_id_of(node->GetDevInst()));
     tessel::unique_bstr location;
     if (SUCCEEDED(device.GetLocation(location.put())) && location)
         identity.location.assign(location.get(), ::SysStringLen(location.get()));

@@ -58,6 +58,9 @@ struct device_identity {
 [[nodiscard]] device_identity identity_from_node_facts(std::wstring instance_id, std::wstring setup_class,
                                                        std::span<const std::wstring> hardware_ids);
 
+// The configuration manager's instance ID of a device node; empty when it cannot be read.
+[[nodiscard]] std::wstring instance_id_of(DWORD devinst);
+
 // The local node's facts (configuration manager and SetupAPI) of one server device
 // (IUsbDeviceNode), and the server's location text. Facts that cannot be read stay empty;
 // a device that is not present on this machine answers its location only. Never throws

@@ -1,5 +1,7 @@
 #include "ui_main/local_devices.h"
 
+#include "server_link/device_identity.h"
+
 #include <devpropdef.h>
 #include <objbase.h>
 #include <setupapi.h>
@@ -234,17 +236,7 @@ std::wstring expand_environment(const std::wstring& text)
 
 class system_device_source final : public device_node_source {
 public:
-    std::wstring instance_id(DWORD devinst) override
-    {
-        ULONG length = 0;
-        if (::CM_Get_Device_ID_Size(&length, devinst, 0) != CR_SUCCESS || length == 0)
-            return {};
-        std::wstring id(length + 1, L'\0');
-        if (::CM_Get_Device_IDW(devinst, id.data(), length + 1, 0) != CR_SUCCESS)
-            return {};
-        id.resize(std::wcslen(id.c_str()));
-        return id;
-    }
+    std::wstring instance_id(DWORD devinst) override { return instance_id_of(devinst); }
 
     std::unique_ptr<opened_device> open(const std::wstring& instance_id) override
     {
