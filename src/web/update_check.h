@@ -74,8 +74,8 @@ bool start_update_check(update_check_options options);
 [[nodiscard]] bool installer_download_running() noexcept;
 // Stops the download as its Cancel does and calls then on the UI thread once the check has
 // ended and the partial file is gone (or after a few seconds when the server has stalled
-// and the transfer cannot notice); at once when no download runs. The check shows nothing
-// more after it.
+// and the transfer cannot notice: the partial file then goes with the process); at once
+// when no download runs. The check shows nothing more after it.
 void stop_installer_download(std::function<void()> then);
 
 // The promotion to show now: the stored one while it has a title and has not expired.
