@@ -24,6 +24,7 @@
 // error that names the place (line, column, byte and the member's path).
 
 #include "console/device_match.h"
+#include "server_link/server_settings.h"
 
 #include <windows.h>
 
@@ -35,17 +36,6 @@
 #include <vector>
 
 namespace servercfg::console {
-
-// The server's four settings; unset members are unknown (read) or left alone (written).
-struct server_settings_values {
-    std::optional<std::wstring> endpoints;
-    std::optional<std::uint16_t> port;
-    std::optional<bool> advertisement;
-    std::optional<bool> statistics;
-
-    [[nodiscard]] bool empty() const noexcept { return !endpoints && !port && !advertisement && !statistics; }
-    bool operator==(const server_settings_values&) const = default;
-};
 
 struct share_rule {
     device_match match;

@@ -146,41 +146,14 @@ server_settings_values server_session::read_settings()
     UsbServerSettings read{};
     tessel::throw_if_failed(operation->GetSettings(&read));
     const tessel::unique_bstr endpoints(read.endpoints);
-    server_settings_values values;
-    if (read.fields & usb_settings_endpoints)
-        values.endpoints = text_of(endpoints);
-    if (read.fields & usb_settings_port)
-        values.port = read.port;
-    if (read.fields & usb_settings_advertisement)
-        values.advertisement = read.advertisement != VARIANT_FALSE;
-    if (read.fields & usb_settings_statistics)
-        values.statistics = read.statistics != VARIANT_FALSE;
-    return values;
+    return values_of(read);
 }
 
 void server_session::write_settings(const server_settings_values& changed)
 {
-    UsbServerSettings record{};
-    tessel::unique_bstr endpoints;
-    if (changed.endpoints) {
-        record.fields |= usb_settings_endpoints;
-        endpoints.reset(::SysAllocStringLen(changed.endpoints->data(), static_cast<UINT>(changed.endpoints->size())));
-        record.endpoints = endpoints.get();
-    }
-    if (changed.port) {
-        record.fields |= usb_settings_port;
-        record.port = *changed.port;
-    }
-    if (changed.advertisement) {
-        record.fields |= usb_settings_advertisement;
-        record.advertisement = *changed.advertisement ? VARIANT_TRUE : VARIANT_FALSE;
-    }
-    if (changed.statistics) {
-        record.fields |= usb_settings_statistics;
-        record.statistics = *changed.statistics ? VARIANT_TRUE : VARIANT_FALSE;
-    }
+    const settings_record record(changed);
     tessel::com_ptr<IUsbServerOperation> operation;
-    tessel::throw_if_failed(server_->SetSettingsAsync(&record, operation.put()));
+    tessel::throw_if_failed(server_->SetSettingsAsync(record.get(), operation.put()));
     tessel::throw_if_failed(wait_for(*operation.get()));
 }
 

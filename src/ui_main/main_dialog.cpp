@@ -745,10 +745,9 @@ fibra::fire_and_forget main_dialog::run_settings(main_dialog* self)
     settings_dialog dialog(self->server_);
     const INT_PTR result = dialog.show(self->window_);
     if (result == IDOK) {
-        UsbServerSettings changed = to_server_settings(dialog.result());
-        const tessel::unique_bstr endpoints(changed.endpoints);
+        const settings_record changed(dialog.result());
         tessel::com_ptr<IUsbServerOperation> operation;
-        HRESULT outcome = self->server_->SetSettingsAsync(&changed, operation.put());
+        HRESULT outcome = self->server_->SetSettingsAsync(changed.get(), operation.put());
         // Each write keeps its own wait: the user may send the next before this one ends.
         const auto wait = self->settings_write_waits_.emplace(self->settings_write_waits_.end());
         if (SUCCEEDED(outcome))

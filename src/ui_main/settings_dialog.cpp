@@ -51,30 +51,6 @@ std::uint16_t port_from_text(std::wstring_view text) noexcept
     return static_cast<std::uint16_t>(value);
 }
 
-UsbServerSettings to_server_settings(const server_settings_result& result)
-{
-    UsbServerSettings settings{};
-    if (result.endpoints) {
-        settings.fields |= usb_settings_endpoints;
-        settings.endpoints =
-            ::SysAllocStringLen(result.endpoints->data(), static_cast<UINT>(result.endpoints->size()));
-        if (!settings.endpoints)
-            tessel::throw_hresult(E_OUTOFMEMORY);
-    }
-    if (result.port) {
-        settings.fields |= usb_settings_port;
-        settings.port = *result.port;
-    }
-    if (result.advertisement) {
-        settings.fields |= usb_settings_advertisement;
-        settings.advertisement = *result.advertisement ? VARIANT_TRUE : VARIANT_FALSE;
-    }
-    if (result.statistics) {
-        settings.fields |= usb_settings_statistics;
-        settings.statistics = *result.statistics ? VARIANT_TRUE : VARIANT_FALSE;
-    }
-    return settings;
-}
 
 settings_dialog::settings_dialog(tessel::com_ptr<IUsbServer> server, std::function<int(HWND)> ask_restart)
     : server_(std::move(server)), ask_restart_(std::move(ask_restart))

@@ -13,7 +13,7 @@
 // language_changed_result after a confirmed change of language, which is then already
 // stored in the settings record.
 
-#include "server_link/server_api.h"
+#include "server_link/server_settings.h"
 #include "base/async_context.h"
 #include "base/com_ptr.h"
 #include "base/coroutine.h"
@@ -47,21 +47,10 @@ inline constexpr int language = 1019;
 inline constexpr int status = 1021;
 }  // namespace settings_dialog_controls
 
-struct server_settings_result {
-    std::optional<std::wstring> endpoints;
-    std::optional<std::uint16_t> port;
-    std::optional<bool> advertisement;
-    std::optional<bool> statistics;
-};
-
 // The port as the dialog reads it: every character enters as (c - '0'), modulo 65536,
 // without any check. "70000" gives 4464, "" gives 0. Deliberately unchecked: the server
 // validates what it is sent.
 [[nodiscard]] std::uint16_t port_from_text(std::wstring_view text) noexcept;
-
-// The record for SetSettingsAsync: only the members that are set. The caller frees the
-// endpoints BSTR (SysFreeString).
-[[nodiscard]] UsbServerSettings to_server_settings(const server_settings_result& result);
 
 class settings_dialog : public dialog_base<settings_dialog> {
 public:
@@ -71,7 +60,7 @@ public:
 
     // IDOK, IDCANCEL or language_changed_result.
     INT_PTR show(HWND owner) { return run(owner, settings_dialog_id); }
-    [[nodiscard]] const server_settings_result& result() const noexcept { return result_; }
+    [[nodiscard]] const server_settings_values& result() const noexcept { return result_; }
     // Whether the server's values have arrived (the server controls are enabled).
     [[nodiscard]] bool ready() const noexcept { return ready_; }
 
@@ -95,7 +84,7 @@ private:
 
     tessel::com_ptr<IUsbServer> server_;
     std::function<int(HWND)> ask_restart_;
-    server_settings_result result_;
+    server_settings_values result_;
     int selected_language_ = -1;
     bool ready_ = false;
     // Cancelled when the window goes, so that a late answer of the server touches nothing.

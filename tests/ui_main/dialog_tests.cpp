@@ -212,10 +212,10 @@ TEST_F(settings_dialog_test, ok_reads_the_server_values_as_edited_and_the_port_u
     EXPECT_EQ(result.advertisement, false);
     EXPECT_EQ(result.statistics, true);
 
-    const UsbServerSettings record = to_server_settings(result);
-    EXPECT_EQ(record.fields, 0xFu);
-    EXPECT_EQ(record.port, 4464);
-    ::SysFreeString(record.endpoints);
+    const settings_record record(result);
+    EXPECT_EQ(record.get()->fields, 0xFu);
+    EXPECT_EQ(record.get()->port, 4464);
+    EXPECT_EQ(values_of(*record.get()), result);
 }
 
 TEST_F(settings_dialog_test, the_language_list_selects_by_exact_code)
