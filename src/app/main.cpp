@@ -73,6 +73,16 @@ void report_failed_work(std::exception_ptr error) noexcept
     }
 }
 
+// The dialog window a message is for, when it is a dialog other than the main window.
+HWND modeless_dialog_of(HWND target, HWND main_window) noexcept
+{
+    constexpr ATOM dialog_class = 32770;  // WC_DIALOG
+    const HWND root = target ? ::GetAncestor(target, GA_ROOT) : nullptr;
+    if (!root || root == main_window || ::GetClassLongPtrW(root, GCW_ATOM) != dialog_class)
+        return nullptr;
+    return root;
+}
+
 // Step 9's loop: until WM_QUIT, with the hook that resumes coroutines also inside modal loops.
 int run_message_loop(main_dialog& dialog, HWND main_window)
 {
@@ -85,6 +95,10 @@ int run_message_loop(main_dialog& dialog, HWND main_window)
         if (got == 0)
             break;
         if (::IsWindow(main_window) && (dialog.translate_shortcut(message) || ::IsDialogMessageW(main_window, &message)))
+            continue;
+        // The modeless dialogs above the main window (the download's progress) take their
+        // keys too: Escape cancels, Tab moves. Modal ones run loops of their own.
+        if (const HWND root = modeless_dialog_of(message.hwnd, main_window); root && ::IsDialogMessageW(root, &message))
             continue;
         ::TranslateMessage(&message);
         ::DispatchMessageW(&message);

@@ -309,6 +309,20 @@ TEST_F(program_download, a_process_that_ends_during_the_download_leaves_no_parti
     EXPECT_TRUE(test_support::pump_until([&] { return files_below(folder) == 0; }, 10000));
 }
 
+TEST_F(program_download, escape_in_the_progress_dialog_cancels_without_a_word_and_leaves_nothing)
+{
+    ASSERT_NO_FATAL_FAILURE(start_download(L"slow/", held_progress_text()));
+    const HWND cancel = ::GetDlgItem(progress, IDCANCEL);
+    ::PostMessageW(cancel, WM_KEYDOWN, VK_ESCAPE, 0);
+    ASSERT_TRUE(test_support::pump_until([&] { return !::IsWindowEnabled(cancel); }, 10000)) << "Escape was not heard";
+    web_test::release_held_response(L"slow");
+    web_test::pump_until_or_die([&] { return !::IsWindow(progress); }, 10000, "the progress dialog to go");
+    EXPECT_EQ(files_below(folder), 0u);
+    EXPECT_EQ(find_box(message_text_id), nullptr);
+    ::PostMessageW(main_window, WM_CLOSE, 0, 0);
+    EXPECT_EQ(program->wait(20000), 0u) << "closing asked about a download that had ended";
+}
+
 TEST_F(program_download, without_a_size_the_bar_moves_and_no_on_closing_lets_the_download_go_on)
 {
     ASSERT_NO_FATAL_FAILURE(start_download(L"unsized/", L"Downloaded " + megabytes(L"0", L'1')));
