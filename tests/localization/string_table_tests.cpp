@@ -215,8 +215,9 @@ TEST(string_table, packs_from_other_tools_read_correctly)
     // module by one byte moves its texts from one case to the other.
     int in_place = 0;
     for (const std::size_t shift : {0, 1}) {
-        std::vector<std::byte> buffer(found->size() + 1);
-        std::memcpy(buffer.data() + shift, found->data(), found->size());
+        std::vector<std::byte> buffer(shift);
+        buffer.insert(buffer.end(), found->begin(), found->end());
+        buffer.push_back(std::byte{0});
         const auto table = string_table::load(std::span(buffer).subspan(shift, found->size()), false, nullptr);
         ASSERT_TRUE(table->loaded());
         const std::wstring_view ok = table->find(string_id(L"OK"))->text;
