@@ -21,12 +21,6 @@ constexpr DEVPROPKEY device_children_key = {{0x4340a6c5, 0x93fa, 0x4706, {0x97, 
 // visited set did not catch.
 constexpr int max_depth = 32;
 
-std::wstring instance_id_of(DWORD devinst)
-{
-    wchar_t id[MAX_DEVICE_ID_LEN + 1]{};
-    return ::CM_Get_Device_IDW(devinst, id, MAX_DEVICE_ID_LEN, 0) == CR_SUCCESS ? std::wstring(id) : std::wstring();
-}
-
 std::wstring text_property(HDEVINFO set, SP_DEVINFO_DATA& data, DWORD property)
 {
     wchar_t text[256]{};
