@@ -2,6 +2,7 @@
 
 #include "base/com_ptr.h"
 #include "base/unique_handle.h"
+#include "server_link/local_nodes.h"
 
 #include <cfgmgr32.h>
 #include <setupapi.h>
@@ -12,8 +13,6 @@
 
 namespace servercfg {
 namespace {
-
-using unique_hdevinfo = tessel::unique_any<tessel::invalid_handle_traits<::SetupDiDestroyDeviceInfoList>>;
 
 bool starts_with_nocase(std::wstring_view text, std::wstring_view prefix) noexcept
 {

@@ -11,12 +11,6 @@
 namespace servercfg {
 namespace {
 
-using unique_hdevinfo = tessel::unique_any<tessel::invalid_handle_traits<::SetupDiDestroyDeviceInfoList>>;
-
-// DEVPKEY_Device_Children, spelt out: through the headers its definition depends on the
-// order in which they were included.
-constexpr DEVPROPKEY device_children_key = {{0x4340a6c5, 0x93fa, 0x4706, {0x97, 0x2c, 0x7b, 0x64, 0x80, 0x08, 0xa5, 0xa7}}, 9};
-
 // Deeper than any real USB tree (seven tiers of hubs): a tree that goes on is a loop the
 // visited set did not catch.
 constexpr int max_depth = 32;
@@ -28,26 +22,6 @@ std::wstring text_property(HDEVINFO set, SP_DEVINFO_DATA& data, DWORD property)
                                              sizeof text - sizeof(wchar_t), nullptr))
         return {};
     return text;
-}
-
-std::vector<std::wstring> listed_children(HDEVINFO set, SP_DEVINFO_DATA& data)
-{
-    DEVPROPTYPE type = 0;
-    DWORD size = 0;
-    ::SetupDiGetDevicePropertyW(set, &data, &device_children_key, &type, nullptr, 0, &size, 0);
-    if (size < sizeof(wchar_t) || size > 64 * 1024)
-        return {};
-    std::wstring units(size / sizeof(wchar_t) + 1, L'\0');
-    if (!::SetupDiGetDevicePropertyW(set, &data, &device_children_key, &type, reinterpret_cast<BYTE*>(units.data()),
-                                     size, nullptr, 0))
-        return {};
-    std::vector<std::wstring> ids;
-    for (std::size_t at = 0; at < units.size() && units[at] != L'\0';) {
-        const std::size_t end = units.find(L'\0', at);
-        ids.emplace_back(units.substr(at, end - at));
-        at = end + 1;
-    }
-    return ids;
 }
 
 struct walk {
@@ -79,7 +53,7 @@ struct walk {
             }
             return;
         }
-        for (const std::wstring& child_id : listed_children(set.get(), data))
+        for (const std::wstring& child_id : listed_child_ids(set.get(), data))
             add(child_id, out, depth);
     }
 
@@ -106,6 +80,30 @@ struct walk {
 };
 
 }  // namespace
+
+std::vector<std::wstring> listed_child_ids(HDEVINFO set, SP_DEVINFO_DATA& data)
+{
+    // DEVPKEY_Device_Children, spelt out: through the headers its definition depends on the
+    // order in which they were included, and a wrong one links silently.
+    static constexpr DEVPROPKEY children_key = {{0x4340a6c5, 0x93fa, 0x4706, {0x97, 0x2c, 0x7b, 0x64, 0x80, 0x08, 0xa5, 0xa7}}, 9};
+    DEVPROPTYPE type = 0;
+    DWORD size = 0;
+    ::SetupDiGetDevicePropertyW(set, &data, &children_key, &type, nullptr, 0, &size, 0);
+    if (size < sizeof(wchar_t) || size > 64 * 1024)
+        return {};
+    std::wstring units(size / sizeof(wchar_t) + 1, L'\0');
+    if (!::SetupDiGetDevicePropertyW(set, &data, &children_key, &type, reinterpret_cast<BYTE*>(units.data()), size,
+                                     nullptr, 0) ||
+        type != DEVPROP_TYPE_STRING_LIST)
+        return {};
+    std::vector<std::wstring> ids;
+    for (std::size_t at = 0; at < units.size() && units[at] != L'\0';) {
+        const std::size_t end = units.find(L'\0', at);
+        ids.emplace_back(units.substr(at, end - at));
+        at = end + 1;
+    }
+    return ids;
+}
 
 std::vector<local_node> read_local_children(const std::wstring& instance_id)
 {

@@ -1,6 +1,7 @@
 #include "ui_main/local_devices.h"
 
 #include "server_link/device_identity.h"
+#include "server_link/local_nodes.h"
 
 #include <devpropdef.h>
 #include <objbase.h>
@@ -14,10 +15,6 @@
 
 namespace servercfg {
 namespace {
-
-// DEVPKEY_Device_Children, spelt out: through the headers its definition depends on the
-// order in which they were included, and a wrong one links silently.
-constexpr DEVPROPKEY device_children_key = {{0x4340a6c5, 0x93fa, 0x4706, {0x97, 0x2c, 0x7b, 0x64, 0x80, 0x08, 0xa5, 0xa7}}, 9};
 
 constexpr DWORD name_buffer_bytes = 512;
 
@@ -144,8 +141,6 @@ std::optional<icon_location> split_icon_path(std::wstring_view text)
 
 namespace {
 
-using unique_hdevinfo = tessel::unique_any<tessel::invalid_handle_traits<::SetupDiDestroyDeviceInfoList>>;
-
 class system_opened_device final : public opened_device {
 public:
     system_opened_device(unique_hdevinfo set, SP_DEVINFO_DATA data) : set_(std::move(set)), data_(data) {}
@@ -163,26 +158,7 @@ public:
         return std::wstring(buffer);
     }
 
-    std::vector<std::wstring> child_instance_ids() override
-    {
-        DEVPROPTYPE type = 0;
-        DWORD size = 0;
-        ::SetupDiGetDevicePropertyW(set_.get(), &data_, &device_children_key, &type, nullptr, 0, &size, 0);
-        if (size < sizeof(wchar_t))
-            return {};
-        std::wstring list(size / sizeof(wchar_t) + 1, L'\0');
-        if (!::SetupDiGetDevicePropertyW(set_.get(), &data_, &device_children_key, &type,
-                                         reinterpret_cast<BYTE*>(list.data()), size, &size, 0) ||
-            type != DEVPROP_TYPE_STRING_LIST)
-            return {};
-        std::vector<std::wstring> ids;
-        for (size_t at = 0; at < list.size() && list[at];) {
-            const size_t end = list.find(L'\0', at);
-            ids.emplace_back(list, at, end - at);
-            at = end + 1;
-        }
-        return ids;
-    }
+    std::vector<std::wstring> child_instance_ids() override { return listed_child_ids(set_.get(), data_); }
 
 private:
     unique_hdevinfo set_;
