@@ -21,7 +21,9 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
+#include <cwchar>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -282,7 +284,13 @@ protected:
     // settings), the window closes when asked, and the settings were saved.
     void close_and_check(process& program_run, const std::wstring& window)
     {
-        EXPECT_FALSE(wait_for(main_tree_placeholder_id, 3000).empty()) << "the main window is gone or hangs";
+        // Asked directly rather than looked for: a search by title and visibility can miss
+        // a window that is there.
+        const HWND main_window = reinterpret_cast<HWND>(static_cast<std::uintptr_t>(std::wcstoull(window.c_str(), nullptr, 16)));
+        DWORD_PTR answer = 0;
+        EXPECT_TRUE(::IsWindow(main_window)) << "the main window is gone";
+        EXPECT_NE(::SendMessageTimeoutW(main_window, WM_NULL, 0, 0, SMTO_ABORTIFHUNG, 10000, &answer), 0)
+            << "the main window hangs";
         const auto switched_on = [&] { return ui_driver(L"checked " + window + arg(main_ids::hide_disconnected)).output == L"1"; };
         for (int click = 0; click < 2 && !switched_on(); ++click) {  // a second time only if a click went astray
             ui_driver(L"click " + window + arg(main_ids::hide_disconnected));
@@ -373,7 +381,13 @@ TEST_F(fault_injection, every_method_failing_while_the_window_runs_leaves_it_usa
                 failing_.push_back(f.value);
             }
             act(c, window);
-            EXPECT_FALSE(wait_for(main_tree_placeholder_id, 3000).empty()) << "the main window is gone or hangs";
+            // Asked directly rather than looked for: a search by title and visibility can miss
+        // a window that is there.
+        const HWND main_window = reinterpret_cast<HWND>(static_cast<std::uintptr_t>(std::wcstoull(window.c_str(), nullptr, 16)));
+        DWORD_PTR answer = 0;
+        EXPECT_TRUE(::IsWindow(main_window)) << "the main window is gone";
+        EXPECT_NE(::SendMessageTimeoutW(main_window, WM_NULL, 0, 0, SMTO_ABORTIFHUNG, 10000, &answer), 0)
+            << "the main window hangs";
             for (const failure_on& f : failures) {
                 std::vector<std::wstring> command{L"fail", c.method, L"off"};
                 if (f.device)
