@@ -1,108 +1,37 @@
 #include "ui_main/local_devices.h"
 
-#include "server_link/device_identity.h"
-#include "server_link/local_nodes.h"
-
-#include <devpropdef.h>
 #include <objbase.h>
-#include <setupapi.h>
 #include <shlobj.h>
 
 #include <algorithm>
 #include <map>
-#include <set>
 #include <tuple>
 
 namespace servercfg {
 namespace {
 
-constexpr DWORD name_buffer_bytes = 512;
-
-struct walk_state {
+struct subtree_state {
     device_node_source& source;
     const walk_options& options;
     device_icon subtree_icon;
-    // Every node seen in this walk, by instance ID: a node met again (a child that is its
-    // own parent, an ancestor, a sibling chain that turns back) ends that branch. IDs,
-    // not handles: Wine hands out a new handle each time a device is opened.
-    std::set<std::wstring, std::less<>> visited;
 };
 
-std::wstring display_name(opened_device* device, const std::wstring& unknown_name)
+// The walked node with its name for the window and its class icon, in the walk's order.
+local_device_node shown_node(subtree_state& state, walked_node& walked)
 {
-    std::optional<std::wstring> name;
-    if (device) {
-        name = device->text_property(SPDRP_FRIENDLYNAME);
-        if (!name)
-            name = device->text_property(SPDRP_DEVICEDESC);
-    }
-    return name && !name->empty() ? std::move(*name) : unknown_name;
-}
-
-// devinst: the node's handle when the configuration manager named it; without one the
-// node comes from a children list, and one that cannot be opened is a stale entry.
-void walk_id(walk_state& state, const std::wstring& id, std::optional<DWORD> devinst,
-             std::vector<local_device_node>& parent_list);
-
-// The node with this handle; nothing when its ID cannot be read.
-void walk(walk_state& state, DWORD node, std::vector<local_device_node>& parent_list)
-{
-    const std::wstring id = state.source.instance_id(node);
-    if (!id.empty())
-        walk_id(state, id, node, parent_list);
-}
-
-void walk_id(walk_state& state, const std::wstring& id, std::optional<DWORD> devinst,
-             std::vector<local_device_node>& parent_list)
-{
-    if (!state.visited.insert(id).second)
-        return;
-    // Held open while the children are walked; one set per node, closed on the way out.
-    const std::unique_ptr<opened_device> device = state.source.open(id);
-    if (!device && !devinst)
-        return;
-
     device_icon icon;
-    if (device) {
-        const GUID cls = device->class_guid();
+    if (walked.setup_class) {
+        const GUID& cls = *walked.setup_class;
         icon = state.source.class_icon(cls, state.options.icon_size);
         if (!has_icon(state.subtree_icon) && !IsEqualGUID(cls, usb_class_guid) && !IsEqualGUID(cls, hid_class_guid))
             state.subtree_icon = icon;
-        if (!devinst)
-            devinst = device->devinst();
     }
-    local_device_node& self =
-        parent_list.emplace_back(local_device_node{display_name(device.get(), state.options.unknown_name), icon, id, {}});
-    if (!devinst)
-        return;
-    const DWORD node = *devinst;
-
-    // The value before the call is the node itself, so a call that succeeds without
-    // writing (Wine) is told apart from one that names a real child.
-    DWORD child = node;
-    const CONFIGRET first = state.source.get_child(&child, node);
-    if (first == CR_SUCCESS && child != node) {
-        // Children whose ID cannot be read, by handle: they have no ID to remember.
-        std::set<DWORD> unreadable;
-        for (;;) {
-            // A child whose ID cannot be read makes no node, but its siblings still do; one
-            // met before means the sibling chain turned back on itself.
-            const std::wstring child_id = state.source.instance_id(child);
-            if (child_id.empty() ? !unreadable.insert(child).second : state.visited.contains(child_id))
-                break;
-            if (!child_id.empty())
-                walk_id(state, child_id, child, self.children);
-            DWORD next = child;
-            if (state.source.get_sibling(&next, child) != CR_SUCCESS || next == child)
-                break;
-            child = next;
-        }
-    } else if (first == CR_SUCCESS && device) {
-        // The configuration manager could not say; the device's own list of children can.
-        // On Windows the two agree, and this path is not taken there.
-        for (const std::wstring& child_id : device->child_instance_ids())
-            walk_id(state, child_id, std::nullopt, self.children);
-    }
+    local_device_node node{walked.name.empty() ? state.options.unknown_name : std::move(walked.name), std::move(icon),
+                           std::move(walked.instance_id), {}};
+    node.children.reserve(walked.children.size());
+    for (walked_node& child : walked.children)
+        node.children.push_back(shown_node(state, child));
+    return node;
 }
 
 }  // namespace
@@ -110,12 +39,11 @@ void walk_id(walk_state& state, const std::wstring& id, std::optional<DWORD> dev
 std::optional<local_device_node> build_local_subtree(device_node_source& source, DWORD devinst,
                                                      std::wstring_view server_name, const walk_options& options)
 {
-    walk_state state{source, options, {}, {}};
-    std::vector<local_device_node> roots;
-    walk(state, devinst, roots);
-    if (roots.empty())
+    std::optional<walked_node> walked = walk_local_tree(source, devinst);
+    if (!walked)
         return std::nullopt;
-    local_device_node root = std::move(roots.front());
+    subtree_state state{source, options, {}};
+    local_device_node root = shown_node(state, *walked);
     root.name.assign(server_name);
     if (has_icon(state.subtree_icon))
         root.icon = state.subtree_icon;
@@ -140,43 +68,6 @@ std::optional<icon_location> split_icon_path(std::wstring_view text)
 }
 
 namespace {
-
-class system_opened_device final : public opened_device {
-public:
-    system_opened_device(unique_hdevinfo set, SP_DEVINFO_DATA data) : set_(std::move(set)), data_(data) {}
-
-    GUID class_guid() override { return data_.ClassGuid; }
-    DWORD devinst() override { return data_.DevInst; }
-
-    std::optional<std::wstring> text_property(DWORD property) override
-    {
-        wchar_t buffer[name_buffer_bytes / sizeof(wchar_t)]{};
-        if (!::SetupDiGetDeviceRegistryPropertyW(set_.get(), &data_, property, nullptr,
-                                                 reinterpret_cast<BYTE*>(buffer), name_buffer_bytes, nullptr))
-            return std::nullopt;
-        buffer[std::size(buffer) - 1] = L'\0';
-        return std::wstring(buffer);
-    }
-
-    std::vector<std::wstring> child_instance_ids() override { return listed_child_ids(set_.get(), data_); }
-
-private:
-    unique_hdevinfo set_;
-    SP_DEVINFO_DATA data_;
-};
-
-std::optional<std::pair<unique_hdevinfo, SP_DEVINFO_DATA>> open_device_info(const std::wstring& instance_id)
-{
-    unique_hdevinfo set(::SetupDiCreateDeviceInfoList(nullptr, nullptr));
-    if (!set)
-        return std::nullopt;
-    SP_DEVINFO_DATA data{};
-    data.cbSize = sizeof data;
-    static_assert(sizeof(SP_DEVINFO_DATA) == 32);
-    if (!::SetupDiOpenDeviceInfoW(set.get(), instance_id.c_str(), nullptr, 0, &data))
-        return std::nullopt;
-    return std::make_pair(std::move(set), data);
-}
 
 std::optional<std::wstring> read_icon_path(const GUID& class_guid)
 {
@@ -212,20 +103,11 @@ std::wstring expand_environment(const std::wstring& text)
 
 class system_device_source final : public device_node_source {
 public:
-    std::wstring instance_id(DWORD devinst) override { return instance_id_of(devinst); }
-
-    std::unique_ptr<opened_device> open(const std::wstring& instance_id) override
-    {
-        auto opened = open_device_info(instance_id);
-        if (!opened)
-            return nullptr;
-        return std::make_unique<system_opened_device>(std::move(opened->first), opened->second);
-    }
-
-    CONFIGRET get_child(DWORD* child, DWORD node) override { return ::CM_Get_Child(child, node, 0); }
-    CONFIGRET get_sibling(DWORD* sibling, DWORD node) override { return ::CM_Get_Sibling(sibling, node, 0); }
-
-    device_identity identity(const std::wstring& instance_id) override { return read_node_identity(instance_id); }
+    std::wstring instance_id(DWORD devinst) override { return system_->instance_id(devinst); }
+    std::unique_ptr<opened_device> open(const std::wstring& instance_id) override { return system_->open(instance_id); }
+    CONFIGRET get_child(DWORD* child, DWORD node) override { return system_->get_child(child, node); }
+    CONFIGRET get_sibling(DWORD* sibling, DWORD node) override { return system_->get_sibling(sibling, node); }
+    device_identity identity(const std::wstring& instance_id) override { return system_->identity(instance_id); }
 
     device_icon class_icon(const GUID& class_guid, int icon_size) override
     {
@@ -248,6 +130,7 @@ public:
     }
 
 private:
+    const std::unique_ptr<node_source> system_ = make_system_node_source();
     std::map<std::tuple<unsigned long, unsigned short, unsigned short, std::uint64_t, int>, device_icon> icons_;
 };
 

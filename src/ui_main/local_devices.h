@@ -3,22 +3,13 @@
 // machine: the device node and everything under it, each with its display name and the
 // class icon of its setup class.
 //
-// The walk reads the configuration manager and SetupAPI through device_node_source, so
-// that tests can hand it any tree. It never visits a node twice: Wine's CM_Get_Child
-// answers success for every node without writing its output, so a child equal to its
-// parent, to an ancestor or to the value before the call ends that branch instead of
-// recursing forever.
-//
-// Two cases the rules leave open, decided here:
-// - A node whose instance ID cannot be read makes no node (and so has no children we
-//   could reach); its siblings are still walked. A node whose ID is read but whose device information cannot be opened
-//   is still made, named "Unknown device" and without icon, and its children are
-//   visited: what lies below it may well be what the user wants to see.
-// - "IconPath" is read as a plain or a multi-string (then its first entry); environment
-//   variables in the path part ("%SystemRoot%") are expanded before extraction.
+// The nodes come from the walk of server_link (local_nodes.h), which both this program and
+// the console companion take; this side adds the names shown for nameless nodes and the
+// class icons. "IconPath" is read as a plain or a multi-string (then its first entry);
+// environment variables in the path part ("%SystemRoot%") are expanded before extraction.
 
 #include "base/unique_handle.h"
-#include "server_link/device_identity.h"
+#include "server_link/local_nodes.h"
 
 #include <windows.h>
 #include <cfgmgr32.h>
@@ -56,37 +47,10 @@ inline constexpr GUID usb_class_guid = {0x36fc9e60, 0xc465, 0x11cf, {0x80, 0x56,
 // {745A17A0-74D3-11D0-B6FE-00A0C90F57DA}: HID collections.
 inline constexpr GUID hid_class_guid = {0x745a17a0, 0x74d3, 0x11d0, {0xb6, 0xfe, 0x00, 0xa0, 0xc9, 0x0f, 0x57, 0xda}};
 
-// One device opened into a device information set of its own; closing it destroys the set.
-class opened_device {
+// The system's nodes, and the class icons to show for them.
+class device_node_source : public node_source {
 public:
-    virtual ~opened_device() = default;
-    [[nodiscard]] virtual GUID class_guid() = 0;
-    // The device's instance handle, valid while it is open.
-    [[nodiscard]] virtual DWORD devinst() = 0;
-    // A registry property read into 512 bytes (SPDRP_FRIENDLYNAME, SPDRP_DEVICEDESC);
-    // nothing when the call fails.
-    [[nodiscard]] virtual std::optional<std::wstring> text_property(DWORD property) = 0;
-    // The instance IDs of the node's children as the device's own property lists them
-    // (DEVPKEY_Device_Children); asked only when the configuration manager could not tell.
-    [[nodiscard]] virtual std::vector<std::wstring> child_instance_ids() = 0;
-};
-
-class device_node_source {
-public:
-    virtual ~device_node_source() = default;
-    // Empty when it cannot be read.
-    [[nodiscard]] virtual std::wstring instance_id(DWORD devinst) = 0;
-    // Null when the device cannot be opened.
-    [[nodiscard]] virtual std::unique_ptr<opened_device> open(const std::wstring& instance_id) = 0;
-    virtual CONFIGRET get_child(DWORD* child, DWORD node) = 0;
-    virtual CONFIGRET get_sibling(DWORD* sibling, DWORD node) = 0;
     [[nodiscard]] virtual device_icon class_icon(const GUID& class_guid, int icon_size) = 0;
-    // What tells the node apart from others (instance ID, vendor and product id, serial
-    // number, setup class); this one knows only what the instance ID itself says.
-    [[nodiscard]] virtual device_identity identity(const std::wstring& instance_id)
-    {
-        return identity_from_node_facts(instance_id, {}, {});
-    }
 };
 
 struct walk_options {
