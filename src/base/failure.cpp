@@ -160,23 +160,25 @@ void throw_last_error(std::source_location where)
     throw_win32(::GetLastError(), where);
 }
 
-std::wstring system_message(HRESULT code)
+std::wstring format_message(DWORD id, LANGID language, HMODULE module)
 {
-    const auto format = [](DWORD id) {
-        wchar_t* buffer = nullptr;
-        const DWORD length = ::FormatMessageW(
-            FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, id,
-            0, reinterpret_cast<wchar_t*>(&buffer), 0, nullptr);
-        unique_hlocal owner(buffer);
-        return length ? std::wstring(buffer, length) : std::wstring();
-    };
-
-    std::wstring text = format(static_cast<DWORD>(code));
-    // Not every system resolves the HRESULT form of a Win32 error; the plain code always works.
-    if (text.empty() && HRESULT_FACILITY(code) == FACILITY_WIN32)
-        text = format(HRESULT_CODE(code));
+    wchar_t* buffer = nullptr;
+    const DWORD source = module ? FORMAT_MESSAGE_FROM_HMODULE : FORMAT_MESSAGE_FROM_SYSTEM;
+    const DWORD length = ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | source,
+                                          module, id, language, reinterpret_cast<wchar_t*>(&buffer), 0, nullptr);
+    const unique_hlocal owner(buffer);
+    std::wstring text = length ? std::wstring(buffer, length) : std::wstring();
     while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r' || text.back() == L' '))
         text.pop_back();
+    return text;
+}
+
+std::wstring system_message(HRESULT code, LANGID language)
+{
+    std::wstring text = format_message(static_cast<DWORD>(code), language);
+    // Not every system resolves the HRESULT form of a Win32 error; the plain code always works.
+    if (text.empty() && HRESULT_FACILITY(code) == FACILITY_WIN32)
+        text = format_message(HRESULT_CODE(code), language);
     return text;
 }
 

@@ -112,9 +112,15 @@ T throw_last_error_if_null(T value, std::source_location where = std::source_loc
                                   : static_cast<HRESULT>((error & 0x0000FFFF) | (FACILITY_WIN32 << 16) | 0x80000000);
 }
 
-// The system's text for a code, without the trailing line break; empty when the system
-// has no text for it (callers then show their own).
-[[nodiscard]] std::wstring system_message(HRESULT code);
+// The text of a message id from the system's message table (module null) or a module's,
+// in the given language (0: the system's own choice of language), without the trailing
+// line break; empty when there is none in that language.
+[[nodiscard]] std::wstring format_message(DWORD id, LANGID language = 0, HMODULE module = nullptr);
+
+// The system's text for a code (else for its Win32 code) in the given language, without
+// the trailing line break; empty when the system has no text for it (callers then show
+// their own).
+[[nodiscard]] std::wstring system_message(HRESULT code, LANGID language = 0);
 
 // For noexcept boundaries inside a catch block: the HRESULT that stands for the exception
 // being handled (E_OUTOFMEMORY for bad_alloc, E_FAIL for anything without a code).

@@ -1,27 +1,11 @@
 #include "localization/system_text.h"
 
-#include "base/unique_handle.h"
+#include "base/failure.h"
 #include "localization/localization.h"
 
 #include <vector>
 
 namespace tessel {
-namespace {
-
-std::wstring formatted(DWORD id, LANGID language, HMODULE module)
-{
-    wchar_t* buffer = nullptr;
-    const DWORD source = module ? FORMAT_MESSAGE_FROM_HMODULE : FORMAT_MESSAGE_FROM_SYSTEM;
-    const DWORD length = ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | source,
-                                          module, id, language, reinterpret_cast<wchar_t*>(&buffer), 0, nullptr);
-    const unique_hlocal owner(buffer);
-    std::wstring text = length ? std::wstring(buffer, length) : std::wstring();
-    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r' || text.back() == L' '))
-        text.pop_back();
-    return text;
-}
-
-}  // namespace
 
 LANGID ui_language_id()
 {
@@ -47,27 +31,16 @@ LANGID ui_language_id()
 
 std::wstring message_text(DWORD id, LANGID language, HMODULE module)
 {
-    std::wstring text;
     // 0 already is the system's own order of languages.
-    if (language != 0)
-        text = formatted(id, language, module);
-    if (text.empty())
-        text = formatted(id, 0, module);
-    return text;
+    std::wstring text = language != 0 ? format_message(id, language, module) : std::wstring();
+    return text.empty() ? format_message(id, 0, module) : text;
 }
 
 std::wstring ui_system_message(HRESULT code)
 {
-    const auto in = [code](LANGID language) {
-        std::wstring text = formatted(static_cast<DWORD>(code), language, nullptr);
-        // Not every system resolves the HRESULT form of a Win32 error; the plain code always works.
-        if (text.empty() && HRESULT_FACILITY(code) == FACILITY_WIN32)
-            text = formatted(HRESULT_CODE(code), language, nullptr);
-        return text;
-    };
     const LANGID language = ui_language_id();
-    std::wstring text = language != 0 ? in(language) : std::wstring();
-    return text.empty() ? in(0) : text;
+    std::wstring text = language != 0 ? system_message(code, language) : std::wstring();
+    return text.empty() ? system_message(code) : text;
 }
 
 }  // namespace tessel

@@ -17,7 +17,7 @@ namespace tessel {
 // language. Without trailing line breaks; empty when there is no text at all.
 [[nodiscard]] std::wstring message_text(DWORD id, LANGID language, HMODULE module = nullptr);
 
-// system_message() in the UI language: the HRESULT's text, else its Win32 code's.
+// system_message() in the UI language, else in the system's own choice.
 [[nodiscard]] std::wstring ui_system_message(HRESULT code);
 
 }  // namespace tessel
