@@ -51,25 +51,43 @@ const std::locale& user_locale() noexcept
 
 }  // namespace detail
 
+namespace {
+
+// A number separator of the user's: from a locale the runtime knows by name, else from the
+// user's Windows setting, else the fallback.
+template <class From_locale>
+wchar_t user_separator(From_locale from_locale, LCTYPE windows_setting, wchar_t fallback) noexcept
+{
+    try {
+        const std::locale& locale = detail::user_locale();
+        const std::string name = locale.name();
+        if (name != "C" && name != "POSIX")
+            return from_locale(std::use_facet<std::numpunct<wchar_t>>(locale));
+    } catch (...) {
+        // A named locale without the wide facet: Windows answers instead, below.
+    }
+    wchar_t text[8] = {};
+    if (::GetLocaleInfoEx(LOCALE_NAME_USER_DEFAULT, windows_setting, text, static_cast<int>(std::size(text))) > 0)
+        return text[0];
+    return fallback;
+}
+
+}  // namespace
+
 wchar_t thousands_separator() noexcept
 {
-    // A real named locale answers for itself. Here std::locale("") is at best "C", which
-    // knows nothing of the user's settings, so Windows is asked instead.
-    static const wchar_t separator = []() noexcept -> wchar_t {
-        try {
-            const std::locale& locale = detail::user_locale();
-            const std::string name = locale.name();
-            if (name != "C" && name != "POSIX")
-                return std::use_facet<std::numpunct<wchar_t>>(locale).thousands_sep();
-        } catch (...) {
-            // A named locale without the wide facet: Windows answers instead, below.
-        }
-        wchar_t text[8] = {};
-        if (::GetLocaleInfoEx(LOCALE_NAME_USER_DEFAULT, LOCALE_STHOUSAND, text, static_cast<int>(std::size(text))) > 0)
-            return text[0];
-        return L',';
-    }();
+    // Here std::locale("") is at best "C", which knows nothing of the user's settings.
+    static const wchar_t separator =
+        user_separator([](const std::numpunct<wchar_t>& n) { return n.thousands_sep(); }, LOCALE_STHOUSAND, L',');
     return separator;
+}
+
+wchar_t decimal_separator() noexcept
+{
+    // Unlike grouping, a number always has a decimal point: an empty setting means the usual one.
+    static const wchar_t separator =
+        user_separator([](const std::numpunct<wchar_t>& n) { return n.decimal_point(); }, LOCALE_SDECIMAL, L'.');
+    return separator ? separator : L'.';
 }
 
 namespace detail {

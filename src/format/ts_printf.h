@@ -188,6 +188,8 @@ void set_default_hex_lowercase(bool lower_case) noexcept;
 // only "C") from the user's Windows setting. L'\0' when the user has chosen none (digits
 // are then not grouped); ',' when neither answers.
 [[nodiscard]] wchar_t thousands_separator() noexcept;
+// The user's decimal separator, read the same way; '.' when neither answers or it is empty.
+[[nodiscard]] wchar_t decimal_separator() noexcept;
 
 namespace detail {
 

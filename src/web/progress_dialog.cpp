@@ -15,15 +15,6 @@ constexpr UINT wm_show_progress = WM_APP + 0x150;
 constexpr int bar_range = 1000;
 constexpr std::uint64_t mebibyte = 1024 * 1024;
 
-wchar_t decimal_separator() noexcept
-{
-    static const wchar_t separator = [] {
-        wchar_t text[8] = {};
-        return ::GetLocaleInfoEx(LOCALE_NAME_USER_DEFAULT, LOCALE_SDECIMAL, text, 8) > 1 ? text[0] : L'.';
-    }();
-    return separator;
-}
-
 std::wstring time_left_text(std::uint64_t seconds)
 {
     if (seconds >= 3600)
@@ -58,7 +49,7 @@ std::optional<double> transfer_rate::bytes_per_second() const noexcept
 std::wstring size_text(std::uint64_t bytes)
 {
     const std::uint64_t tenths = (bytes * 10 + mebibyte / 2) / mebibyte;
-    return ts_printf::format(load_string(string_ids::update_size), tenths / 10, decimal_separator(), tenths % 10);
+    return ts_printf::format(load_string(string_ids::update_size), tenths / 10, ts_printf::decimal_separator(), tenths % 10);
 }
 
 std::wstring progress_text(std::uint64_t received, std::int64_t total, std::optional<double> bytes_per_second)
