@@ -71,17 +71,6 @@ std::optional<std::wstring> registry_property(HDEVINFO set, SP_DEVINFO_DATA& dat
     return value;
 }
 
-std::vector<std::wstring> split_multi_string(const std::wstring& units)
-{
-    std::vector<std::wstring> parts;
-    for (std::size_t at = 0; at < units.size() && units[at] != L'\0';) {
-        const std::size_t end = units.find(L'\0', at);
-        parts.emplace_back(units.substr(at, end - at));
-        at = end == std::wstring::npos ? units.size() : end + 1;
-    }
-    return parts;
-}
-
 }  // namespace
 
 std::wstring instance_id_of(DWORD devinst)

@@ -185,13 +185,18 @@ std::vector<std::wstring> listed_child_ids(HDEVINFO set, SP_DEVINFO_DATA& data)
                                      nullptr, 0) ||
         type != DEVPROP_TYPE_STRING_LIST)
         return {};
-    std::vector<std::wstring> ids;
+    return split_multi_string(units);
+}
+
+std::vector<std::wstring> split_multi_string(std::wstring_view units)
+{
+    std::vector<std::wstring> parts;
     for (std::size_t at = 0; at < units.size() && units[at] != L'\0';) {
         const std::size_t end = units.find(L'\0', at);
-        ids.emplace_back(units.substr(at, end - at));
-        at = end + 1;
+        parts.emplace_back(units.substr(at, end - at));
+        at = end == std::wstring_view::npos ? units.size() : end + 1;
     }
-    return ids;
+    return parts;
 }
 
 std::vector<local_node> read_local_children(const std::wstring& instance_id)

@@ -29,6 +29,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace servercfg {
@@ -91,6 +92,10 @@ struct walked_node {
 // The instance IDs that a node's children list (DEVPKEY_Device_Children) names, in its
 // order; empty when it names none or is not a string list.
 [[nodiscard]] std::vector<std::wstring> listed_child_ids(HDEVINFO set, SP_DEVINFO_DATA& data);
+
+// The strings of a list of null-terminated strings that ends with an empty one
+// (REG_MULTI_SZ, DEVPROP_TYPE_STRING_LIST), up to that empty one or the end.
+[[nodiscard]] std::vector<std::wstring> split_multi_string(std::wstring_view units);
 
 // What the console companion shows of a node below a device.
 struct local_node {
