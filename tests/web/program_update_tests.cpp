@@ -26,6 +26,8 @@
 namespace {
 
 using web_test::server;
+namespace main_ids = servercfg::main_dialog_controls;
+namespace about_ids = servercfg::about_dialog_controls;
 
 constexpr wchar_t product_title[] = L"QMX Software Ulmora Tools Server";
 constexpr wchar_t settings_key[] = L"Software\\QMX Software\\Ulmora Tools\\ServerCfg";
@@ -135,7 +137,7 @@ TEST_F(program_update, check_without_news_keeps_the_promotion_and_the_program_cl
     set_service(L"same/");
     ASSERT_NO_FATAL_FAILURE(start_program());
     HWND main_window = nullptr;
-    test_support::pump_until([&] { return (main_window = find_box(servercfg::main_dialog_controls::tree_placeholder)) != nullptr; }, 20000);
+    test_support::pump_until([&] { return (main_window = find_box(main_ids::tree_placeholder)) != nullptr; }, 20000);
     ASSERT_NE(main_window, nullptr);
     // The answer's promotion reaches the settings.
     tessel::unique_hkey promo;
@@ -146,7 +148,7 @@ TEST_F(program_update, check_without_news_keeps_the_promotion_and_the_program_cl
     }, 10000);
     EXPECT_EQ(::RegQueryValueExW(promo.get(), L"Title", nullptr, nullptr, nullptr, nullptr), ERROR_SUCCESS);
     // ...and the main window's promotion line, the title without its markup.
-    const HWND line = ::GetDlgItem(main_window, servercfg::main_dialog_controls::promotion);
+    const HWND line = ::GetDlgItem(main_window, main_ids::promotion);
     test_support::pump_until([&] { return tessel::windows::window_text(line) == L"Test offer"; }, 5000);
     EXPECT_EQ(tessel::windows::window_text(line), L"Test offer");
     ::PostMessageW(main_window, WM_CLOSE, 0, 0);
@@ -188,14 +190,12 @@ TEST_F(program_update, refused_or_failed_downloads_leave_no_file_and_the_program
         // No WM_CLOSE came with the refusal: the program stays until it is closed.
         EXPECT_EQ(program->wait(settle_ms), STILL_ACTIVE);
         HWND main_window = nullptr;
-        test_support::pump_until([&] { return (main_window = find_box(servercfg::main_dialog_controls::tree_placeholder)) != nullptr; }, 5000);
+        test_support::pump_until([&] { return (main_window = find_box(main_ids::tree_placeholder)) != nullptr; }, 5000);
         ASSERT_NE(main_window, nullptr);
         ::PostMessageW(main_window, WM_CLOSE, 0, 0);
         EXPECT_EQ(program->wait(), 0u);
     }
 }
-
-namespace main_ids = servercfg::main_dialog_controls;
 
 // The files below a folder, in any of its subfolders.
 std::size_t files_below(const std::wstring& folder)
@@ -206,7 +206,6 @@ std::size_t files_below(const std::wstring& folder)
         count += entry.is_regular_file(ignored) ? 1 : 0;
     return count;
 }
-namespace about_ids = servercfg::about_dialog_controls;
 
 // Whether upper is above lower in the Z-order.
 bool above(HWND upper, HWND lower)
